@@ -1,0 +1,35 @@
+// Reading an ACE assembly file contig by contig.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "contig.h"
+#include "text_file.h"
+
+class aceReader {
+  public:
+    std::string file_name;
+    text_file ace_stream;
+    int num_contigs = 0;
+    std::int32_t total_reads = 0;
+
+    aceReader() = default;
+    explicit aceReader(const std::string& file);
+    ~aceReader();
+    aceReader(const aceReader&) = delete;
+    aceReader& operator=(const aceReader&) = delete;
+
+    int open_file(const char* file);
+    void close_file();
+    // Fills `c` (freshly constructed) with the next contig: 1 when a whole contig was read.
+    int next_contig(contig& c);
+    // Appends up to `count` contigs to `contigs`; returns how many were appended.
+    int next_contig(std::vector<contig>& contigs, std::int16_t count);
+
+  private:
+    void read_as_line();
+    bool read_af_section(contig& c, const std::string& first_line);
+    int read_rd_section(contig& c, std::string& line);
+};

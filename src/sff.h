@@ -1,0 +1,131 @@
+// SFF (454 flowgram) files: the record layouts and their byte order, the file reader with
+// its read index, and the sequence read cut to a read's kept bases.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "binary_file.h"
+
+// Fixed part of the common header: the first 31 bytes of the file.
+struct sff_header_p1 {
+    unsigned char magic_number[4] = {0, 0, 0, 0};
+    signed char version[4] = {0, 0, 0, 0};
+    std::uint64_t index_offset = 0;
+    std::uint32_t index_length = 0;
+    std::uint32_t number_of_reads = 0;
+    std::uint16_t header_length = 0;
+    std::uint16_t key_length = 0;
+    std::uint16_t number_of_flows_per_read = 0;
+    std::int8_t flowgram_format_code = 0;
+
+    static constexpr std::size_t size = 31;
+    // Takes the 31 bytes in file order; numbers stay in file byte order until var_endian_swap.
+    void load(const unsigned char* bytes);
+    void var_endian_swap();
+    void print(std::ostream& out) const;
+};
+
+// Variable part of the common header: flow characters and key sequence (not terminated).
+struct sff_header_p2 {
+    std::vector<char> flow_chars;
+    std::vector<char> key_sequence;
+
+    // Counts are 16-bit; a count beyond 32767 is taken as the unsigned value of its bits, so
+    // that the buffers always match the header's unsigned fields.
+    void alloc_space(std::int16_t flow_count, std::int16_t key_len);
+    void print(std::ostream& out, std::int16_t flow_count, std::int16_t key_len) const;
+};
+
+// One read record. The buffers are replaced whole; their sizes are the counts of the
+// header fields, except where the reader bounded them by the bytes left in the file.
+struct sff_read {
+    std::uint16_t read_header_length = 0;
+    std::uint16_t name_length = 0;
+    std::uint32_t number_of_bases = 0;
+    std::uint16_t clip_qual_left = 0;
+    std::uint16_t clip_qual_right = 0;
+    std::uint16_t clip_adapter_left = 0;
+    std::uint16_t clip_adapter_right = 0;
+    std::uint16_t numOfFlows = 0;
+    std::vector<char> name;
+    std::vector<std::uint16_t> flowgram_values;
+    std::vector<std::uint8_t> flow_index_per_base;
+    std::vector<char> bases;
+    std::vector<std::uint8_t> quality_scores;
+
+    static constexpr std::size_t header_size = 16;
+
+    sff_read();
+    explicit sff_read(std::uint16_t flow_count);
+
+    // Takes the 16 read-header bytes in file order.
+    void load_header(const unsigned char* bytes);
+    void set_numOfFlows(std::uint16_t flow_count);
+    void set_read_space();
+    // As set_read_space, with no buffer larger than `limit` elements.
+    void set_read_space(std::uint64_t limit);
+    void free_space();
+    void var_endian_swap();
+    std::int16_t get_base_start() const;
+    std::int16_t get_base_end() const;
+    void map_flow_num(std::vector<std::int16_t>& flow_nums,
+                      std::vector<std::int16_t>& run_lengths) const;
+    void print_header(std::ostream& out) const;
+    void print_read(std::ostream& out) const;
+
+    // Bases whose per-base values are all held (number_of_bases unless bounded).
+    std::size_t bases_held() const;
+};
+
+// A read's name and, for its kept bases only, the bases, quality scores and absolute flow
+// numbers.
+class seqRead {
+  public:
+    std::string name;
+    std::vector<char> bases;
+    std::vector<std::int16_t> quality_scores;
+    std::vector<std::int16_t> flow_indexes;
+
+    seqRead() = default;
+    explicit seqRead(const sff_read& read);
+    void assign(const sff_read& read);
+};
+
+// Read name (byte-wise order) to the byte offset of the read's record.
+using read_index = std::map<std::string, std::int64_t>;
+
+class reader {
+  public:
+    binary_file sff_file;
+    std::string file_name;
+    bool swap_bytes = true;
+    sff_header_p1 header_p1;
+    sff_header_p2 header_p2;
+    sff_read cur_read;
+    std::uint64_t reads_done = 0;
+    // Set once a header read on this reader has succeeded: until then the header fields
+    // bound nothing and no walk over the records is made.
+    bool header_known = false;
+
+    explicit reader(const std::string& name);
+    reader(const reader&) = delete;
+    reader& operator=(const reader&) = delete;
+
+    bool check_magic_number();
+    void print_file_size();
+    bool get_header();
+    bool build_read_index(read_index& index);
+    bool get_next_read(read_index& index);
+    bool get_next_read();
+    void get_read(const std::int64_t& pos, seqRead& out);
+
+  private:
+    bool read_fixed(void* dst, std::size_t n);
+    bool next_record(read_index* index);
+    void read_record_body();
+    void read_record_data();
+};
