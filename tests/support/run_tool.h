@@ -1,0 +1,52 @@
+// Running the Sorvexa binary as a child process, and the scratch-directory helpers that the
+// end-to-end tests need around it.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace fixture {
+
+struct run_result {
+    int status = -1;  // exit status, or minus the signal number when the child was killed
+    std::string out;
+    std::string err;
+};
+
+// Runs `binary` with `args` (argv[0] not included) in the directory `cwd`, no shell
+// involved. Output goes to unlinked temporary files rather than pipes so that a chatty
+// child can never block on a full pipe.
+run_result run_binary(const std::string& binary, const std::vector<std::string>& args,
+                      const std::string& cwd);
+
+#ifdef SORVEXA_BIN
+// The binary under test; its path is compiled into each test executable, not into this
+// library, so the library can be linked by tools built without the binary.
+inline run_result run_tool(const std::vector<std::string>& args, const std::string& cwd = ".") {
+    return run_binary(SORVEXA_BIN, args, cwd);
+}
+#endif
+
+// A fresh directory under $TMPDIR (or /tmp), removed with its contents on destruction.
+class temp_dir {
+  public:
+    temp_dir();
+    ~temp_dir();
+    temp_dir(const temp_dir&) = delete;
+    temp_dir& operator=(const temp_dir&) = delete;
+
+    const std::string& path() const { return path_; }
+    // `name` relative to the directory.
+    std::string operator/(std::string_view name) const;
+
+  private:
+    std::string path_;
+};
+
+void write_text(const std::string& path, std::string_view text);
+// The whole file as bytes; empty when it cannot be read.
+std::string read_file(const std::string& path);
+bool file_exists(const std::string& path);
+
+}  // namespace fixture

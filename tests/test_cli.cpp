@@ -1,0 +1,354 @@
+// The command line and whole runs of the binary, checked byte for byte on both output
+// streams, the exit status and both output files.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <filesystem>
+#include <regex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "run_tool.h"
+#include "sff_builder.h"
+
+namespace {
+
+using fixture::file_exists;
+using fixture::read_file;
+using fixture::run_tool;
+using fixture::temp_dir;
+using fixture::write_text;
+
+const std::string kUsage = "\nUsage: ./Sorvexa [options] aceFile sffFile_1 [sffFile_2 ...]\n\n" +
+                           std::string(26, '.') + "PARAMETERS" + std::string(30, '.') +
+                           "\n"
+                           " aceFile  -- an genome assembly file in ACE format\n"
+                           " sffFile* -- one or more binary 454 SFF files\n\n" +
+                           std::string(28, '.') + "OPTIONS" + std::string(31, '.') +
+                           "\n"
+                           " -h       -- Print usage information and exit\n"
+                           " -v       -- Print version information and exit\n"
+                           " -f       -- Output flowgram indexes and values, default: NO\n" +
+                           std::string(66, '.') + "\n\n";
+
+const std::string kVersionHead =
+    "Sorvexa is an assistant program for Korvane. It extracts read information \n"
+    "        from one or more SFF files for all reads from the ACE file. There are two \n"
+    "        output files: <PREFIX>.krv and <PREFIX>.reads, where <PREFIX> is the\n"
+    "        basename of the input ACE file. <PREFIX>.reads contains all reads\n"
+    "        information, and <PREFIX>.krv is location index of the <PREFIX>.reads.\n"
+    "        Both files are optional input files for Korvane.\n"
+    "\n"
+    "Sorvexa (Version 1.1)\t";
+
+// The attribution line between `head` and `tail` of `text`; a failure when `text` is not
+// framed so or the attribution spans lines.
+std::string attribution_after(const std::string& text, const std::string& head,
+                              const std::string& tail = "\n") {
+    const std::size_t n = head.size() + tail.size();
+    const bool framed = text.size() >= n && text.starts_with(head) && text.ends_with(tail);
+    const std::string attr = framed ? text.substr(head.size(), text.size() - n) : "\n";
+    EXPECT_EQ(attr.find('\n'), std::string::npos) << "got\n" << text;
+    return attr;
+}
+
+std::string version_attribution() {
+    return attribution_after(run_tool({"-v"}).out, kVersionHead);
+}
+
+// Reads for files with 12 flows TACG TACG TACG.
+fixture::sff_read_spec flow_read(std::string name, std::string bases,
+                                 std::vector<std::uint8_t> incs, std::vector<std::uint8_t> quals,
+                                 std::vector<std::uint16_t> flowgram,
+                                 std::uint16_t clip_qual_left = 0) {
+    fixture::sff_read_spec r;
+    r.name = std::move(name);
+    r.bases = std::move(bases);
+    r.flow_index_per_base = std::move(incs);
+    r.quality = std::move(quals);
+    r.flowgram = std::move(flowgram);
+    r.clip_qual_left = clip_qual_left;
+    return r;
+}
+
+void write_sff(const std::string& path, std::vector<fixture::sff_read_spec> reads,
+               bool little_endian = false) {
+    fixture::sff_file_spec f;
+    f.little_endian = little_endian;
+    f.number_of_flows_per_read = 12;
+    f.reads = std::move(reads);
+    ASSERT_TRUE(fixture::write_file(path, fixture::build_sff(f)));
+}
+
+const fixture::sff_read_spec kRdA =
+    flow_read("rdA", "TCAGTTA", {1, 2, 3, 2, 1, 0, 1}, {20, 21, 22, 23, 35, 35, 28},
+              {101, 3, 98, 5, 2, 103, 4, 99, 197, 102, 6, 3}, 5);
+const fixture::sff_read_spec kRdC =
+    flow_read("rdC", "GA", {4, 2}, {30, 30}, {0, 2, 4, 96, 3, 104, 1, 300, 2, 3, 4, 65535});
+
+struct ace_contig {
+    std::string name;
+    std::vector<std::string> reads;
+};
+
+// One contig in the section order the reader insists on. A contig without reads still
+// needs its AF, BS and RD tag lines.
+std::string contig_text(const ace_contig& c) {
+    std::string t = "CO " + c.name + " 8 " + std::to_string(c.reads.size()) +
+                    " 1 U\nACGT*CGT\n\nBQ\n20 20 20 20 20 20 20\n\n";
+    for (const auto& r : c.reads) t += "AF " + r + " U 1\n";
+    if (c.reads.empty()) t += "AF\n";
+    t += "BS 1 8 " + (c.reads.empty() ? std::string("x") : c.reads.front()) + "\n\n";
+    for (const auto& r : c.reads) {
+        t += "RD " + r + " 4 0 0\nAC\nGT\n\nQA 1 4 1 4\nDS CHROMAT_FILE: " + r + "\n\n";
+    }
+    if (c.reads.empty()) t += "RD\n\n";
+    return t;
+}
+
+std::string ace_text(const std::vector<ace_contig>& contigs, const std::string& extra = "") {
+    std::string t = "AS " + std::to_string(contigs.size()) + " 9\n\n";
+    for (const auto& c : contigs) t += contig_text(c);
+    return t + extra;
+}
+
+std::string summary(const std::string& prefix, const std::string& attribution) {
+    return "Done! Two output files are:\n\n Korvane KRV file:\t" + prefix +
+           ".krv\n Korvane READS file:\t" + prefix + ".reads\nSorvexa (1.1)\t" + attribution +
+           "\n\n";
+}
+
+void expect_result(const fixture::run_result& r, int status, const std::string& out,
+                   const std::string& err) {
+    EXPECT_EQ(r.status, status);
+    EXPECT_EQ(r.out, out);
+    EXPECT_EQ(r.err, err);
+}
+
+// Output files named after `prefix` (relative to the scratch directory).
+struct outputs {
+    std::string reads, krv;
+};
+outputs outputs_of(const temp_dir& d, const std::string& prefix) {
+    return {read_file(d / (prefix + ".reads")), read_file(d / (prefix + ".krv"))};
+}
+
+TEST(Cli, OptionsDecideBetweenUsageVersionAndRun) {
+    temp_dir d;
+    write_text(d / "a.ace", ace_text({{"c", {"rdA"}}}));
+    write_sff(d / "b.sff", {kRdA});
+    struct row {
+        std::vector<std::string> args;
+        bool usage, version;
+        std::string err;
+    };
+    const std::string bad = "Unreconized switch: ";
+    const std::vector<row> rows = {
+        {{}, true, true, ""},
+        {{"-h"}, true, true, ""},
+        {{"a.ace"}, true, true, ""},
+        {{"-f", "a.ace"}, true, true, ""},
+        {{"-v"}, false, true, ""},
+        {{"-fV"}, false, true, ""},
+        {{"-h", "a.ace", "b.sff"}, true, false, ""},
+        {{"-H", "a.ace", "b.sff"}, true, false, ""},
+        {{"-hv", "a.ace", "b.sff"}, true, true, ""},
+        {{"-f", "-v", "a.ace", "b.sff"}, false, true, ""},
+        {{"-v", "a.ace", "-h"}, false, true, ""},
+        {{"-h", "-", "b.sff"}, true, false, ""},
+        {{"-F", "a.ace", "b.sff"}, true, false, bad + "F\n"},
+        {{"--", "a.ace", "b.sff"}, true, false, bad + "-\n"},
+        {{"-xfy", "a.ace", "b.sff"}, true, false, bad + "x\n" + bad + "y\n"},
+        {{"-F"}, true, true, bad + "F\n"},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(::testing::PrintToString(r.args));
+        auto res = run_tool(r.args, d.path());
+        EXPECT_EQ(res.status, 0);
+        EXPECT_EQ(res.err, r.err);
+        std::string out = res.out;
+        if (r.usage) {
+            EXPECT_TRUE(out.starts_with(kUsage)) << out;
+            out.erase(0, std::min(out.size(), kUsage.size()));
+        }
+        if (r.version) {
+            attribution_after(out, kVersionHead);
+        } else {
+            EXPECT_EQ(out, "");
+        }
+        EXPECT_FALSE(file_exists(d / "a.reads") || file_exists(d / "a.krv"));
+    }
+}
+
+TEST(Cli, InputsThatCannotBeOpenedEndTheRunBeforeAnyOutput) {
+    temp_dir d;
+    write_text(d / "a.ace", ace_text({{"c", {"rdA"}}}));
+    write_sff(d / "b.sff", {kRdA});
+    write_text(d / "bad.sff", std::string(40, 'x'));
+    write_text(d / "n.ace", "\n  ZZ 1 1\n");
+    const std::vector<std::pair<std::vector<std::string>, std::string>> rows = {
+        // Options end at the first operand, so "-f" here names an SFF file.
+        {{"a.ace", "-f", "b.sff"}, "fail to open file -f\n"},
+        {{"nope.ace", "b.sff"}, "The file: nope.ace can not be opened\n"},
+        // Every SFF file is indexed before the ACE file is looked at.
+        {{"nope.ace", "b.sff", "nope.sff"}, "fail to open file nope.sff\n"},
+        {{"a.ace", "bad.sff"}, "The input file bad.sff is not a SFF file\n"},
+        {{"n.ace", "b.sff"}, "Error: the input file n.ace does not like an ACE file\n"},
+    };
+    for (const auto& [args, err] : rows) {
+        SCOPED_TRACE(::testing::PrintToString(args));
+        expect_result(run_tool(args, d.path()), 1, "", err);
+        for (const char* f : {"a.reads", "a.krv", "nope.reads", "nope.krv", "n.reads"}) {
+            EXPECT_FALSE(file_exists(d / f)) << f;
+        }
+    }
+    // Given a file of that name, "-f" is read as SFF data and the run stays in mode 1.
+    write_sff(d / "-f", {});
+    EXPECT_EQ(run_tool({"a.ace", "-f", "b.sff"}, d.path()).status, 0);
+    EXPECT_EQ(read_file(d / "a.reads"), ">c\t1\t1\nrdA\t1\n35\t35\t28\n");
+}
+
+TEST(Cli, OutputsAreNamedAfterTheAcePath) {
+    temp_dir d;
+    write_sff(d / "s.sff", {kRdA});
+    const std::string attribution = version_attribution();
+    const std::vector<std::pair<std::string, std::string>> rows = {
+        {"dir/x.ace", "dir/x"}, {"x.ace.bak", "x"}, {"x.Ace", "x.Ace"},   {"run1.ACE", "run1"},
+        {"x.fasta", "x.fasta"}, {"y.ace.ACE", "y"}, {"d.ace/plain", "d"}, {"-", "-"},
+    };
+    for (const auto& [ace, prefix] : rows) {
+        SCOPED_TRACE(ace);
+        std::filesystem::create_directories(std::filesystem::path(d / ace).parent_path());
+        write_text(d / ace, ace_text({{"c", {"rdA"}}}));
+        expect_result(run_tool({ace, "s.sff"}, d.path()), 0, summary(prefix, attribution), "");
+        auto o = outputs_of(d, prefix);
+        EXPECT_EQ(o.reads, ">c\t1\t1\nrdA\t1\n35\t35\t28\n");
+        EXPECT_EQ(o.krv, "c\t7\t1\t1\n");
+    }
+}
+
+TEST(Run, TwoContigExampleInBothModesAndByteOrders) {
+    temp_dir d;
+    write_text(d / "two.ace", ace_text({{"Contig1", {"rdA", "rdB"}}, {"Contig2", {"rdC"}}}));
+    write_sff(d / "be.sff", {kRdC, kRdA});
+    write_sff(d / "le.sff", {kRdC, kRdA}, true);
+
+    const std::string c1 =
+        ">Contig1\t2\t3\nrdA\t1\n35\t35\t28\n8\t8\t9\n101\t3\t98\t5\t2\t103\t4\t99\t197\t102\t6\t3"
+        "\n";
+    const std::string c2 =
+        ">Contig2\t1\t3\nrdC\t1\n30\t30\n3\t5\n0\t2\t4\t96\t3\t104\t1\t300\t2\t3\t4\t65535\n";
+    const std::string krv3 =
+        "Contig1\t13\t2\t3\nContig2\t" + std::to_string(c1.size() + 13) + "\t1\t3\n";
+    for (const char* sff : {"be.sff", "le.sff"}) {
+        SCOPED_TRACE(sff);
+        EXPECT_EQ(run_tool({"-f", "two.ace", sff}, d.path()).status, 0);
+        auto o = outputs_of(d, "two");
+        EXPECT_EQ(o.reads, c1 + c2);
+        EXPECT_EQ(o.krv, krv3);
+    }
+    // Shorter output over the longer one: the files are truncated, not overwritten in place.
+    expect_result(run_tool({"two.ace", "be.sff"}, d.path()), 0,
+                  summary("two", version_attribution()), "");
+    auto o = outputs_of(d, "two");
+    EXPECT_EQ(o.reads, ">Contig1\t2\t1\nrdA\t1\n35\t35\t28\n>Contig2\t1\t1\nrdC\t1\n30\t30\n");
+    EXPECT_EQ(o.krv, "Contig1\t13\t2\t1\nContig2\t41\t1\t1\n");
+}
+
+TEST(Run, RecordsAreGroupedBySffFileThenByName) {
+    temp_dir d;
+    auto fg = [](std::uint16_t value) { return std::vector<std::uint16_t>(12, value); };
+    // Records out of name order in the file; rdB in both files with different scores.
+    write_sff(
+        d / "s1.sff",
+        {flow_read("zz", "C", {3}, {14}, fg(10)), flow_read("rdB", "A", {2}, {11}, fg(20)),
+         flow_read("mm", "TT", {1, 0}, {12, 13}, fg(30)), flow_read("e0", "", {}, {}, fg(40))});
+    write_sff(
+        d / "s2.sff",
+        {flow_read("aa", "AC", {2, 1}, {15, 16}, fg(50)), flow_read("rdB", "G", {4}, {22}, fg(60))},
+        true);
+    write_text(d / "m.ace", ace_text({{"Empty", {}},
+                                      {"Lost", {"gone1", "gone2"}},
+                                      {"Mix", {"zz", "nope", "rdB", "aa", "mm", "e0"}},
+                                      {"Tail", {"aa"}}}));
+    auto flow_line = [](std::uint16_t value) {
+        const std::string v = std::to_string(value);
+        std::string s = v;
+        for (int k = 1; k < 12; ++k) s += "\t" + v;
+        return s + "\n";
+    };
+    for (int mode : {1, 3}) {
+        SCOPED_TRACE(mode);
+        std::string reads, krv;
+        auto header = [&](const std::string& name, int count) {
+            reads += ">" + name + "\t" + std::to_string(count) + "\t" + std::to_string(mode) + "\n";
+            krv += name + "\t" + std::to_string(reads.size()) + "\t" + std::to_string(count) +
+                   "\t" + std::to_string(mode) + "\n";
+        };
+        auto record = [&](const std::string& name, const std::string& quals,
+                          const std::string& flows, std::uint16_t fg_base) {
+            reads += name + "\t1\n" + quals + "\n";
+            if (mode == 3) reads += flows + "\n" + flow_line(fg_base);
+        };
+        header("Empty", 0);
+        header("Lost", 2);
+        header("Mix", 6);
+        record("e0", "", "", 40);
+        record("mm", "12\t13", "0\t0", 30);
+        record("rdB", "11", "1", 20);
+        record("zz", "14", "2", 10);
+        record("aa", "15\t16", "1\t2", 50);
+        header("Tail", 1);
+        record("aa", "15\t16", "1\t2", 50);
+
+        auto args = std::vector<std::string>{"m.ace", "s1.sff", "s2.sff"};
+        if (mode == 3) args.insert(args.begin(), "-f");
+        EXPECT_EQ(run_tool(args, d.path()).status, 0);
+        auto o = outputs_of(d, "m");
+        EXPECT_EQ(o.reads, reads);
+        EXPECT_EQ(o.krv, krv);
+    }
+}
+
+TEST(Run, FatalErrorsKeepWhatWasWritten) {
+    temp_dir d;
+    write_sff(d / "s.sff", {kRdA});
+    const std::string good = ace_text({{"c", {"rdA"}}});
+    std::string bad = contig_text({"Bad", {"rdX"}});
+    bad.replace(bad.find("RD rdX"), 6, "RD rdY");
+    write_text(d / "x.ace", ace_text({{"Contig1", {"rdA"}}}, bad));
+    expect_result(run_tool({"x.ace", "s.sff"}, d.path()), 1, "",
+                  "Error: AF tag for read rdY is missing\n");
+    auto o = outputs_of(d, "x");
+    EXPECT_EQ(o.reads, ">Contig1\t1\t1\nrdA\t1\n35\t35\t28\n");
+    EXPECT_EQ(o.krv, "Contig1\t13\t1\t1\n");
+
+    // An output path taken by a directory. The location index is opened before the reads
+    // file is checked, so it exists even when the reads file is the one that failed.
+    for (const char* taken : {"y.reads", "z.krv"}) {
+        SCOPED_TRACE(taken);
+        const std::string prefix(taken, 1);
+        write_text(d / (prefix + ".ace"), good);
+        std::filesystem::create_directory(d / taken);
+        expect_result(run_tool({prefix + ".ace", "s.sff"}, d.path()), 1, "",
+                      std::string("can not open file ") + taken + "\n");
+        EXPECT_TRUE(file_exists(d / (prefix + ".reads")) && file_exists(d / (prefix + ".krv")));
+    }
+}
+
+TEST(Run, CarriageReturnsHideEveryContig) {
+    temp_dir d;
+    write_sff(d / "s.sff", {kRdA});
+    const std::string lf = ace_text({{"Contig1", {"rdA"}}, {"Contig2", {}}});
+    write_text(d / "w.ace", std::regex_replace(lf, std::regex("\n"), "\r\n"));
+    expect_result(run_tool({"w.ace", "s.sff"}, d.path()), 0, summary("w", version_attribution()),
+                  "");
+    ASSERT_TRUE(file_exists(d / "w.reads") && file_exists(d / "w.krv"));
+    auto o = outputs_of(d, "w");
+    EXPECT_EQ(o.reads + o.krv, "");
+}
+
+}  // namespace
