@@ -1,0 +1,216 @@
+// The contig in flow space: the flow consensus built from where the reads' runs begin, the
+// column-to-flow lookups, and the per-row flow counts of a window.
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "contig.h"
+#include "contig_builder.h"
+
+namespace {
+
+using fixture::make_contig;
+using fixture::placed_read;
+
+using flow_table = std::vector<std::map<char, std::int32_t>>;
+using counts = std::vector<std::vector<std::int16_t>>;
+
+std::string flows_of(const contig& c) {
+    return {c.flow_consensus.begin(), c.flow_consensus.end()};
+}
+
+struct alignment {
+    counts flow_counts;
+    std::vector<std::map<std::int32_t, fRead>> flow_rows;
+};
+
+alignment align(contig& c, std::int32_t from, int width) {
+    alignment a;
+    c.align_flow(a.flow_counts, a.flow_rows, from, width);
+    return a;
+}
+
+// One bracket per row: "last_flow:name(flow_start,flow_end)" for each entry.
+std::string rows_of(const alignment& a) {
+    std::string text;
+    for (const auto& row : a.flow_rows) {
+        text += '[';
+        for (const auto& [key, r] : row) {
+            if (text.back() != '[') text += ' ';
+            text += std::to_string(key) + ':' + r.name + '(' + std::to_string(r.flow_start) + ',' +
+                    std::to_string(r.flow_end) + ')';
+        }
+        text += ']';
+    }
+    return text;
+}
+
+TEST(FlowConsensus, OpensAFlowWhereverARunBegins) {
+    struct build_case {
+        std::string consensus;
+        std::vector<placed_read> reads;
+        std::string flows;
+        flow_table index;
+    };
+    const std::vector<build_case> cases = {
+        {"ACGT", {{"r", 1, "ACGT"}}, "ACGT", {{{'A', 0}}, {{'C', 1}}, {{'G', 2}}, {{'T', 3}}}},
+        {"AAC", {{"r", 1, "AAC"}}, "AC", {{{'A', 0}}, {}, {{'C', 1}}}},
+        {"ACC",
+         {{"r1", 1, "ACC"}, {"r2", 1, "AGG"}},
+         "ACG",
+         {{{'A', 0}}, {{'C', 1}, {'G', 2}}, {}}},
+        // A pad splits a run in two, and both halves fall into the same flow.
+        {"A*A", {{"r", 1, "A*A"}}, "A", {{{'A', 0}}, {}, {{'A', 0}}}},
+        // Flow 0 is T when the consensus opens with a pad or an unknown base.
+        {"*CG", {{"r", 1, "ACG"}}, "TACG", {{{'A', 1}}, {{'C', 2}}, {{'G', 3}}}},
+        {"NCG", {{"r", 1, "ACG"}}, "TACG", {{{'A', 1}}, {{'C', 2}}, {{'G', 3}}}},
+        {"nCG", {{"r", 1, "ACG"}}, "TACG", {{{'A', 1}}, {{'C', 2}}, {{'G', 3}}}},
+        // Any other first character is taken as stored, lower case included.
+        {"acg", {{"r", 1, "ACG"}}, "aACG", {{{'A', 1}}, {{'C', 2}}, {{'G', 3}}}},
+        // The column {A, C} follows flow C: A opens a flow, C joins it instead of the old one.
+        {"CA", {{"r1", 1, "CA"}, {"r2", 2, "C"}}, "CA", {{{'C', 0}}, {{'A', 1}, {'C', 1}}}},
+        // An N is read as the consensus base, or as a letter of its own when that base would
+        // merge it into a neighbouring run.
+        {"AGC", {{"r", 1, "ANC"}}, "AGC", {{{'A', 0}}, {{'G', 1}}, {{'C', 2}}}},
+        {"AAA", {{"r", 1, "ANA"}}, "ATA", {{{'A', 0}}, {{'T', 1}}, {{'A', 2}}}},
+        {"AAA", {{"r", 1, "NAA"}}, "ATA", {{{'T', 1}}, {{'A', 2}}, {}}},
+        {"AA", {{"r", 1, "NA"}}, "A", {{{'A', 0}}, {}}},  // too short for the neighbour test
+        // Bases before column 1 and after the last column open no flows.
+        {"CG", {{"r", 0, "ACG"}, {"s", 2, "GTT"}}, "CG", {{{'C', 0}}, {{'G', 1}}}},
+    };
+    for (const build_case& k : cases) {
+        contig c = make_contig(k.consensus, k.reads);
+        c.create_flow_concensus();
+        const std::string label = k.consensus + " / " + k.reads.front().sequence;
+        EXPECT_EQ(flows_of(c), k.flows) << label;
+        EXPECT_EQ(c.flow_index, k.index) << label;
+    }
+}
+
+TEST(FlowConsensus, LookupsFindTheNearestColumnWithFlows) {
+    contig c = make_contig("ACC", {{"r1", 1, "ACC"}, {"r2", 1, "AGG"}});
+    c.create_flow_concensus();
+    EXPECT_EQ(c.getFlowIdx_start(1), 1);
+    EXPECT_EQ(c.getFlowIdx_end(1), 2);
+    EXPECT_EQ(c.getFlowIdx_start(2), 1);  // no run begins at index 2: index 1 answers
+    EXPECT_EQ(c.getFlowIdx_end(2), 2);
+    EXPECT_EQ(c.getFlowIdx_start(-1), 0);  // outside the table
+    EXPECT_EQ(c.getFlowIdx_end(3), 0);
+
+    contig runs = make_contig("AAC", {{"r", 1, "AAC"}});
+    runs.create_flow_concensus();
+    EXPECT_EQ(runs.getFlowIdx_start(1), 0);
+    EXPECT_EQ(runs.getFlowIdx_end(1), 0);
+    EXPECT_EQ(runs.getFlowIdx_end(2), 1);
+
+    contig padded = make_contig("*AC", {{"r", 2, "AC"}});
+    padded.create_flow_concensus();
+    EXPECT_EQ(padded.getFlowIdx_start(0), 0);  // flow 0 is T, but no run begins at index 0
+    EXPECT_EQ(padded.getFlowIdx_end(0), 0);
+
+    contig empty = make_contig("ACGT");
+    empty.create_flow_concensus();
+    EXPECT_TRUE(empty.flow_consensus.empty());
+    EXPECT_TRUE(empty.flow_index.empty());
+    EXPECT_EQ(empty.getFlowIdx_start(0), 0);
+}
+
+TEST(FlowAlignment, RunsAreCountedWhole) {
+    // A window inside a run counts the bases on both sides of it, pads passing uncounted.
+    contig inside = make_contig("CAA*AG", {{"r", 1, "CAA*AG"}, {"s", 6, "G"}});
+    alignment a = align(inside, 3, 1);
+    EXPECT_EQ(flows_of(inside), "CAG");
+    EXPECT_EQ(a.flow_counts, (counts{{3}}));
+    EXPECT_EQ(rows_of(a), "[0:r(0,0)][]");  // every layout row gets its map
+
+    // A window opening on a pad moves back over pads only, not into the run before them.
+    contig pad = make_contig("AA*CC", {{"r", 1, "AA*CC"}});
+    a = align(pad, 3, 3);
+    EXPECT_EQ(a.flow_counts, (counts{{0}, {2}}));
+    EXPECT_EQ(rows_of(a), "[1:r(0,1)]");
+    a = align(pad, 2, 4);
+    EXPECT_EQ(a.flow_counts, (counts{{2}, {2}}));
+}
+
+TEST(FlowAlignment, RowsWithoutAFlowArePaddedOnlyBelowLaterRows) {
+    contig c =
+        make_contig("ACGT", {{"a", 1, "ACGT"}, {"b", 1, "A"}, {"c", 1, "ACGT"}, {"d", 1, "A"}});
+    alignment a = align(c, 3, 2);
+    EXPECT_EQ(a.flow_counts, (counts{{1, -1, 1}, {1, -1, 1}}));
+    EXPECT_EQ(rows_of(a), "[1:a(0,1)][][1:c(0,1)][]");
+}
+
+TEST(FlowAlignment, LaterReadOfARowOverwritesASharedFlow) {
+    contig c = make_contig("ACCCG", {{"x", 1, "AC"}, {"y", 3, "CC"}});
+    alignment a = align(c, 1, 5);
+    ASSERT_EQ(c.print_map.size(), 1u);
+    EXPECT_EQ(a.flow_counts, (counts{{1}, {2}}));
+    EXPECT_EQ(rows_of(a), "[1:y(1,1)]");  // both end on flow 1; the later read stays
+}
+
+TEST(FlowAlignment, ShortestReadBoundsTheStartsAligned) {
+    const std::vector<placed_read> reads = {
+        {"long", 1, "ACGTAC"}, {"edge", 3, "GTA"}, {"late", 4, "TAC"}};
+    contig c = make_contig("ACGTAC", reads);
+    alignment a = align(c, 1, 5);
+    // "late" starts after column 5 - 3 + 1 and is not aligned although it overlaps.
+    EXPECT_EQ(a.flow_counts, (counts{{1}, {1}, {1, 1}, {1, 1}, {1, 1}}));
+    EXPECT_EQ(rows_of(a), "[4:long(0,4)][4:edge(2,4)][]");
+
+    contig unbounded = make_contig("ACGTAC", reads);
+    unbounded.create_print_map();
+    unbounded.min_read_len = 0;
+    a = align(unbounded, 1, 5);
+    EXPECT_EQ(a.flow_counts, (counts{{1}, {1}, {1, 1}, {1, 1, 1}, {1, 1, 1}}));
+    EXPECT_EQ(rows_of(a), "[4:long(0,4)][4:edge(2,4)][4:late(3,4)]");
+}
+
+TEST(FlowAlignment, WindowLimits) {
+    // A read starting before column 1 is never aligned, even in a layout that names it.
+    contig c = make_contig("ACGT", {{"pre", 0, "TACGT"}, {"r", 1, "ACGT"}});
+    c.create_print_map();
+    ASSERT_EQ(c.print_map, (std::vector<layout_row>{{{1, "r"}}}));
+    c.print_map = {{{0, "pre"}}, {{1, "r"}}};
+    alignment a = align(c, 1, 4);
+    EXPECT_EQ(a.flow_counts, (counts{{-1, 1}, {-1, 1}, {-1, 1}, {-1, 1}}));
+    EXPECT_EQ(rows_of(a), "[][3:r(0,3)]");
+
+    // A window starting after the last column is the window at the last column.
+    contig tail = make_contig("ACGT", {{"r", 1, "ACGT"}, {"s", 3, "GT"}});
+    const alignment at_end = align(tail, 4, 1);
+    const alignment past_end = align(tail, 9, 1);
+    EXPECT_EQ(at_end.flow_counts, (counts{{1, 1}}));
+    EXPECT_EQ(rows_of(at_end), "[0:r(0,0)][0:s(0,0)]");
+    EXPECT_EQ(past_end.flow_counts, at_end.flow_counts);
+    EXPECT_EQ(rows_of(past_end), rows_of(at_end));
+}
+
+TEST(FlowAlignment, UnknownAndLowerCaseBases) {
+    // The N after C ends the C flow; the T flow it stands for skips it, and A counts on.
+    contig n = make_contig("CAAAG", {{"r", 1, "CNAAG"}});
+    alignment a = align(n, 1, 5);
+    EXPECT_EQ(flows_of(n), "CTAG");
+    EXPECT_EQ(a.flow_counts, (counts{{1}, {0}, {2}, {1}}));
+    EXPECT_EQ(rows_of(a), "[3:r(0,3)]");
+
+    // A lower-case base matches no flow: it stops its own run and every flow after it.
+    contig lower = make_contig("CAAG", {{"r", 1, "CAaG"}});
+    a = align(lower, 1, 4);
+    EXPECT_EQ(flows_of(lower), "CAG");
+    EXPECT_EQ(a.flow_counts, (counts{{1}, {1}, {0}}));
+}
+
+TEST(FlowAlignment, NothingToAlignWithoutReadsOrConsensus) {
+    for (contig c : {make_contig("", {{"r", 1, "ACGT"}}), make_contig("ACGT")}) {
+        const alignment a = align(c, 1, 4);
+        EXPECT_TRUE(a.flow_counts.empty());
+        EXPECT_TRUE(a.flow_rows.empty());
+        EXPECT_TRUE(c.flow_consensus.empty());
+    }
+}
+
+}  // namespace

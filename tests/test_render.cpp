@@ -1,0 +1,258 @@
+// Drawing a contig: flow maps of a window in plain text and HTML, colouring of sequences,
+// base-space alignment maps of the whole contig or a window, and the window as a grid.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <map>
+#include <sstream>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "contig.h"
+#include "contig_builder.h"
+
+namespace {
+
+using fixture::chars;
+using fixture::make_contig;
+
+using names = std::vector<std::string>;
+
+const color_map_t kColours = {{'A', "green"}, {'C', "blue"}, {'G', "black"}, {'T', "red"}};
+
+enum class variant { plain, html, html_space };
+
+struct drawing {
+    std::string text;
+    names read_names;
+};
+
+drawing flow_map(contig& c, variant v, std::int32_t from, int width,
+                 color_map_t colours = kColours) {
+    drawing d;
+    if (v == variant::plain) c.print_flow_map_plain(d.text, d.read_names, from, width);
+    if (v == variant::html) c.print_flow_map_html(d.text, d.read_names, colours, from, width);
+    if (v == variant::html_space)
+        c.print_flow_map_html_space(d.text, d.read_names, colours, from, width);
+    return d;
+}
+
+drawing align_map(contig& c, std::int32_t from, int width, color_map_t* colours = nullptr) {
+    drawing d;
+    if (colours == nullptr)
+        c.print_align_map_plain(d.text, d.read_names, from, width);
+    else
+        c.print_align_map_html(d.text, d.read_names, *colours, from, width);
+    return d;
+}
+
+std::string font(const std::string& colour, const std::string& text) {
+    return "<font color=" + colour + ">" + text + "</font>";
+}
+
+// Line k (from 0) of a drawing, without its line end.
+std::string line(const std::string& text, int k) {
+    std::istringstream lines(text);
+    std::string l;
+    for (int i = 0; i <= k; ++i) std::getline(lines, l);
+    return l;
+}
+
+// Rows {a, e}, {d, f}, {b}. Seen through columns 4 to 8, two past the consensus: "a" ends
+// before the window, "d" on its first column, "e" runs past the consensus, "f" starts inside.
+contig window_contig() {
+    return make_contig(
+        "ACGTAC",
+        {{"a", 1, "ACG"}, {"d", 2, "CGT"}, {"b", 3, "GTAC"}, {"e", 4, "TACGG"}, {"f", 6, "C"}});
+}
+
+TEST(FlowMap, OneReadInEachVariant) {
+    contig c = make_contig("ACGT", {{"r", 1, "ACGT"}});
+    std::string out = "kept|";
+    names read_names;
+    c.print_flow_map_plain(out, read_names, 1, 4);
+    EXPECT_EQ(out, "kept| A C G T\n 1 1 1 1\n");
+    EXPECT_EQ(read_names, names{"r"});
+
+    EXPECT_EQ(flow_map(c, variant::html, 1, 4).text,
+              font("green", "A") + font("blue", "C") + font("black", "G") + font("red", "T") +
+                  "\n" + font("green", "1") + font("blue", "1") + font("black", "1") +
+                  font("red", "1") + "\n");
+    EXPECT_EQ(flow_map(c, variant::html_space, 1, 4).text,
+              font("green", "A") + " " + font("blue", "C") + " " + font("black", "G") + " " +
+                  font("red", "T") + "\n" + font("green", "1") + font("blue", " 1") +
+                  font("black", " 1") + font("red", " 1") + "\n");
+}
+
+TEST(FlowMap, CountsOfTenAndMoreAreLetters) {
+    const std::string read = std::string(9, 'A') + std::string(10, 'C') + std::string(11, 'G') +
+                             std::string(12, 'T') + std::string(35, 'A');
+    contig c = make_contig(read, {{"r", 1, read}});
+    // 55 + n: 10 is A, 11 is B, 12 is C, 35 is Z.
+    EXPECT_EQ(flow_map(c, variant::plain, 1, 77).text, " A C G T A\n 9 A B C Z\n");
+}
+
+TEST(FlowMap, ReadsStartingInsideTheWindowAreIndented) {
+    // "s" begins on flow G, two flows after the header's first.
+    contig c = make_contig("ACGT", {{"r", 1, "ACGT"}, {"s", 3, "GT"}});
+    EXPECT_EQ(flow_map(c, variant::plain, 1, 4).text, " A C G T\n 1 1 1 1\n     1 1\n");
+    EXPECT_EQ(line(flow_map(c, variant::html, 1, 4).text, 2),
+              "  " + font("black", "1") + font("red", "1"));
+    EXPECT_EQ(line(flow_map(c, variant::html_space, 1, 4).text, 2),
+              "    " + font("black", "1") + font("red", " 1"));
+    // "r" starts before the window and gets no indent; "s" now starts one flow in.
+    EXPECT_EQ(flow_map(c, variant::plain, 2, 3).text, " C G T\n 1 1 1\n   1 1\n");
+
+    // A later read of a row is indented from the flow just after the read before it.
+    contig row = make_contig("ACGT", {{"x", 1, "AC"}, {"y", 4, "T"}, {"z", 1, "ACGT"}});
+    const drawing d = flow_map(row, variant::plain, 1, 4);
+    EXPECT_EQ(d.text, " A C G T\n 1 1   1\n 1 1 1 1\n");
+    EXPECT_EQ(d.read_names, (names{"x", "y", "z"}));
+}
+
+TEST(FlowMap, OnlyReadsInTheWindowAreDrawn) {
+    contig c = make_contig("ACGT", {{"a", 1, "AC"}, {"b", 1, "ACGT"}});
+    const drawing d = flow_map(c, variant::plain, 3, 2);
+    EXPECT_EQ(d.text, " G T\n 1 1\n");  // the row of "a" adds not even a line end
+    EXPECT_EQ(d.read_names, names{"b"});
+
+    // Reads running past the consensus are counted up to its last column only.
+    contig past = window_contig();
+    const drawing p = flow_map(past, variant::plain, 4, 5);
+    EXPECT_EQ(p.text, " T A C\n 1 1 1\n 1   1\n 1 1 1\n");
+    EXPECT_EQ(p.read_names, (names{"e", "d", "f", "b"}));
+
+    contig empty = make_contig("ACGT");
+    EXPECT_EQ(flow_map(empty, variant::plain, 1, 4).text, "\n");  // no flows: no header cells
+}
+
+TEST(FlowMap, LetterWithoutColourGainsAnEmptyOne) {
+    contig c = make_contig("ACGT", {{"r", 1, "ACGT"}});
+    color_map_t colours = {{'A', "green"}, {'C', "blue"}, {'G', "black"}};
+    names read_names;
+    std::string out;
+    c.print_flow_map_html(out, read_names, colours, 1, 4);
+    EXPECT_EQ(colours.at('T'), "");
+    EXPECT_TRUE(line(out, 0).ends_with("<font color=>T</font>")) << out;
+}
+
+TEST(ToHTML, ColoursRunsAndLeavesOtherCharacters) {
+    contig c;
+    const color_map_t colours = {{'A', "green"}, {'C', "blue"}};
+    std::string out = "x";
+    c.toHTML(out, chars("AAC*G"), colours);
+    EXPECT_EQ(out, "x" + font("green", "AA") + font("blue", "C") + "*G");
+
+    out.clear();
+    c.toHTML(out, chars(""), colours);
+    EXPECT_EQ(out, "");
+    c.toHTML(out, chars("TG*T"), colours);
+    EXPECT_EQ(out, "TG*T");
+    c.toHTML(out, chars("ACA"), colours);
+    EXPECT_EQ(out, "TG*T" + font("green", "A") + font("blue", "C") + font("green", "A"));
+}
+
+TEST(AlignMap, WholeContig) {
+    // Rows {a, b, c} and {d, e}: "b" abuts "a"; "e" starts two columns after "d" ends.
+    contig c = make_contig("ACGTACGTACGT", {{"a", 1, "ACGTA"},
+                                            {"b", 6, "CGT"},
+                                            {"c", 10, "CGT"},
+                                            {"d", 3, "GTACG"},
+                                            {"e", 10, "cgt"}});
+    std::ostringstream plain;
+    c.print_align_map(plain);
+    EXPECT_EQ(plain.str(), "ACGTACGTACGT\nACGTACGT CGT\n  GTACG  cgt\n");
+
+    contig small = make_contig("AAC", {{"x", 1, "AAC"}, {"y", 3, "C"}, {"z", 3, "C"}});
+    color_map_t colours = {{'A', "green"}};
+    std::ostringstream html;
+    small.print_align_map_html(html, colours);
+    EXPECT_EQ(html.str(), font("green", "AA") + "C\n" + font("green", "AA") + "C\n  C\n  C\n");
+}
+
+TEST(AlignMap, Window) {
+    contig c = window_contig();
+    drawing d = align_map(c, 4, 5);
+    EXPECT_EQ(d.text, "TAC\nTACGG\nT C\nTAC\n");
+    EXPECT_EQ(d.read_names, (names{"e", "d", "f", "b"}));
+    d = align_map(c, 5, 2);
+    EXPECT_EQ(d.text, "AC\nAC\n C\nAC\n");
+    EXPECT_EQ(d.read_names, (names{"e", "f", "b"}));
+
+    color_map_t colours = {{'T', "red"}};
+    d = align_map(c, 4, 5, &colours);
+    const std::string t = font("red", "T");
+    EXPECT_EQ(d.text, t + "AC\n" + t + "ACGG\n" + t + " C\n" + t + "AC\n");
+    EXPECT_EQ(d.read_names, (names{"e", "d", "f", "b"}));
+
+    // With the shortest read 3 long, "g" starting in the last two columns is not drawn,
+    // unless no shortest length narrows the search.
+    contig bounded = window_contig();
+    bounded.reads.erase("f");
+    fixture::add_read(bounded, "g", 5, "ACG");
+    d = align_map(bounded, 4, 3);
+    EXPECT_EQ(d.text, "TAC\nTAC\nT\nTAC\n");
+    EXPECT_EQ(d.read_names, (names{"e", "d", "b"}));
+    bounded.min_read_len = 0;
+    d = align_map(bounded, 4, 3);
+    EXPECT_EQ(d.text, "TAC\nTAC\nTAC\nTAC\n");
+    EXPECT_EQ(d.read_names, (names{"e", "d", "g", "b"}));
+}
+
+TEST(AlignMap, GridStopsAtTheConsensusEnd) {
+    contig c = window_contig();
+    std::vector<std::vector<char>> columns;
+    std::vector<std::map<std::int32_t, std::string>> rows;
+    c.align_seq(columns, rows, 4, 5);
+    EXPECT_EQ(columns,
+              (std::vector<std::vector<char>>{{'T', 'T', 'T'}, {'A', '0', 'A'}, {'C', 'C', 'C'}}));
+    EXPECT_EQ(rows, (std::vector<std::map<std::int32_t, std::string>>{
+                        {{2, "e"}}, {{0, "d"}, {2, "f"}}, {{2, "b"}}}));
+}
+
+auto fields(const READ& r) {
+    return std::tie(r.name, r.start, r.length, r.sequence, r.uncomplemented, r.align_clip_start,
+                    r.align_clip_end);
+}
+
+void expect_same(const contig& x, const contig& y) {
+    EXPECT_EQ(std::tie(x.name, x.num_bases, x.num_reads, x.num_segments, x.max_read_len,
+                       x.min_read_len, x.avg_read_len, x.consensus, x.uncomplemented),
+              std::tie(y.name, y.num_bases, y.num_reads, y.num_segments, y.max_read_len,
+                       y.min_read_len, y.avg_read_len, y.consensus, y.uncomplemented));
+    EXPECT_TRUE(std::equal(x.reads.begin(), x.reads.end(), y.reads.begin(), y.reads.end(),
+                           [](const auto& i, const auto& j) {
+                               return i.first == j.first && fields(i.second) == fields(j.second);
+                           }));
+    EXPECT_EQ(x.pos_map, y.pos_map);
+    EXPECT_EQ(x.print_map, y.print_map);
+    EXPECT_EQ(x.flow_index, y.flow_index);
+    EXPECT_EQ(x.flow_consensus, y.flow_consensus);
+}
+
+TEST(ContigCopy, CarriesBuiltViewsAndStaysIndependent) {
+    contig source = window_contig();
+    source.num_segments = 2;
+    source.uncomplemented = 1;
+    source.reads["a"].align_clip_start = 1;
+    source.reads["a"].align_clip_end = 3;
+    flow_map(source, variant::plain, 1, 6);
+    ASSERT_FALSE(source.print_map.empty());
+    ASSERT_FALSE(source.flow_index.empty());
+
+    contig copy = source;
+    expect_same(copy, source);
+    contig assigned;
+    assigned = source;
+    expect_same(assigned, source);
+
+    copy.reads["a"].sequence[0] = 'T';
+    copy.print_map[0].clear();
+    copy.flow_index[0]['G'] = 7;
+    expect_same(assigned, source);  // the source still equals the untouched copy
+}
+
+}  // namespace
