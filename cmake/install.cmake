@@ -20,6 +20,9 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/SorvexaConfig.cmake
               ${CMAKE_CURRENT_BINARY_DIR}/SorvexaConfigVersion.cmake
         DESTINATION ${SORVEXA_CMAKE_DIR})
 
+# The .pc file finds its prefix from where it lies, so one file serves every install prefix.
+file(RELATIVE_PATH SORVEXA_PC_TO_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+string(REGEX REPLACE "/$" "" SORVEXA_PC_TO_PREFIX "${SORVEXA_PC_TO_PREFIX}")
 configure_file(${CMAKE_CURRENT_LIST_DIR}/sorvexa.pc.in ${CMAKE_CURRENT_BINARY_DIR}/sorvexa.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/sorvexa.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
