@@ -11,7 +11,7 @@
 namespace {
 // A refill after a jump reads a small block (one record is usually within it); each refill
 // that continues where the last one ended doubles the block, up to the largest size.
-constexpr std::size_t small_chunk = 8 << 10;
+constexpr std::size_t small_chunk = 4 << 10;
 constexpr std::size_t large_chunk = 512 << 10;
 }  // namespace
 
@@ -42,7 +42,11 @@ void binary_file::close() {
 
 // Reads into the buffer from file offset `at`; returns the bytes now buffered there.
 std::size_t binary_file::fill_from(std::int64_t at) {
-    bool sequential = buf_len_ > 0 && at == buf_at_ + static_cast<std::int64_t>(buf_len_);
+    // Skipping a little past the buffer (a walk over records that steps over their data)
+    // still counts as going on where the last refill ended.
+    const std::int64_t end = buf_at_ + static_cast<std::int64_t>(buf_len_);
+    const bool sequential =
+        buf_len_ > 0 && at >= end && at - end <= static_cast<std::int64_t>(chunk_);
     chunk_ = sequential ? std::min(chunk_ * 2, large_chunk) : small_chunk;
     if (buf_.size() < chunk_) buf_.resize(chunk_);
     buf_at_ = at;

@@ -1,13 +1,22 @@
 #include "driver.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstdint>
-#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <iostream>
+#include <memory>
+#include <string_view>
 #include <vector>
 
 #include "ace.h"
 #include "contig.h"
+#include "name_table.h"
 #include "sff.h"
 
 const std::string PRG = "Sorvexa";
@@ -17,32 +26,113 @@ namespace {
 
 const char* const attribution = "flowgram and quality extractor for 454 assemblies";
 
-// A text output file that counts the bytes handed to it, buffered ones included, so that
-// the count is the file position at any time. The C stream flushes its buffer on every
-// way out of the process, a fatal error inside the ACE reader included.
+// A text output file with its own buffer. The byte count includes what is still buffered,
+// so it is the file position at any time. Open files are flushed on every way out of the
+// process (std::exit runs the handler below), a fatal error inside a reader included.
 class output_file {
   public:
-    explicit output_file(const std::string& path) : file_(std::fopen(path.c_str(), "w")) {
-        if (file_ != nullptr) std::setvbuf(file_, nullptr, _IOFBF, 1 << 20);
+    explicit output_file(const std::string& path)
+        : fd_(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)) {
+        if (fd_ < 0) return;
+        // Not zero-filled: only the bytes written are ever touched.
+        buf_ = std::make_unique_for_overwrite<char[]>(buffer_size);
+        capacity_ = buffer_size;
+        register_open(this);
     }
     ~output_file() { close(); }
     output_file(const output_file&) = delete;
     output_file& operator=(const output_file&) = delete;
 
-    bool is_open() const { return file_ != nullptr; }
-    std::int64_t position() const { return written_; }
-    void write(const std::string& s) {
-        std::fwrite(s.data(), 1, s.size(), file_);
-        written_ += static_cast<std::int64_t>(s.size());
+    bool is_open() const { return fd_ >= 0; }
+    std::int64_t position() const { return flushed_ + static_cast<std::int64_t>(len_); }
+
+    // Room for n more bytes; the caller writes there and hands the end back to commit().
+    char* reserve(std::size_t n) {
+        if (capacity_ - len_ < n) {
+            flush();
+            if (capacity_ < n) {
+                buf_ = std::make_unique_for_overwrite<char[]>(n);
+                capacity_ = n;
+            }
+        }
+        return buf_.get() + len_;
+    }
+    void commit(const char* end) { len_ = static_cast<std::size_t>(end - buf_.get()); }
+    void write(std::string_view s) {
+        char* p = reserve(s.size());
+        std::memcpy(p, s.data(), s.size());
+        commit(p + s.size());
+    }
+
+    void flush() {
+        std::size_t done = 0;
+        while (done < len_) {
+            ssize_t n = ::write(fd_, buf_.get() + done, len_ - done);
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) break;  // a full disk: the rest is lost, as with any stream
+            done += static_cast<std::size_t>(n);
+        }
+        flushed_ += static_cast<std::int64_t>(len_);
+        len_ = 0;
     }
     void close() {
-        if (file_ != nullptr) std::fclose(file_);
-        file_ = nullptr;
+        if (fd_ < 0) return;
+        flush();
+        ::close(fd_);
+        fd_ = -1;
+        register_open(nullptr, this);
     }
 
   private:
-    std::FILE* file_;
-    std::int64_t written_ = 0;
+    static constexpr std::size_t buffer_size = 1 << 20;
+
+    static output_file*& open_slot(std::size_t k) {
+        static output_file* open[2] = {nullptr, nullptr};
+        return open[k];
+    }
+    static void flush_open() {
+        for (std::size_t k = 0; k < 2; ++k)
+            if (open_slot(k) != nullptr) open_slot(k)->flush();
+    }
+    // Keeps track of the (at most two) open files so that an exit can flush them.
+    static void register_open(output_file* added, output_file* removed = nullptr) {
+        static bool handler = std::atexit(flush_open) == 0;
+        (void)handler;
+        for (std::size_t k = 0; k < 2; ++k) {
+            if (added != nullptr && open_slot(k) == nullptr) {
+                open_slot(k) = added;
+                return;
+            }
+            if (removed != nullptr && open_slot(k) == removed) open_slot(k) = nullptr;
+        }
+    }
+
+    int fd_;
+    std::unique_ptr<char[]> buf_;
+    std::size_t capacity_ = 0;
+    std::size_t len_ = 0;
+    std::int64_t flushed_ = 0;
+};
+
+// Appends tab-separated numbers and line ends to an output file, formatting in place.
+class line_writer {
+  public:
+    explicit line_writer(output_file& out) : out_(out) {}
+
+    template <class T>
+    void list(const T* values, std::size_t n) {
+        char* p = out_.reserve(n * 7 + 1);  // a 16-bit number and its tab
+        for (std::size_t k = 0; k < n; ++k) {
+            if (k > 0) *p++ = '\t';
+            p = std::to_chars(p, p + 6, values[k]).ptr;
+        }
+        *p++ = '\n';
+        out_.commit(p);
+    }
+    void text(std::string_view s) { out_.write(s); }
+
+  private:
+    output_file& out_;
 };
 
 template <class T>
@@ -50,16 +140,6 @@ void append_number(std::string& out, T v) {
     char buf[24];
     auto res = std::to_chars(buf, buf + sizeof buf, v);
     out.append(buf, res.ptr);
-}
-
-// A tab-separated list; an empty list is an empty line.
-template <class T>
-void append_list(std::string& out, const std::vector<T>& values) {
-    for (std::size_t k = 0; k < values.size(); ++k) {
-        if (k > 0) out += '\t';
-        append_number(out, values[k]);
-    }
-    out += '\n';
 }
 
 void print_usage() {
@@ -100,10 +180,11 @@ std::string output_prefix(const std::string& ace_path) {
 // reads, fetched file by file.
 struct read_stage {
     std::vector<std::string> sff_names;
-    std::vector<read_index> read_indexes;
+    // The run's read indexes; a hash table serves the lookups the run makes, in place of
+    // the ordered map, with the same contents.
+    std::vector<name_table> read_indexes;
     std::vector<std::vector<std::int64_t>> pending_positions;
     int output_mode = 1;
-    std::string record;
 
     void index_files(int argc, char** argv, int first_sff) {
         for (int k = first_sff; k < argc; ++k) sff_names.emplace_back(argv[k]);
@@ -112,7 +193,14 @@ struct read_stage {
         for (std::size_t k = 0; k < sff_names.size(); ++k) {
             reader rd(sff_names[k]);
             rd.get_header();
-            rd.build_read_index(read_indexes[k]);
+            // Room for the declared reads, as far as the file could hold them.
+            const std::uint64_t fit = static_cast<std::uint64_t>(rd.sff_file.bytes_left()) / 16;
+            read_indexes[k].reserve(std::min<std::uint64_t>(rd.header_p1.number_of_reads, fit), 16);
+            rd.walk_read_index(
+                [](void* table, std::string_view name, std::int64_t pos) {
+                    static_cast<name_table*>(table)->set(name, pos);
+                },
+                &read_indexes[k]);
         }
     }
 
@@ -120,9 +208,9 @@ struct read_stage {
     void write_records(const contig& c, output_file& reads_file) {
         for (const auto& entry : c.reads) {
             for (std::size_t k = 0; k < read_indexes.size(); ++k) {
-                auto it = read_indexes[k].find(entry.first);
-                if (it == read_indexes[k].end()) continue;
-                pending_positions[k].push_back(it->second);
+                const std::int64_t* pos = read_indexes[k].find(entry.first);
+                if (pos == nullptr) continue;
+                pending_positions[k].push_back(*pos);
                 break;
             }
         }
@@ -130,8 +218,13 @@ struct read_stage {
             if (pending_positions[k].empty()) continue;
             reader rd(sff_names[k]);
             rd.get_header();
+            seqRead read;
             for (std::int64_t pos : pending_positions[k]) {
-                seqRead read;
+                // Emptied, not rebuilt: the same as a fresh one, without the allocations.
+                read.name.clear();
+                read.bases.clear();
+                read.quality_scores.clear();
+                read.flow_indexes.clear();
                 rd.get_read(pos, read);
                 write_record(read, rd.cur_read, reads_file);
             }
@@ -140,39 +233,37 @@ struct read_stage {
     }
 
     void write_record(const seqRead& read, const sff_read& raw, output_file& reads_file) {
-        record.clear();
-        record += read.name;
-        record += "\t1\n";
-        append_list(record, read.quality_scores);
+        line_writer out(reads_file);
+        out.text(read.name);
+        out.text("\t1\n");
+        out.list(read.quality_scores.data(), read.quality_scores.size());
         if (output_mode == 3) {
-            append_list(record, read.flow_indexes);
-            const std::size_t flows =
-                std::min<std::size_t>(raw.numOfFlows, raw.flowgram_values.size());
-            for (std::size_t k = 0; k < flows; ++k) {
-                if (k > 0) record += '\t';
-                append_number(record, raw.flowgram_values[k]);
-            }
-            record += '\n';
+            out.list(read.flow_indexes.data(), read.flow_indexes.size());
+            out.list(raw.flowgram_values.data(),
+                     std::min<std::size_t>(raw.numOfFlows, raw.flowgram_values.size()));
         }
-        reads_file.write(record);
     }
 };
 
+// The contig header line, then the contig's location index line with the position just
+// after it: where the contig's first read record will start.
 void contig_lines(const contig& c, int mode, output_file& reads_file, output_file& krv_file) {
-    std::string line = ">" + c.name + "\t";
-    append_number(line, c.reads.size());
-    line += '\t';
-    append_number(line, mode);
-    line += '\n';
+    auto counts = [&](std::string& line) {
+        line += '\t';
+        append_number(line, c.reads.size());
+        line += '\t';
+        append_number(line, mode);
+        line += '\n';
+    };
+    std::string line(1, '>');
+    line += c.name;
+    counts(line);
     reads_file.write(line);
 
-    line = c.name + "\t";
+    line.assign(c.name);
+    line += '\t';
     append_number(line, reads_file.position());
-    line += '\t';
-    append_number(line, c.reads.size());
-    line += '\t';
-    append_number(line, mode);
-    line += '\n';
+    counts(line);
     krv_file.write(line);
 }
 

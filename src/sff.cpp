@@ -98,13 +98,15 @@ void sff_read::set_read_space() {
     set_read_space(UINT64_MAX);
 }
 
+// The buffers keep their storage from record to record; every byte of them is then filled
+// from the file (or zeroed where the file ends), so nothing of the previous record remains.
 void sff_read::set_read_space(std::uint64_t limit) {
     const auto n = static_cast<std::size_t>(std::min<std::uint64_t>(name_length, limit));
     const auto b = static_cast<std::size_t>(std::min<std::uint64_t>(number_of_bases, limit));
-    name = std::vector<char>(n);
-    flow_index_per_base = std::vector<std::uint8_t>(b);
-    bases = std::vector<char>(b);
-    quality_scores = std::vector<std::uint8_t>(b);
+    name.resize(n);
+    flow_index_per_base.resize(b);
+    bases.resize(b);
+    quality_scores.resize(b);
 }
 
 void sff_read::free_space() {

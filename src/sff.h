@@ -6,6 +6,7 @@
 #include <map>
 #include <ostream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "binary_file.h"
@@ -119,6 +120,10 @@ class reader {
     void print_file_size();
     bool get_header();
     bool build_read_index(read_index& index);
+    // The walk of build_read_index, handing each record's name (cut at its first NUL byte)
+    // and position to `add` instead of a map, for callers that keep their own index.
+    using index_entry_fn = void (*)(void* target, std::string_view name, std::int64_t pos);
+    bool walk_read_index(index_entry_fn add, void* target);
     bool get_next_read(read_index& index);
     bool get_next_read();
     void get_read(const std::int64_t& pos, seqRead& out);

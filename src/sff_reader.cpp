@@ -83,6 +83,14 @@ bool reader::get_header() {
 // failed header read on a reader that never read one, the header fields bound nothing, so
 // there is no walk.
 bool reader::build_read_index(read_index& index) {
+    return walk_read_index(
+        [](void* target, std::string_view name, std::int64_t pos) {
+            (*static_cast<read_index*>(target))[std::string(name)] = pos;
+        },
+        &index);
+}
+
+bool reader::walk_read_index(index_entry_fn add, void* target) {
     reads_done = 0;
     get_header();
     if (!header_known) return false;
@@ -102,7 +110,7 @@ bool reader::build_read_index(read_index& index) {
         // The key ends at the first NUL byte of the name.
         name.resize(cur_read.name_length);
         sff_file.read(name.data(), name.size());
-        index[std::string(name.data(), ::strnlen(name.data(), name.size()))] = pos;
+        add(target, std::string_view(name.data(), ::strnlen(name.data(), name.size())), pos);
         const std::int64_t data =
             3 * static_cast<std::int64_t>(cur_read.number_of_bases) + flow_bytes;
         const std::int64_t pad = data % 8 == 0 ? 0 : 8 - data % 8;
