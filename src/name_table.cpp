@@ -20,7 +20,7 @@ std::uint64_t hash_name(std::string_view s) {
         h = mix(h ^ w);
     }
     std::uint64_t w = 0;
-    std::memcpy(&w, s.data() + i, s.size() - i);
+    if (i < s.size()) std::memcpy(&w, s.data() + i, s.size() - i);
     return mix(h ^ w ^ 0x94d049bb133111ebULL);
 }
 
@@ -42,7 +42,7 @@ std::size_t name_table::slot_of(std::string_view name, std::uint64_t hash) const
         if (static_cast<std::uint32_t>(slot >> 32) != tag) continue;
         const entry& e = entries_[static_cast<std::uint32_t>(slot) - 1];
         if (e.hash == hash && e.length == name.size() &&
-            std::memcmp(arena_.data() + e.offset, name.data(), name.size()) == 0)
+            (name.empty() || std::memcmp(arena_.data() + e.offset, name.data(), name.size()) == 0))
             return i;
     }
 }

@@ -110,7 +110,11 @@ bool reader::walk_read_index(index_entry_fn add, void* target) {
         // The key ends at the first NUL byte of the name.
         name.resize(cur_read.name_length);
         sff_file.read(name.data(), name.size());
-        add(target, std::string_view(name.data(), ::strnlen(name.data(), name.size())), pos);
+        add(target,
+            std::string_view(
+                name.data(),
+                static_cast<std::size_t>(std::find(name.begin(), name.end(), '\0') - name.begin())),
+            pos);
         const std::int64_t data =
             3 * static_cast<std::int64_t>(cur_read.number_of_bases) + flow_bytes;
         const std::int64_t pad = data % 8 == 0 ? 0 : 8 - data % 8;

@@ -17,7 +17,7 @@ bool text_file::open(const std::string& path) {
     pos_ = len_ = 0;
     eof_ = false;
     if (file_ == nullptr) return false;
-    buf_.resize(buffer_size);
+    if (!buf_) buf_ = std::make_unique_for_overwrite<char[]>(buffer_size);
     return true;
 }
 
@@ -32,7 +32,7 @@ bool text_file::close() {
 bool text_file::fill() {
     if (file_ == nullptr) return false;
     pos_ = 0;
-    len_ = std::fread(buf_.data(), 1, buf_.size(), file_);
+    len_ = std::fread(buf_.get(), 1, buffer_size, file_);
     return len_ > 0;
 }
 
@@ -50,7 +50,7 @@ bool text_file::getline(std::string& line) {
             return any;
         }
         any = true;
-        const char* start = buf_.data() + pos_;
+        const char* start = buf_.get() + pos_;
         const void* nl = std::memchr(start, '\n', len_ - pos_);
         if (nl != nullptr) {
             std::size_t n = static_cast<const char*>(nl) - start;

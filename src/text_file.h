@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -36,7 +37,7 @@ class text_file {
     int peek();
 
     std::FILE* file_ = nullptr;
-    std::vector<char> buf_;
+    std::unique_ptr<char[]> buf_;  // not zero-filled: only what fread delivers is read
     std::size_t pos_ = 0;
     std::size_t len_ = 0;
     bool eof_ = false;

@@ -125,6 +125,14 @@ TEST(SffReader, IndexEntries) {
     ASSERT_TRUE(whole.get_next_read(by_read));
     EXPECT_EQ(by_walk, (read_index{{"ab", 440}}));
     EXPECT_EQ(by_read, (read_index{{nul_name, 440}}));
+
+    // A record without a name is indexed under the empty name (this once handed a null
+    // pointer to a C string function).
+    sff_file unnamed(file_of({plain_read("", 4)}));
+    reader bare(unnamed.path);
+    read_index by_empty;
+    ASSERT_TRUE(bare.build_read_index(by_empty));
+    EXPECT_EQ(by_empty, (read_index{{"", 440}}));
 }
 
 TEST(SffReader, ShortReadsAreReported) {

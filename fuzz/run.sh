@@ -1,0 +1,86 @@
+#!/usr/bin/env bash
+# Builds the libFuzzer targets (fuzz preset, clang) and runs them one after another.
+#
+#   fuzz/run.sh [SECONDS]   fuzz every target for SECONDS (default 60), then print the
+#                           executions per target
+#   fuzz/run.sh --replay    run every seed of fuzz/corpus/ once (for CI); no fuzzing
+#
+# The committed seeds are only read: inputs that the fuzzer finds go to
+# build/fuzz/fuzz-work/<target>/corpus, crash reproducers to .../artifacts, logs to
+# .../fuzz.log. The exit status is 1 when any target found a problem.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+mode=fuzz
+seconds=60
+case "${1:-}" in
+    --replay) mode=replay ;;
+    "") ;;
+    *[!0-9]* | 0)
+        echo "usage: fuzz/run.sh [SECONDS] | --replay" >&2
+        exit 2
+        ;;
+    *) seconds=$1 ;;
+esac
+
+targets=(ace sff run contig)
+
+cmake --preset fuzz >/dev/null
+cmake --build --preset fuzz --target "${targets[@]/#/fuzz_}"
+
+bin=build/fuzz/fuzz
+work=build/fuzz/fuzz-work
+mkdir -p "$work"
+cat fuzz/ace.dict fuzz/sff.dict >"$work/run.dict"
+export UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1}"
+
+# Per-target options: the dictionary, and leak detection off where a fatal input error
+# jumps back past library frames, whose memory is then lost by design.
+options_for() {
+    case $1 in
+        ace) echo "-dict=fuzz/ace.dict -detect_leaks=0" ;;
+        sff) echo "-dict=fuzz/sff.dict -detect_leaks=0" ;;
+        run) echo "-dict=$work/run.dict" ;;
+        contig) echo "" ;;
+    esac
+}
+
+stat_of() {  # stat_of NAME LOG: a value from libFuzzer's final statistics
+    sed -n "s/^stat::$1: *\([0-9]*\).*/\1/p" "$2" | tail -n 1
+}
+
+failed=()
+summary=()
+for t in "${targets[@]}"; do
+    dir="$work/$t"
+    mkdir -p "$dir/corpus" "$dir/artifacts"
+    log="$dir/fuzz.log"
+    # shellcheck disable=SC2046  # the options are meant to split into words
+    set -- $(options_for "$t") -rss_limit_mb=2048 -timeout=10 -print_final_stats=1 \
+        -artifact_prefix="$dir/artifacts/"
+    status=0
+    if [[ $mode == replay ]]; then
+        echo "== fuzz_$t: replaying fuzz/corpus/$t"
+        "$bin/fuzz_$t" "$@" -runs=0 "fuzz/corpus/$t" >"$log" 2>&1 || status=$?
+    else
+        echo "== fuzz_$t: fuzzing for $seconds s"
+        "$bin/fuzz_$t" "$@" -max_total_time="$seconds" "$dir/corpus" "fuzz/corpus/$t" \
+            >"$log" 2>&1 || status=$?
+    fi
+    runs=$(stat_of number_of_executed_units "$log")
+    rate=$(stat_of average_exec_per_sec "$log")
+    result=ok
+    if [[ $status -ne 0 ]]; then
+        result="FAILED (exit $status, see $log)"
+        failed+=("$t")
+        grep -E "ERROR:|runtime error|SUMMARY|Test unit written|fuzz_(run|contig):" "$log" | head -n 20 || true
+    fi
+    summary+=("$(printf '%-12s %12s executions %8s exec/s  %s' "fuzz_$t" "${runs:-?}" "${rate:-?}" "$result")")
+done
+
+echo
+printf '%s\n' "${summary[@]}"
+if [[ ${#failed[@]} -gt 0 ]]; then
+    echo "problems found by: ${failed[*]}"
+    exit 1
+fi
