@@ -75,24 +75,24 @@ const std::string& index_file() {
         const std::filesystem::path dir = std::filesystem::path(g_data_dir) / "micro";
         std::filesystem::create_directories(dir);
         const std::string file = (dir / "index.sff").string();
-        fixture::sff_file_spec spec;
-        spec.number_of_flows_per_read = kFlows;
+        fixture::sff_file_layout layout;
+        layout.number_of_flows_per_read = kFlows;
         const std::string flows = fixture::tacg_flows(kFlows);
         rng r{42};
-        spec.reads.reserve(kIndexReads);
+        layout.reads.reserve(kIndexReads);
         for (std::uint32_t k = 0; k < kIndexReads; ++k) {
             std::string bases = "TCAG";
             const std::uint32_t n = 300 + r.below(301);
             while (bases.size() < n) bases.push_back(next_base(r, bases.back()));
             std::vector<std::uint8_t> quality(bases.size());
             for (auto& q : quality) q = static_cast<std::uint8_t>(10 + r.below(31));
-            fixture::sff_read_spec read = fixture::make_read(read_name(k), std::move(bases), flows,
-                                                             std::move(quality), r.next());
+            fixture::sff_read_layout read = fixture::make_read(read_name(k), std::move(bases),
+                                                               flows, std::move(quality), r.next());
             read.clip_qual_left = 5;
             read.clip_qual_right = static_cast<std::uint16_t>(read.bases.size() - r.below(40));
-            spec.reads.push_back(std::move(read));
+            layout.reads.push_back(std::move(read));
         }
-        if (!fixture::write_file(file, fixture::build_sff(spec))) {
+        if (!fixture::write_file(file, fixture::build_sff(layout))) {
             std::fprintf(stderr, "micro: cannot write %s\n", file.c_str());
             std::exit(1);
         }

@@ -82,7 +82,8 @@ int main(int argc, char** argv) {
     page += "<span>* pad</span><span>digits and letters: bases per flow (A = 10)</span></p>\n";
     page += "<h2>Alignment</h2>\n<div class=\"cols\"><pre>" + align + "</pre><pre>consensus\n";
     escape_names(page, align_names);
-    page += "</pre></div>\n<h2>Flows</h2>\n<div class=\"cols\"><pre>" + flows + "</pre><pre>flows\n";
+    page +=
+        "</pre></div>\n<h2>Flows</h2>\n<div class=\"cols\"><pre>" + flows + "</pre><pre>flows\n";
     escape_names(page, flow_names);
     page += "</pre></div>\n</body></html>\n";
 

@@ -378,18 +378,18 @@ std::uint64_t record_size(std::uint32_t bases) {
 bool write_sff(const std::string& path, bool little_endian, const std::vector<read_plan>& reads,
                std::uint32_t first, std::uint32_t last, const std::vector<contig_model>& contigs,
                std::string_view flows) {
-    fixture::sff_file_spec spec;
-    spec.little_endian = little_endian;
-    spec.number_of_flows_per_read = kFlows;
-    spec.flow_chars = std::string(flows);
-    spec.key_sequence = std::string(kKey);
-    spec.number_of_reads = last - first;
+    fixture::sff_file_layout layout;
+    layout.little_endian = little_endian;
+    layout.number_of_flows_per_read = kFlows;
+    layout.flow_chars = std::string(flows);
+    layout.key_sequence = std::string(kKey);
+    layout.number_of_reads = last - first;
 
     // Record sizes follow from the planned lengths, so the index position is known before
     // the first record is written and the header never has to be patched.
     std::vector<std::uint64_t> offsets;
     offsets.reserve(last - first);
-    std::uint64_t offset = fixture::build_sff_header(spec).size();
+    std::uint64_t offset = fixture::build_sff_header(layout).size();
     for (std::uint32_t id = first; id < last; ++id) {
         offsets.push_back(offset);
         offset += record_size(reads[id].bases);
@@ -409,21 +409,21 @@ bool write_sff(const std::string& path, bool little_endian, const std::vector<re
         put_le_or_be(index, offsets[i], 8, little_endian);
     }
     index.append((8 - index.size() % 8) % 8, '\0');
-    spec.index_offset = offset;
-    spec.index_length = static_cast<std::uint32_t>(index.size());
+    layout.index_offset = offset;
+    layout.index_length = static_cast<std::uint32_t>(index.size());
 
     sink out;
     if (!out.open(path)) {
         std::cerr << "make_dataset: cannot create " << path << '\n';
         return false;
     }
-    out.buffer += fixture::build_sff_header(spec);
+    out.buffer += fixture::build_sff_header(layout);
     read_content content;
     for (std::uint32_t id = first; id < last; ++id) {
         const read_plan& r = reads[id];
         generate(r, r.contig >= 0 ? &contigs[static_cast<std::size_t>(r.contig)] : nullptr, true,
                  content);
-        fixture::sff_read_spec record =
+        fixture::sff_read_layout record =
             fixture::make_read(std::string(r.name_view()), content.bases, flows,
                                std::move(content.quality), r.seed ^ kSignalSalt);
         record.clip_qual_left = r.clip_qual_left;

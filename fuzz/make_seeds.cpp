@@ -144,14 +144,14 @@ void ace_seeds() {
 
 constexpr std::uint16_t seed_flows = 32;
 
-fixture::sff_file_spec base_file(bool little) {
-    fixture::sff_file_spec f;
+fixture::sff_file_layout base_file(bool little) {
+    fixture::sff_file_layout f;
     f.little_endian = little;
     f.number_of_flows_per_read = seed_flows;
     const std::string flows = fixture::tacg_flows(seed_flows);
     f.reads.push_back(fixture::make_read("r1", "TCAGACGTACG", flows, {}, 1));
     f.reads.push_back(fixture::make_read("r2", "TCAGTACGTAAC", flows, {}, 2));
-    fixture::sff_read_spec& clipped =
+    fixture::sff_read_layout& clipped =
         f.reads.emplace_back(fixture::make_read("r3", "TCAGGGTTACCA", flows, {}, 3));
     clipped.clip_qual_left = 5;
     clipped.clip_qual_right = 10;
@@ -163,26 +163,26 @@ void sff_seeds() {
     emit("sff", "big_endian.sff", fixture::build_sff(base_file(false)));
     emit("sff", "little_endian.sff", fixture::build_sff(base_file(true)));
 
-    fixture::sff_file_spec none = base_file(false);
+    fixture::sff_file_layout none = base_file(false);
     none.reads.clear();
     emit("sff", "no_reads.sff", fixture::build_sff(none));
 
-    fixture::sff_file_spec twice = base_file(true);
+    fixture::sff_file_layout twice = base_file(true);
     twice.reads[2].name = "r1";
     emit("sff", "same_name.sff", fixture::build_sff(twice));
 
-    fixture::sff_file_spec short_count = base_file(false);
+    fixture::sff_file_layout short_count = base_file(false);
     short_count.number_of_reads = 5;
     emit("sff", "fewer_records.sff", fixture::build_sff(short_count));
 
-    fixture::sff_file_spec indexed = base_file(false);
+    fixture::sff_file_layout indexed = base_file(false);
     const std::string body = fixture::build_sff(indexed);
     indexed.index_offset = body.size();
     indexed.index_length = 24;
     indexed.trailing_bytes = std::string(".mft1.00") + std::string(16, '\x01');
     emit("sff", "with_index.sff", fixture::build_sff(indexed));
 
-    fixture::sff_file_spec odd = base_file(false);
+    fixture::sff_file_layout odd = base_file(false);
     odd.reads[0].read_header_length = 8;  // below 16 + name
     odd.reads[1].clip_qual_left = 11;     // right of the right clip
     odd.reads[1].clip_qual_right = 4;
@@ -190,7 +190,7 @@ void sff_seeds() {
     odd.reads[2].name = std::string("r3\0x", 4);
     emit("sff", "odd_records.sff", fixture::build_sff(odd));
 
-    fixture::sff_file_spec lying = base_file(true);
+    fixture::sff_file_layout lying = base_file(true);
     lying.reads[0].number_of_bases = 60000;
     lying.reads[1].name_length = 200;
     emit("sff", "lying_counts.sff", fixture::build_sff(lying));

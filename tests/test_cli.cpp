@@ -60,11 +60,11 @@ std::string version_attribution() {
 }
 
 // Reads for files with 12 flows TACG TACG TACG.
-fixture::sff_read_spec flow_read(std::string name, std::string bases,
-                                 std::vector<std::uint8_t> incs, std::vector<std::uint8_t> quals,
-                                 std::vector<std::uint16_t> flowgram,
-                                 std::uint16_t clip_qual_left = 0) {
-    fixture::sff_read_spec r;
+fixture::sff_read_layout flow_read(std::string name, std::string bases,
+                                   std::vector<std::uint8_t> incs, std::vector<std::uint8_t> quals,
+                                   std::vector<std::uint16_t> flowgram,
+                                   std::uint16_t clip_qual_left = 0) {
+    fixture::sff_read_layout r;
     r.name = std::move(name);
     r.bases = std::move(bases);
     r.flow_index_per_base = std::move(incs);
@@ -74,19 +74,19 @@ fixture::sff_read_spec flow_read(std::string name, std::string bases,
     return r;
 }
 
-void write_sff(const std::string& path, std::vector<fixture::sff_read_spec> reads,
+void write_sff(const std::string& path, std::vector<fixture::sff_read_layout> reads,
                bool little_endian = false) {
-    fixture::sff_file_spec f;
+    fixture::sff_file_layout f;
     f.little_endian = little_endian;
     f.number_of_flows_per_read = 12;
     f.reads = std::move(reads);
     ASSERT_TRUE(fixture::write_file(path, fixture::build_sff(f)));
 }
 
-const fixture::sff_read_spec kRdA =
+const fixture::sff_read_layout kRdA =
     flow_read("rdA", "TCAGTTA", {1, 2, 3, 2, 1, 0, 1}, {20, 21, 22, 23, 35, 35, 28},
               {101, 3, 98, 5, 2, 103, 4, 99, 197, 102, 6, 3}, 5);
-const fixture::sff_read_spec kRdC =
+const fixture::sff_read_layout kRdC =
     flow_read("rdC", "GA", {4, 2}, {30, 30}, {0, 2, 4, 96, 3, 104, 1, 300, 2, 3, 4, 65535});
 
 struct ace_contig {

@@ -20,8 +20,8 @@ using testing::ExitedWithCode;
 using namespace std::string_literals;
 
 // A read of `bases` bases, one per flow, with 400 flowgram values whose two bytes differ.
-fixture::sff_read_spec plain_read(const std::string& name, std::size_t bases) {
-    fixture::sff_read_spec r;
+fixture::sff_read_layout plain_read(const std::string& name, std::size_t bases) {
+    fixture::sff_read_layout r;
     r.name = name;
     for (std::uint16_t k = 0; k < 400; ++k) r.flowgram.push_back(0x0100 + k);
     r.flow_index_per_base.assign(bases, 1);
@@ -30,9 +30,9 @@ fixture::sff_read_spec plain_read(const std::string& name, std::size_t bases) {
     return r;
 }
 
-fixture::sff_file_spec file_of(std::vector<fixture::sff_read_spec> reads,
-                               std::optional<std::uint32_t> declared = {}, bool little = false) {
-    fixture::sff_file_spec layout;
+fixture::sff_file_layout file_of(std::vector<fixture::sff_read_layout> reads,
+                                 std::optional<std::uint32_t> declared = {}, bool little = false) {
+    fixture::sff_file_layout layout;
     layout.little_endian = little;
     layout.reads = std::move(reads);
     layout.number_of_reads = declared;
@@ -44,7 +44,7 @@ struct sff_file {
     temp_dir dir;
     std::string path = dir / "in.sff";
     explicit sff_file(const std::string& bytes) { fixture::write_file(path, bytes); }
-    explicit sff_file(const fixture::sff_file_spec& layout)
+    explicit sff_file(const fixture::sff_file_layout& layout)
         : sff_file(fixture::build_sff(layout)) {}
 };
 
@@ -178,7 +178,7 @@ TEST(SffReader, FileEndingInsideARecord) {
 }
 
 TEST(SffReader, ImpossibleBaseCountStaysWithinTheFile) {
-    fixture::sff_read_spec huge = plain_read(kA, 12);
+    fixture::sff_read_layout huge = plain_read(kA, 12);
     huge.number_of_bases = 4000000000u;
     sff_file f(file_of({huge, plain_read(kB, 4)}));
     reader r(f.path);
@@ -206,7 +206,7 @@ TEST(SffReader, ImpossibleBaseCountStaysWithinTheFile) {
 }
 
 TEST(SffReaderDeathTest, FatalFiles) {
-    fixture::sff_file_spec layout = file_of({plain_read(kA, 4)});
+    fixture::sff_file_layout layout = file_of({plain_read(kA, 4)});
     layout.magic = {0x2E, 0x73, 0x66, 0x67};
     sff_file wrong(layout);
     EXPECT_EXIT(reader(wrong.path).get_header(), ExitedWithCode(1),

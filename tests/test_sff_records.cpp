@@ -39,7 +39,7 @@ TEST(SffRecords, ReadHeaderFromBigEndianBytes) {
 
 TEST(SffRecords, CommonHeaderFromEitherByteOrder) {
     for (bool little : {false, true}) {
-        fixture::sff_file_spec layout;
+        fixture::sff_file_layout layout;
         layout.little_endian = little;
         layout.index_offset = 0x0102030405060708ULL;
         layout.index_length = 0x0A0B0C0D;

@@ -19,12 +19,12 @@ std::size_t round_up8(std::size_t n) {
     return (n + 7) / 8 * 8;
 }
 
-std::size_t read_header_size(const sff_read_spec& read) {
+std::size_t read_header_size(const sff_read_layout& read) {
     return read.read_header_length != 0 ? read.read_header_length
                                         : round_up8(16 + read.name.size());
 }
 
-std::size_t read_data_size(const sff_read_spec& read) {
+std::size_t read_data_size(const sff_read_layout& read) {
     return 2 * read.flowgram.size() + read.flow_index_per_base.size() + read.bases.size() +
            read.quality.size();
 }
@@ -82,7 +82,7 @@ std::string tacg_flows(std::size_t count) {
     return flows;
 }
 
-std::string build_sff_header(const sff_file_spec& file) {
+std::string build_sff_header(const sff_file_layout& file) {
     const bool le = file.little_endian;
     const std::string flows =
         file.flow_chars ? *file.flow_chars : tacg_flows(file.number_of_flows_per_read);
@@ -112,12 +112,12 @@ std::string build_sff_header(const sff_file_spec& file) {
     return out;
 }
 
-std::size_t sff_read_size(const sff_read_spec& read) {
+std::size_t sff_read_size(const sff_read_layout& read) {
     const std::size_t head = std::max(read_header_size(read), 16 + read.name.size());
     return head + round_up8(read_data_size(read));
 }
 
-void append_sff_read(std::string& out, const sff_read_spec& read, bool le) {
+void append_sff_read(std::string& out, const sff_read_layout& read, bool le) {
     const std::size_t begin = out.size();
     const std::size_t head = read_header_size(read);
     put(out, head, 2, le);
@@ -142,9 +142,9 @@ void append_sff_read(std::string& out, const sff_read_spec& read, bool le) {
     out.append(round_up8(data) - data, static_cast<char>(read.data_pad_byte));
 }
 
-std::string build_sff(const sff_file_spec& file) {
+std::string build_sff(const sff_file_layout& file) {
     std::string out = build_sff_header(file);
-    for (const sff_read_spec& read : file.reads) append_sff_read(out, read, file.little_endian);
+    for (const sff_read_layout& read : file.reads) append_sff_read(out, read, file.little_endian);
     out += file.trailing_bytes;
     return out;
 }
@@ -160,9 +160,9 @@ std::size_t fitting_bases(std::string_view bases, std::string_view flow_chars) {
     return walk_flows(bases, flow_chars, [](std::size_t, std::size_t, unsigned) {});
 }
 
-sff_read_spec make_read(std::string name, std::string bases, std::string_view flow_chars,
-                        std::vector<std::uint8_t> quality, std::uint64_t seed) {
-    sff_read_spec read;
+sff_read_layout make_read(std::string name, std::string bases, std::string_view flow_chars,
+                          std::vector<std::uint8_t> quality, std::uint64_t seed) {
+    sff_read_layout read;
     read.name = std::move(name);
 
     std::vector<std::uint16_t> run_length(flow_chars.size(), 0);

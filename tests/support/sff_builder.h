@@ -13,7 +13,7 @@
 
 namespace fixture {
 
-struct sff_read_spec {
+struct sff_read_layout {
     std::string name;
     // 0: 16 + name bytes, rounded up to a multiple of 8.
     std::uint16_t read_header_length = 0;
@@ -34,7 +34,7 @@ struct sff_read_spec {
     std::uint8_t data_pad_byte = 0;
 };
 
-struct sff_file_spec {
+struct sff_file_layout {
     bool little_endian = false;
     // Default: 2E 73 66 66, or 66 66 73 2E for a little-endian file.
     std::optional<std::array<unsigned char, 4>> magic;
@@ -53,7 +53,7 @@ struct sff_file_spec {
     // Default: "TACG" repeated to number_of_flows_per_read characters.
     std::optional<std::string> flow_chars;
     std::string key_sequence = "TCAG";
-    std::vector<sff_read_spec> reads;
+    std::vector<sff_read_layout> reads;
     // Appended after the last read, e.g. an index block.
     std::string trailing_bytes;
 };
@@ -62,16 +62,16 @@ struct sff_file_spec {
 std::string tacg_flows(std::size_t count);
 
 // The common header with its padding: the bytes before the first read record.
-std::string build_sff_header(const sff_file_spec& file);
+std::string build_sff_header(const sff_file_layout& file);
 
 // Appends one read record (read header, read data, padding) in the given byte order.
-void append_sff_read(std::string& out, const sff_read_spec& read, bool little_endian);
+void append_sff_read(std::string& out, const sff_read_layout& read, bool little_endian);
 
 // Number of bytes append_sff_read writes for `read`.
-std::size_t sff_read_size(const sff_read_spec& read);
+std::size_t sff_read_size(const sff_read_layout& read);
 
 // Header, all reads, trailing bytes.
-std::string build_sff(const sff_file_spec& file);
+std::string build_sff(const sff_file_layout& file);
 
 // Replaces the file at `path` with `bytes`; false when it cannot be written.
 bool write_file(const std::string& path, const std::string& bytes);
@@ -86,7 +86,7 @@ std::size_t fitting_bases(std::string_view bases, std::string_view flow_chars);
 // small one in every other flow. Bases beyond fitting_bases() are dropped; `quality` is cut
 // or filled up (with 30) to the remaining length. Clips are left 0. The signal noise comes
 // from `seed` alone, so equal arguments give equal reads.
-sff_read_spec make_read(std::string name, std::string bases, std::string_view flow_chars,
-                        std::vector<std::uint8_t> quality, std::uint64_t seed);
+sff_read_layout make_read(std::string name, std::string bases, std::string_view flow_chars,
+                          std::vector<std::uint8_t> quality, std::uint64_t seed);
 
 }  // namespace fixture
