@@ -34,25 +34,12 @@ constexpr int kColumnsPerRead = 4;
 
 std::string g_data_dir = "/tmp/sorvexa-bench";
 
-// splitmix64: fixed output on every platform, unlike the standard distributions.
-struct rng {
-    std::uint64_t state;
-    std::uint64_t next() {
-        std::uint64_t z = (state += 0x9E3779B97F4A7C15ULL);
-        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ULL;
-        z = (z ^ (z >> 27)) * 0x94D049BB133111EBULL;
-        return z ^ (z >> 31);
-    }
-    std::uint32_t below(std::uint32_t n) {
-        return static_cast<std::uint32_t>(((next() >> 32) * n) >> 32);
-    }
-    bool chance(std::uint32_t per_1000) { return below(1000) < per_1000; }
-};
+using rng = fixture::splitmix64;
 
 // Genome-like bases: a repeat of the last base three times in ten, so homopolymer runs of
 // every length up to a handful turn up, as in real sequence.
 char next_base(rng& r, char prev) {
-    if (prev != 0 && r.chance(300)) return prev;
+    if (prev != 0 && r.chance(300, 1000)) return prev;
     return "ACGT"[r.below(4)];
 }
 
@@ -205,7 +192,7 @@ contig build_contig(int num_reads) {
     c.consensus.reserve(static_cast<std::size_t>(columns));
     char prev = 0;
     for (int p = 0; p < columns; ++p) {
-        if (p > 0 && c.consensus.back() != '*' && r.chance(15)) {
+        if (p > 0 && c.consensus.back() != '*' && r.chance(15, 1000)) {
             c.consensus.push_back('*');
             continue;
         }
@@ -224,7 +211,7 @@ contig build_contig(int num_reads) {
         read.name = read_name(static_cast<std::uint32_t>(k));
         read.start = start;
         read.length = static_cast<std::int16_t>(length);
-        read.uncomplemented = r.chance(500) ? 1 : 0;
+        read.uncomplemented = r.chance(500, 1000) ? 1 : 0;
         read.sequence.reserve(static_cast<std::size_t>(length));
         for (std::int32_t j = 0; j < length; ++j) {
             const std::size_t p = static_cast<std::size_t>(start - 1 + j);
@@ -232,10 +219,10 @@ contig build_contig(int num_reads) {
             char b = truth;
             if (truth == '*') {
                 // Where the consensus has a pad, a few reads over-call the run before it.
-                if (j > 0 && r.chance(200))
+                if (j > 0 && r.chance(200, 1000))
                     b = read.sequence.back() == '*' ? 'A' : read.sequence.back();
-            } else if (r.chance(5)) {
-                b = j > 0 && r.chance(500) ? '*' : "ACGT"[r.below(4)];
+            } else if (r.chance(5, 1000)) {
+                b = j > 0 && r.chance(500, 1000) ? '*' : "ACGT"[r.below(4)];
             }
             read.sequence.push_back(b);
         }

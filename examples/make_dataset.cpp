@@ -51,22 +51,9 @@ struct options {
     std::string prefix = "run";
 };
 
-// splitmix64. std::uniform_int_distribution and std::shuffle differ between standard
-// libraries, so all bounded draws and shuffles here are done by hand on raw 64-bit values.
-struct stream {
-    std::uint64_t state;
-    std::uint64_t next() {
-        std::uint64_t z = (state += 0x9E3779B97F4A7C15ULL);
-        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ULL;
-        z = (z ^ (z >> 27)) * 0x94D049BB133111EBULL;
-        return z ^ (z >> 31);
-    }
-    // Multiply-shift rather than division: several draws are made for every base.
-    std::uint32_t below(std::uint32_t n) {
-        return static_cast<std::uint32_t>(((next() >> 32) * n) >> 32);
-    }
-    bool chance(std::uint32_t per_10000) { return below(10000) < per_10000; }
-};
+// Bounded draws and shuffles are done by hand on raw 64-bit values: the standard
+// distributions differ between standard libraries.
+using stream = fixture::splitmix64;
 
 std::uint64_t below(std::mt19937_64& rng, std::uint64_t n) {
     return rng() % n;
@@ -101,7 +88,7 @@ char other_base(stream& s, char b) {
 // within 800 flows.
 char next_base(stream& s, char prev) {
     if (prev == 0) return "ACGT"[s.below(4)];
-    if (s.chance(3000)) return prev;
+    if (s.chance(3000, 10000)) return prev;
     return other_base(s, prev);
 }
 
@@ -170,8 +157,8 @@ void generate(const read_plan& r, const contig_model* contig, bool with_quality,
             if (truth == '*') {
                 // A pad column is where some reads over-call a homopolymer. A read never
                 // begins with a pad.
-                if (c.padded.empty() || s.chance(2500)) {
-                    b = last != 0 && s.chance(7000) ? last : "ACGT"[s.below(4)];
+                if (c.padded.empty() || s.chance(2500, 10000)) {
+                    b = last != 0 && s.chance(7000, 10000) ? last : "ACGT"[s.below(4)];
                     odd = true;
                 }
             } else if (const std::uint32_t e = s.below(10000); e < 70) {
@@ -246,12 +233,12 @@ void plan_read(read_plan& r, const contig_model* contig, std::string_view flows,
     stream p{r.seed ^ kPlanSalt};
     std::uint32_t bases = 300 + p.below(301);
     const std::uint32_t tail = 3 + p.below(43);
-    r.clip_qual_left = static_cast<std::uint16_t>(p.chance(9700) ? 5 : 6 + p.below(5));
-    r.clip_adapter_left = static_cast<std::uint16_t>(p.chance(200) ? 6 + p.below(20) : 0);
+    r.clip_qual_left = static_cast<std::uint16_t>(p.chance(9700, 10000) ? 5 : 6 + p.below(5));
+    r.clip_adapter_left = static_cast<std::uint16_t>(p.chance(200, 10000) ? 6 + p.below(20) : 0);
     // Mostly no adapter; sometimes one found inside the read, sometimes at its very end.
     const std::uint32_t adapter = p.below(100);
     const std::uint32_t adapter_gap = 10 + p.below(80);
-    r.complemented = p.chance(5000);
+    r.complemented = p.chance(5000, 10000);
     for (int attempt = 0;; ++attempt) {
         r.bases = static_cast<std::uint16_t>(bases);
         r.clip_qual_right = static_cast<std::uint16_t>(bases - tail);
@@ -300,7 +287,7 @@ void build_contig(contig_model& contig, std::vector<read_plan>& reads, std::stri
     char prev = 0;
     for (std::size_t i = 0; i < total; ++i) {
         const auto column = static_cast<std::int32_t>(i) + 1 - kLeftMargin;
-        if (column > 1 && contig.columns.back() != '*' && g.chance(150)) {
+        if (column > 1 && contig.columns.back() != '*' && g.chance(150, 10000)) {
             contig.columns.push_back('*');
         } else {
             prev = next_base(g, prev);
@@ -316,7 +303,7 @@ void build_contig(contig_model& contig, std::vector<read_plan>& reads, std::stri
         read_plan& r = reads[contig.reads[j]];
         if (j == 0) {
             r.start = 1;
-        } else if (g.chance(100)) {
+        } else if (g.chance(100, 10000)) {
             r.start = -static_cast<std::int32_t>(g.below(31));
         } else {
             r.start = 1 + static_cast<std::int32_t>(

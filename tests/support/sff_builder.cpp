@@ -58,16 +58,7 @@ std::size_t walk_flows(std::string_view bases, std::string_view flows, Call call
     return bases.size();
 }
 
-// splitmix64: tiny and fully specified, so fixtures come out the same everywhere.
-struct noise_source {
-    std::uint64_t state;
-    std::uint64_t next() {
-        std::uint64_t z = (state += 0x9E3779B97F4A7C15ULL);
-        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ULL;
-        z = (z ^ (z >> 27)) * 0x94D049BB133111EBULL;
-        return z ^ (z >> 31);
-    }
-};
+using noise_source = splitmix64;
 
 // A value below n from 16 random bits; multiplication is much cheaper than division here.
 std::uint32_t scale16(std::uint64_t bits, std::uint32_t n) {

@@ -13,6 +13,24 @@
 
 namespace fixture {
 
+// splitmix64: a tiny generator with the same output on every platform (the standard
+// distributions differ between standard libraries), so generated data is reproducible.
+struct splitmix64 {
+    std::uint64_t state;
+    std::uint64_t next() {
+        std::uint64_t z = (state += 0x9E3779B97F4A7C15ULL);
+        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ULL;
+        z = (z ^ (z >> 27)) * 0x94D049BB133111EBULL;
+        return z ^ (z >> 31);
+    }
+    // A value below n; multiply-shift, since draws are made for every base.
+    std::uint32_t below(std::uint32_t n) {
+        return static_cast<std::uint32_t>(((next() >> 32) * n) >> 32);
+    }
+    // True `part` times in `whole`.
+    bool chance(std::uint32_t part, std::uint32_t whole) { return below(whole) < part; }
+};
+
 struct sff_read_layout {
     std::string name;
     // 0: 16 + name bytes, rounded up to a multiple of 8.
