@@ -114,6 +114,20 @@ class output_file {
     std::int64_t flushed_ = 0;
 };
 
+// The decimal text of 0 to 999, four bytes each (the text, then its length in the last
+// byte): quality scores and flow numbers are nearly all below 1000, and copying their text
+// is cheaper than computing it.
+struct small_numbers {
+    char text[1000][4];
+    small_numbers() {
+        for (int v = 0; v < 1000; ++v) {
+            char* end = std::to_chars(text[v], text[v] + 3, v).ptr;
+            text[v][3] = static_cast<char>(end - text[v]);
+        }
+    }
+};
+const small_numbers decimal;
+
 // Appends tab-separated numbers and line ends to an output file, formatting in place.
 class line_writer {
   public:
@@ -124,7 +138,13 @@ class line_writer {
         char* p = out_.reserve(n * 7 + 1);  // a 16-bit number and its tab
         for (std::size_t k = 0; k < n; ++k) {
             if (k > 0) *p++ = '\t';
-            p = std::to_chars(p, p + 6, values[k]).ptr;
+            const T v = values[k];
+            if (v >= 0 && v < 1000) {
+                std::memcpy(p, decimal.text[v], 3);
+                p += decimal.text[v][3];
+            } else {
+                p = std::to_chars(p, p + 6, v).ptr;
+            }
         }
         *p++ = '\n';
         out_.commit(p);
@@ -193,9 +213,16 @@ struct read_stage {
         for (std::size_t k = 0; k < sff_names.size(); ++k) {
             reader rd(sff_names[k]);
             rd.get_header();
-            // Room for the declared reads, as far as the file could hold them.
-            const std::uint64_t fit = static_cast<std::uint64_t>(rd.sff_file.bytes_left()) / 16;
-            read_indexes[k].reserve(std::min<std::uint64_t>(rd.header_p1.number_of_reads, fit), 16);
+            // Room for the declared reads, as far as the file could hold them (every record
+            // takes its 16-byte header and its flowgram) and within reason: a table that
+            // needs more grows as it fills.
+            const std::uint64_t smallest =
+                16 + 2 * std::uint64_t{rd.header_p1.number_of_flows_per_read};
+            const std::uint64_t fit =
+                static_cast<std::uint64_t>(rd.sff_file.bytes_left()) / smallest;
+            read_indexes[k].reserve(std::min<std::uint64_t>({rd.header_p1.number_of_reads, fit,
+                                                             std::uint64_t{1} << 22}),
+                                    16);
             rd.walk_read_index(
                 [](void* table, std::string_view name, std::int64_t pos) {
                     static_cast<name_table*>(table)->set(name, pos);
