@@ -11,6 +11,7 @@
 
 #include "ace.h"
 #include "run_tool.h"
+#include "sff_builder.h"
 
 namespace {
 
@@ -39,7 +40,7 @@ std::string rd(const std::string& read, const std::string& after_qa = "DS\n") {
 struct ace_file {
     temp_dir dir;
     std::string path = dir / "in.ace";
-    explicit ace_file(const std::string& text) { fixture::write_text(path, text); }
+    explicit ace_file(const std::string& text) { fixture::write_file(path, text); }
 };
 
 // The contigs that next_contig fills (result 1) before its first 0.
@@ -110,15 +111,15 @@ TEST(AceReader, PassesOverTagBlocksBlankLinesAndReadOrder) {
 }
 
 TEST(AceReader, EndsWithoutContig) {
-    // No contigs declared, lines ending in CR LF (no line is ever empty), contigs cut short,
-    // a second RD record that never comes, a read count far beyond the lines there are.
+    // No contigs declared, lines ending in CR LF (no line is ever empty), contigs cut short
+    // before a QA line or in a BS section, a second RD record that never comes, a read count
+    // far beyond the lines there are.
     std::string crlf;
     for (char ch : kOneRead) crlf += ch == '\n' ? std::string("\r\n") : std::string(1, ch);
     const auto begin = std::chrono::steady_clock::now();
     for (std::string text :
          {kOneRead.substr(0, 3) + "0" + kOneRead.substr(4), crlf,
-          kOneRead.substr(0, kOneRead.rfind("QA")), kOneRead.substr(0, kOneRead.rfind("GT\n")),
-          kOneRead.substr(0, kOneRead.find("BS") + 3),
+          kOneRead.substr(0, kOneRead.rfind("QA")), kOneRead.substr(0, kOneRead.find("BS") + 3),
           "AS 1 2\n\n" + co("c", 2) + kBQ + af("r1") + af("r2") + kBS + rd("r1"),
           "AS 1 1\n\n" + co("c", 2000000000) + kBQ + af("r1") + kBS + rd("r1")})
         EXPECT_TRUE(contigs_in(text).empty()) << text;

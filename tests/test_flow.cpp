@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "contig.h"
@@ -13,8 +14,7 @@
 
 namespace {
 
-using fixture::make_contig;
-using fixture::placed_read;
+using namespace fixture;
 
 using flow_table = std::vector<std::map<char, std::int32_t>>;
 using counts = std::vector<std::vector<std::int16_t>>;
@@ -50,44 +50,40 @@ std::string rows_of(const alignment& a) {
 }
 
 TEST(FlowConsensus, OpensAFlowWhereverARunBegins) {
-    struct build_case {
-        std::string consensus;
-        std::vector<placed_read> reads;
-        std::string flows;
-        flow_table index;
-    };
-    const std::vector<build_case> cases = {
-        {"ACGT", {{"r", 1, "ACGT"}}, "ACGT", {{{'A', 0}}, {{'C', 1}}, {{'G', 2}}, {{'T', 3}}}},
-        {"AAC", {{"r", 1, "AAC"}}, "AC", {{{'A', 0}}, {}, {{'C', 1}}}},
-        {"ACC",
-         {{"r1", 1, "ACC"}, {"r2", 1, "AGG"}},
-         "ACG",
-         {{{'A', 0}}, {{'C', 1}, {'G', 2}}, {}}},
-        // A pad splits a run in two, and both halves fall into the same flow.
-        {"A*A", {{"r", 1, "A*A"}}, "A", {{{'A', 0}}, {}, {{'A', 0}}}},
-        // Flow 0 is T when the consensus opens with a pad or an unknown base.
-        {"*CG", {{"r", 1, "ACG"}}, "TACG", {{{'A', 1}}, {{'C', 2}}, {{'G', 3}}}},
-        {"NCG", {{"r", 1, "ACG"}}, "TACG", {{{'A', 1}}, {{'C', 2}}, {{'G', 3}}}},
-        {"nCG", {{"r", 1, "ACG"}}, "TACG", {{{'A', 1}}, {{'C', 2}}, {{'G', 3}}}},
-        // Any other first character is taken as stored, lower case included.
-        {"acg", {{"r", 1, "ACG"}}, "aACG", {{{'A', 1}}, {{'C', 2}}, {{'G', 3}}}},
-        // The column {A, C} follows flow C: A opens a flow, C joins it instead of the old one.
-        {"CA", {{"r1", 1, "CA"}, {"r2", 2, "C"}}, "CA", {{{'C', 0}}, {{'A', 1}, {'C', 1}}}},
-        // An N is read as the consensus base, or as a letter of its own when that base would
-        // merge it into a neighbouring run.
-        {"AGC", {{"r", 1, "ANC"}}, "AGC", {{{'A', 0}}, {{'G', 1}}, {{'C', 2}}}},
-        {"AAA", {{"r", 1, "ANA"}}, "ATA", {{{'A', 0}}, {{'T', 1}}, {{'A', 2}}}},
-        {"AAA", {{"r", 1, "NAA"}}, "ATA", {{{'T', 1}}, {{'A', 2}}, {}}},
-        {"AA", {{"r", 1, "NA"}}, "A", {{{'A', 0}}, {}}},  // too short for the neighbour test
-        // Bases before column 1 and after the last column open no flows.
-        {"CG", {{"r", 0, "ACG"}, {"s", 2, "GTT"}}, "CG", {{{'C', 0}}, {{'G', 1}}}},
-    };
-    for (const build_case& k : cases) {
-        contig c = make_contig(k.consensus, k.reads);
+    // Consensus and reads; the flow consensus and flow index they give.
+    const std::vector<std::tuple<std::string, std::vector<placed_read>, std::string, flow_table>>
+        cases = {
+            {"ACGT", {{"r", 1, "ACGT"}}, "ACGT", {{{'A', 0}}, {{'C', 1}}, {{'G', 2}}, {{'T', 3}}}},
+            {"AAC", {{"r", 1, "AAC"}}, "AC", {{{'A', 0}}, {}, {{'C', 1}}}},
+            {"ACC",
+             {{"r1", 1, "ACC"}, {"r2", 1, "AGG"}},
+             "ACG",
+             {{{'A', 0}}, {{'C', 1}, {'G', 2}}, {}}},
+            // A pad splits a run in two, and both halves fall into the same flow.
+            {"A*A", {{"r", 1, "A*A"}}, "A", {{{'A', 0}}, {}, {{'A', 0}}}},
+            // Flow 0 is T when the consensus opens with a pad or an unknown base.
+            {"*CG", {{"r", 1, "ACG"}}, "TACG", {{{'A', 1}}, {{'C', 2}}, {{'G', 3}}}},
+            {"NCG", {{"r", 1, "ACG"}}, "TACG", {{{'A', 1}}, {{'C', 2}}, {{'G', 3}}}},
+            {"nCG", {{"r", 1, "ACG"}}, "TACG", {{{'A', 1}}, {{'C', 2}}, {{'G', 3}}}},
+            // Any other first character is taken as stored, lower case included.
+            {"acg", {{"r", 1, "ACG"}}, "aACG", {{{'A', 1}}, {{'C', 2}}, {{'G', 3}}}},
+            // The column {A, C} follows flow C: A opens a flow, C joins it instead of the old one.
+            {"CA", {{"r1", 1, "CA"}, {"r2", 2, "C"}}, "CA", {{{'C', 0}}, {{'A', 1}, {'C', 1}}}},
+            // An N is read as the consensus base, or as a letter of its own when that base would
+            // merge it into a neighbouring run.
+            {"AGC", {{"r", 1, "ANC"}}, "AGC", {{{'A', 0}}, {{'G', 1}}, {{'C', 2}}}},
+            {"AAA", {{"r", 1, "ANA"}}, "ATA", {{{'A', 0}}, {{'T', 1}}, {{'A', 2}}}},
+            {"AAA", {{"r", 1, "NAA"}}, "ATA", {{{'T', 1}}, {{'A', 2}}, {}}},
+            {"AA", {{"r", 1, "NA"}}, "A", {{{'A', 0}}, {}}},  // too short for the neighbour test
+            // Bases before column 1 and after the last column open no flows.
+            {"CG", {{"r", 0, "ACG"}, {"s", 2, "GTT"}}, "CG", {{{'C', 0}}, {{'G', 1}}}},
+        };
+    for (const auto& [consensus, reads, flows, index] : cases) {
+        contig c = make_contig(consensus, reads);
         c.create_flow_concensus();
-        const std::string label = k.consensus + " / " + k.reads.front().sequence;
-        EXPECT_EQ(flows_of(c), k.flows) << label;
-        EXPECT_EQ(c.flow_index, k.index) << label;
+        const std::string label = consensus + " / " + reads.front().sequence;
+        EXPECT_EQ(flows_of(c), flows) << label;
+        EXPECT_EQ(c.flow_index, index) << label;
     }
 }
 
@@ -111,12 +107,6 @@ TEST(FlowConsensus, LookupsFindTheNearestColumnWithFlows) {
     padded.create_flow_concensus();
     EXPECT_EQ(padded.getFlowIdx_start(0), 0);  // flow 0 is T, but no run begins at index 0
     EXPECT_EQ(padded.getFlowIdx_end(0), 0);
-
-    contig empty = make_contig("ACGT");
-    empty.create_flow_concensus();
-    EXPECT_TRUE(empty.flow_consensus.empty());
-    EXPECT_TRUE(empty.flow_index.empty());
-    EXPECT_EQ(empty.getFlowIdx_start(0), 0);
 }
 
 TEST(FlowAlignment, RunsAreCountedWhole) {
@@ -136,35 +126,32 @@ TEST(FlowAlignment, RunsAreCountedWhole) {
     EXPECT_EQ(a.flow_counts, (counts{{2}, {2}}));
 }
 
-TEST(FlowAlignment, RowsWithoutAFlowArePaddedOnlyBelowLaterRows) {
+TEST(FlowAlignment, RowsOfTheLayout) {
+    // A row without a flow is padded with -1 only below a later row that has one.
     contig c =
         make_contig("ACGT", {{"a", 1, "ACGT"}, {"b", 1, "A"}, {"c", 1, "ACGT"}, {"d", 1, "A"}});
     alignment a = align(c, 3, 2);
     EXPECT_EQ(a.flow_counts, (counts{{1, -1, 1}, {1, -1, 1}}));
     EXPECT_EQ(rows_of(a), "[1:a(0,1)][][1:c(0,1)][]");
-}
 
-TEST(FlowAlignment, LaterReadOfARowOverwritesASharedFlow) {
-    contig c = make_contig("ACCCG", {{"x", 1, "AC"}, {"y", 3, "CC"}});
-    alignment a = align(c, 1, 5);
-    ASSERT_EQ(c.print_map.size(), 1u);
+    // Two reads of one row sharing a flow: the later one overwrites its count, and as both
+    // end on flow 1, only the later read stays.
+    contig shared = make_contig("ACCCG", {{"x", 1, "AC"}, {"y", 3, "CC"}});
+    a = align(shared, 1, 5);
     EXPECT_EQ(a.flow_counts, (counts{{1}, {2}}));
-    EXPECT_EQ(rows_of(a), "[1:y(1,1)]");  // both end on flow 1; the later read stays
+    EXPECT_EQ(rows_of(a), "[1:y(1,1)]");
 }
 
 TEST(FlowAlignment, ShortestReadBoundsTheStartsAligned) {
-    const std::vector<placed_read> reads = {
-        {"long", 1, "ACGTAC"}, {"edge", 3, "GTA"}, {"late", 4, "TAC"}};
-    contig c = make_contig("ACGTAC", reads);
+    contig c =
+        make_contig("ACGTAC", {{"long", 1, "ACGTAC"}, {"edge", 3, "GTA"}, {"late", 4, "TAC"}});
     alignment a = align(c, 1, 5);
     // "late" starts after column 5 - 3 + 1 and is not aligned although it overlaps.
     EXPECT_EQ(a.flow_counts, (counts{{1}, {1}, {1, 1}, {1, 1}, {1, 1}}));
     EXPECT_EQ(rows_of(a), "[4:long(0,4)][4:edge(2,4)][]");
 
-    contig unbounded = make_contig("ACGTAC", reads);
-    unbounded.create_print_map();
-    unbounded.min_read_len = 0;
-    a = align(unbounded, 1, 5);
+    c.min_read_len = 0;  // after the layout is built, which would set it again
+    a = align(c, 1, 5);
     EXPECT_EQ(a.flow_counts, (counts{{1}, {1}, {1, 1}, {1, 1, 1}, {1, 1, 1}}));
     EXPECT_EQ(rows_of(a), "[4:long(0,4)][4:edge(2,4)][4:late(3,4)]");
 }
@@ -173,7 +160,6 @@ TEST(FlowAlignment, WindowLimits) {
     // A read starting before column 1 is never aligned, even in a layout that names it.
     contig c = make_contig("ACGT", {{"pre", 0, "TACGT"}, {"r", 1, "ACGT"}});
     c.create_print_map();
-    ASSERT_EQ(c.print_map, (std::vector<layout_row>{{{1, "r"}}}));
     c.print_map = {{{0, "pre"}}, {{1, "r"}}};
     alignment a = align(c, 1, 4);
     EXPECT_EQ(a.flow_counts, (counts{{-1, 1}, {-1, 1}, {-1, 1}, {-1, 1}}));
@@ -210,6 +196,7 @@ TEST(FlowAlignment, NothingToAlignWithoutReadsOrConsensus) {
         EXPECT_TRUE(a.flow_counts.empty());
         EXPECT_TRUE(a.flow_rows.empty());
         EXPECT_TRUE(c.flow_consensus.empty());
+        EXPECT_TRUE(c.flow_index.empty());
     }
 }
 

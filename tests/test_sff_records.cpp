@@ -37,25 +37,22 @@ TEST(SffRecords, ReadHeaderFromBigEndianBytes) {
     EXPECT_EQ(header_line(r), raw);
 }
 
-TEST(SffRecords, CommonHeaderFromEitherByteOrder) {
-    for (bool little : {false, true}) {
-        fixture::sff_file_layout layout;
-        layout.little_endian = little;
-        layout.index_offset = 0x0102030405060708ULL;
-        layout.index_length = 0x0A0B0C0D;
-        layout.number_of_reads = 70000;
-        layout.number_of_flows_per_read = 300;
-        layout.flowgram_format_code = -2;
-        sff_header_p1 h;
-        h.load(reinterpret_cast<const unsigned char*>(fixture::build_sff_header(layout).data()));
-        if (!little) h.var_endian_swap();
-        const std::string line = header_line(h);
-        EXPECT_EQ(line, std::string(little ? "ffs." : ".sff") +
-                            "\t0001\t72623859790382856\t168496141\t70000\t336\t4\t300\t-2\n");
-        h.var_endian_swap();
-        h.var_endian_swap();
-        EXPECT_EQ(header_line(h), line);
-    }
+// Big-endian only: the reader tests read whole files in both byte orders.
+TEST(SffRecords, CommonHeaderFromBigEndianBytes) {
+    fixture::sff_file_layout layout;
+    layout.index_offset = 0x0102030405060708ULL;
+    layout.index_length = 0x0A0B0C0D;
+    layout.number_of_reads = 70000;
+    layout.number_of_flows_per_read = 300;
+    layout.flowgram_format_code = -2;
+    sff_header_p1 h;
+    h.load(reinterpret_cast<const unsigned char*>(fixture::build_sff_header(layout).data()));
+    h.var_endian_swap();
+    const std::string line = header_line(h);
+    EXPECT_EQ(line, ".sff\t0001\t72623859790382856\t168496141\t70000\t336\t4\t300\t-2\n");
+    h.var_endian_swap();
+    h.var_endian_swap();
+    EXPECT_EQ(header_line(h), line);
 }
 
 TEST(SffRecords, KeptBaseRange) {

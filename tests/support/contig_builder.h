@@ -12,25 +12,14 @@
 namespace fixture {
 
 inline std::vector<char> chars(std::string_view text) {
-    return std::vector<char>(text.begin(), text.end());
+    return {text.begin(), text.end()};
 }
 
 // Places a read at `start` with the given length; the sequence may differ from it in size.
-inline READ& add_read(contig& c, const std::string& name, std::int32_t start, std::int16_t length,
-                      std::string_view sequence = {}) {
-    READ& r = c.reads[name];
-    r.name = name;
-    r.start = start;
-    r.length = length;
-    r.sequence = chars(sequence);
+inline void add_read(contig& c, const std::string& name, std::int32_t start, std::int16_t length,
+                     std::string_view sequence = {}) {
+    c.reads[name] = {.name = name, .start = start, .length = length, .sequence = chars(sequence)};
     c.num_reads = static_cast<std::int32_t>(c.reads.size());
-    return r;
-}
-
-// Places a read whose length is the number of characters of its padded sequence.
-inline READ& add_read(contig& c, const std::string& name, std::int32_t start,
-                      std::string_view sequence) {
-    return add_read(c, name, start, static_cast<std::int16_t>(sequence.size()), sequence);
 }
 
 struct placed_read {
@@ -45,7 +34,8 @@ inline contig make_contig(std::string_view consensus, const std::vector<placed_r
     c.name = "Contig1";
     c.consensus = chars(consensus);
     c.num_bases = static_cast<std::int32_t>(consensus.size());
-    for (const placed_read& r : reads) add_read(c, r.name, r.start, r.sequence);
+    for (const placed_read& r : reads)
+        add_read(c, r.name, r.start, static_cast<std::int16_t>(r.sequence.size()), r.sequence);
     return c;
 }
 

@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -14,29 +14,12 @@ namespace fixture {
 
 namespace {
 
-std::string temp_template(const char* stem) {
-    const char* base = std::getenv("TMPDIR");
-    return std::string(base && *base ? base : "/tmp") + stem;
-}
-
-// An anonymous file: unlinked at once, so it goes away with its descriptor.
-int scratch_file() {
-    std::string templ = temp_template("/sorvexa-out-XXXXXX");
-    int fd = mkstemp(templ.data());
-    if (fd < 0) throw std::runtime_error("mkstemp failed for " + templ);
-    unlink(templ.c_str());
-    return fd;
-}
-
-std::string drain(int fd) {
+// Reads back what the child wrote and closes the file, which removes it.
+std::string drain(std::FILE* f) {
     std::string text;
-    char buf[4096];
-    lseek(fd, 0, SEEK_SET);
-    for (ssize_t n; (n = read(fd, buf, sizeof buf)) != 0;) {
-        if (n < 0 && errno != EINTR) break;
-        if (n > 0) text.append(buf, static_cast<std::size_t>(n));
-    }
-    close(fd);
+    std::rewind(f);
+    for (int c; (c = std::fgetc(f)) != EOF;) text += static_cast<char>(c);
+    std::fclose(f);
     return text;
 }
 
@@ -45,15 +28,14 @@ std::string drain(int fd) {
 run_result run_binary(const std::string& binary, const std::vector<std::string>& args,
                       const std::string& cwd) {
     // Everything the child needs is built before fork: between fork and exec only
-    // async-signal-safe calls are allowed.
-    std::vector<std::string> storage{binary};
-    storage.insert(storage.end(), args.begin(), args.end());
-    std::vector<char*> argv;
-    for (auto& s : storage) argv.push_back(s.data());
+    // async-signal-safe calls are allowed. execv does not write to its arguments.
+    std::vector<char*> argv{const_cast<char*>(binary.c_str())};
+    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
-
-    const int out_fd = scratch_file();
-    const int err_fd = scratch_file();
+    std::FILE* out = std::tmpfile();
+    std::FILE* err = std::tmpfile();
+    if (out == nullptr || err == nullptr) throw std::runtime_error("tmpfile failed");
+    const int out_fd = fileno(out), err_fd = fileno(err);
     const pid_t pid = fork();
     if (pid < 0) throw std::runtime_error("fork failed");
     if (pid == 0) {
@@ -64,40 +46,23 @@ run_result run_binary(const std::string& binary, const std::vector<std::string>&
     int wstatus = 0;
     while (waitpid(pid, &wstatus, 0) < 0 && errno == EINTR) {
     }
-    run_result r;
-    r.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -WTERMSIG(wstatus);
-    r.out = drain(out_fd);
-    r.err = drain(err_fd);
-    return r;
+    const int status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -WTERMSIG(wstatus);
+    return {status, drain(out), drain(err)};
 }
 
-temp_dir::temp_dir() : path_(temp_template("/sorvexa-test-XXXXXX")) {
-    if (!mkdtemp(path_.data())) throw std::runtime_error("mkdtemp failed for " + path_);
+temp_dir::temp_dir()
+    : path((std::filesystem::temp_directory_path() / "sorvexa-test-XXXXXX").string()) {
+    if (!mkdtemp(path.data())) throw std::runtime_error("mkdtemp failed for " + path);
 }
 
 temp_dir::~temp_dir() {
     std::error_code ec;
-    std::filesystem::remove_all(path_, ec);
-}
-
-std::string temp_dir::operator/(std::string_view name) const {
-    return path_ + "/" + std::string(name);
-}
-
-void write_text(const std::string& path, std::string_view text) {
-    std::ofstream f(path, std::ios::binary | std::ios::trunc);
-    f.write(text.data(), static_cast<std::streamsize>(text.size()));
-    if (!f) throw std::runtime_error("cannot write " + path);
+    std::filesystem::remove_all(path, ec);
 }
 
 std::string read_file(const std::string& path) {
     std::ifstream f(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
-}
-
-bool file_exists(const std::string& path) {
-    std::error_code ec;
-    return std::filesystem::exists(path, ec);
 }
 
 }  // namespace fixture

@@ -1,4 +1,4 @@
-// Running the Sorvexa binary as a child process, and the scratch-directory helpers that the
+// Running the Sorvexa binary as a child process, and the scratch directory that the
 // end-to-end tests need around it.
 #pragma once
 
@@ -10,8 +10,7 @@ namespace fixture {
 
 struct run_result {
     int status = -1;  // exit status, or minus the signal number when the child was killed
-    std::string out;
-    std::string err;
+    std::string out, err;
 };
 
 // Runs `binary` with `args` (argv[0] not included) in the directory `cwd`, no shell
@@ -28,25 +27,18 @@ inline run_result run_tool(const std::vector<std::string>& args, const std::stri
 }
 #endif
 
-// A fresh directory under $TMPDIR (or /tmp), removed with its contents on destruction.
-class temp_dir {
-  public:
+// A fresh directory under the system's temporary directory ($TMPDIR first), removed with
+// its contents on destruction.
+struct temp_dir {
     temp_dir();
     ~temp_dir();
     temp_dir(const temp_dir&) = delete;
-    temp_dir& operator=(const temp_dir&) = delete;
-
-    const std::string& path() const { return path_; }
     // `name` relative to the directory.
-    std::string operator/(std::string_view name) const;
-
-  private:
-    std::string path_;
+    std::string operator/(std::string_view name) const { return path + "/" + std::string(name); }
+    std::string path;
 };
 
-void write_text(const std::string& path, std::string_view text);
 // The whole file as bytes; empty when it cannot be read.
 std::string read_file(const std::string& path);
-bool file_exists(const std::string& path);
 
 }  // namespace fixture
