@@ -1,5 +1,6 @@
 #include "ace.h"
 
+#include <algorithm>
 #include <iostream>
 
 #include "process_exit.h"
@@ -8,13 +9,12 @@ namespace {
 
 const char* const section_tags[] = {"CO", "BQ", "AF", "BS", "RD"};
 
-// Reads lines until an empty one (or the end of the file), appending every other line.
+// Reads lines until an empty one (or the end of the file), appending every other line;
+// the line in hand is then the empty one.
 void read_block(text_file& in, std::vector<char>& out, std::string& line) {
-    for (;;) {
-        in.getline(line);
-        if (line.empty()) return;
-        out.insert(out.end(), line.begin(), line.end());
+    while (in.append_line(out) != 0) {
     }
+    line.clear();
 }
 
 void skip_block(text_file& in, std::string& line) {
@@ -171,6 +171,7 @@ int aceReader::read_rd_section(contig& c, std::string& line) {
         READ& r = it->second;
         rd >> r.length;
         r.sequence.clear();
+        r.sequence.reserve(static_cast<std::size_t>(std::max<std::int16_t>(r.length, 0)));
         read_block(ace_stream, r.sequence, line);
         while (line.empty()) {
             if (ace_stream.eof()) return 0;

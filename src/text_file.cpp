@@ -43,6 +43,17 @@ int text_file::peek() {
 
 bool text_file::getline(std::string& line) {
     line.clear();
+    return read_line([&line](const char* p, std::size_t n) { line.append(p, n); });
+}
+
+std::size_t text_file::append_line(std::vector<char>& out) {
+    const std::size_t before = out.size();
+    read_line([&out](const char* p, std::size_t n) { out.insert(out.end(), p, p + n); });
+    return out.size() - before;
+}
+
+template <class Sink>
+bool text_file::read_line(Sink sink) {
     bool any = false;
     for (;;) {
         if (pos_ == len_ && !fill()) {
@@ -53,12 +64,12 @@ bool text_file::getline(std::string& line) {
         const char* start = buf_.get() + pos_;
         const void* nl = std::memchr(start, '\n', len_ - pos_);
         if (nl != nullptr) {
-            std::size_t n = static_cast<const char*>(nl) - start;
-            line.append(start, n);
+            const std::size_t n = static_cast<std::size_t>(static_cast<const char*>(nl) - start);
+            sink(start, n);
             pos_ += n + 1;
             return true;
         }
-        line.append(start, len_ - pos_);
+        sink(start, len_ - pos_);
         pos_ = len_;
     }
 }

@@ -26,6 +26,9 @@ class text_file {
 
     // Reads the next line into `line`; false (and an empty line) when nothing was left.
     bool getline(std::string& line);
+    // Appends the next line to `out` and returns its length: 0 for an empty line, or at the
+    // end of the file.
+    std::size_t append_line(std::vector<char>& out);
 
     // Formatted extraction across lines: skips white space (newlines included) and reads one
     // word or one decimal number. The number forms leave the stream just after the number.
@@ -33,6 +36,8 @@ class text_file {
     bool extract_int(std::int64_t& value, std::int64_t lo, std::int64_t hi);
 
   private:
+    template <class Sink>
+    bool read_line(Sink sink);
     bool fill();
     int peek();
 
