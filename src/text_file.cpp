@@ -4,7 +4,7 @@
 #include <limits>
 
 namespace {
-constexpr std::size_t buffer_size = 1 << 20;
+constexpr std::size_t buffer_size = 64 << 10;
 }
 
 text_file::~text_file() {
