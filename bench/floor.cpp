@@ -21,29 +21,9 @@
 #include <cstring>
 #include <string>
 
+#include "decimal.h"
+
 namespace {
-
-// Numbers below 1000 are copied from a table of their text (length in the fourth byte):
-// the fastest formatting we have for the small values that dominate these records.
-struct small_numbers {
-    char text[1000][4];
-    small_numbers() {
-        for (int v = 0; v < 1000; ++v) {
-            char* end = std::to_chars(text[v], text[v] + 3, v).ptr;
-            text[v][3] = static_cast<char>(end - text[v]);
-        }
-    }
-};
-const small_numbers decimal;
-
-template <class T>
-char* put_number(char* o, T v, int width) {
-    if (v >= 0 && v < 1000) {
-        std::memcpy(o, decimal.text[v], 3);
-        return o + decimal.text[v][3];
-    }
-    return std::to_chars(o, o + width, v).ptr;
-}
 
 constexpr std::size_t kReadBlock = std::size_t{4} << 20;
 constexpr std::size_t kWriteBlock = std::size_t{8} << 20;
@@ -311,7 +291,7 @@ void walk_records(input& in, const file_header& h, bool flowgram, output& out,
         *o++ = '\n';
         for (std::size_t k = left; k <= right; ++k) {
             if (k > left) *o++ = '\t';
-            o = put_number(o, quality[k - 1], 3);
+            o = put_decimal(o, quality[k - 1], 3);
         }
         *o++ = '\n';
         if (flowgram) {
@@ -321,12 +301,12 @@ void walk_records(input& in, const file_header& h, bool flowgram, output& out,
                 flow = static_cast<std::int16_t>(flow + flow_index[k - 1]);
                 if (k < left) continue;
                 if (k > left) *o++ = '\t';
-                o = put_number(o, flow, 6);
+                o = put_decimal(o, flow, 6);
             }
             *o++ = '\n';
             for (std::size_t f = 0; f < h.flows; ++f) {
                 if (f > 0) *o++ = '\t';
-                o = put_number(o, u16<big>(flowgram_values + 2 * f), 5);
+                o = put_decimal(o, u16<big>(flowgram_values + 2 * f), 5);
             }
             *o++ = '\n';
         }

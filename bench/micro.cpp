@@ -301,30 +301,18 @@ void BM_align_flow(benchmark::State& state) {
     set_contig_counters(state, c);
 }
 
-void BM_print_flow_map_plain(benchmark::State& state) {
-    contig& c = shared_contig(static_cast<int>(state.range(0)));
-    const std::int32_t from = window_start(c);
-    std::size_t bytes = 0;
-    for (auto _ : state) {
-        std::string out;
-        std::vector<std::string> names;
-        c.print_flow_map_plain(out, names, from, kWindowWidth);
-        bytes = out.size();
-        benchmark::DoNotOptimize(out.data());
-        benchmark::DoNotOptimize(names.data());
-    }
-    set_contig_counters(state, c);
-    state.counters["out_bytes"] = static_cast<double>(bytes);
-}
+// A window map drawn as text: the plain flow map or the plain alignment map.
+using window_map = void (contig::*)(std::string&, std::vector<std::string>&, std::int32_t, int);
 
-void BM_print_align_map_plain(benchmark::State& state) {
+template <window_map Draw>
+void BM_window_map(benchmark::State& state) {
     contig& c = shared_contig(static_cast<int>(state.range(0)));
     const std::int32_t from = window_start(c);
     std::size_t bytes = 0;
     for (auto _ : state) {
         std::string out;
         std::vector<std::string> names;
-        c.print_align_map_plain(out, names, from, kWindowWidth);
+        (c.*Draw)(out, names, from, kWindowWidth);
         bytes = out.size();
         benchmark::DoNotOptimize(out.data());
         benchmark::DoNotOptimize(names.data());
@@ -337,8 +325,12 @@ void window_sizes(benchmark::internal::Benchmark* b) {
     b->ArgName("reads")->Arg(2000)->Arg(5000)->Arg(20000)->Unit(benchmark::kMicrosecond);
 }
 BENCHMARK(BM_align_flow)->Apply(window_sizes);
-BENCHMARK(BM_print_flow_map_plain)->Apply(window_sizes);
-BENCHMARK(BM_print_align_map_plain)->Apply(window_sizes);
+BENCHMARK(BM_window_map<&contig::print_flow_map_plain>)
+    ->Name("BM_print_flow_map_plain")
+    ->Apply(window_sizes);
+BENCHMARK(BM_window_map<&contig::print_align_map_plain>)
+    ->Name("BM_print_align_map_plain")
+    ->Apply(window_sizes);
 
 }  // namespace
 

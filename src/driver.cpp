@@ -16,6 +16,7 @@
 
 #include "ace.h"
 #include "contig.h"
+#include "decimal.h"
 #include "name_table.h"
 #include "sff.h"
 
@@ -114,20 +115,6 @@ class output_file {
     std::int64_t flushed_ = 0;
 };
 
-// The decimal text of 0 to 999, four bytes each (the text, then its length in the last
-// byte): quality scores and flow numbers are nearly all below 1000, and copying their text
-// is cheaper than computing it.
-struct small_numbers {
-    char text[1000][4];
-    small_numbers() {
-        for (int v = 0; v < 1000; ++v) {
-            char* end = std::to_chars(text[v], text[v] + 3, v).ptr;
-            text[v][3] = static_cast<char>(end - text[v]);
-        }
-    }
-};
-const small_numbers decimal;
-
 // Appends tab-separated numbers and line ends to an output file, formatting in place.
 class line_writer {
   public:
@@ -138,13 +125,7 @@ class line_writer {
         char* p = out_.reserve(n * 7 + 1);  // a 16-bit number and its tab
         for (std::size_t k = 0; k < n; ++k) {
             if (k > 0) *p++ = '\t';
-            const T v = values[k];
-            if (v >= 0 && v < 1000) {
-                std::memcpy(p, decimal.text[v], 3);
-                p += decimal.text[v][3];
-            } else {
-                p = std::to_chars(p, p + 6, v).ptr;
-            }
+            p = put_decimal(p, values[k], 6);
         }
         *p++ = '\n';
         out_.commit(p);
