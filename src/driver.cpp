@@ -185,6 +185,9 @@ struct read_stage {
     // the ordered map, with the same contents.
     std::vector<name_table> read_indexes;
     std::vector<std::vector<std::int64_t>> pending_positions;
+    // Scratch of the lookups: the names of the contig in hand and their hashes.
+    std::vector<std::string_view> names;
+    std::vector<std::uint64_t> hashes;
     int output_mode = 1;
 
     void index_files(int argc, char** argv, int first_sff) {
@@ -201,9 +204,8 @@ struct read_stage {
                 16 + 2 * std::uint64_t{rd.header_p1.number_of_flows_per_read};
             const std::uint64_t fit =
                 static_cast<std::uint64_t>(rd.sff_file.bytes_left()) / smallest;
-            read_indexes[k].reserve(std::min<std::uint64_t>({rd.header_p1.number_of_reads, fit,
-                                                             std::uint64_t{1} << 22}),
-                                    16);
+            read_indexes[k].reserve(std::min<std::uint64_t>(
+                {rd.header_p1.number_of_reads, fit, std::uint64_t{1} << 22}));
             rd.walk_read_index(
                 [](void* table, std::string_view name, std::int64_t pos) {
                     static_cast<name_table*>(table)->set(name, pos);
@@ -214,14 +216,7 @@ struct read_stage {
 
     // The first file whose index holds a name serves it; a read in no file gets no record.
     void write_records(const contig& c, output_file& reads_file) {
-        for (const auto& entry : c.reads) {
-            for (std::size_t k = 0; k < read_indexes.size(); ++k) {
-                const std::int64_t* pos = read_indexes[k].find(entry.first);
-                if (pos == nullptr) continue;
-                pending_positions[k].push_back(*pos);
-                break;
-            }
-        }
+        look_up(c);
         for (std::size_t k = 0; k < sff_names.size(); ++k) {
             if (pending_positions[k].empty()) continue;
             reader rd(sff_names[k]);
@@ -237,6 +232,30 @@ struct read_stage {
                 write_record(read, rd.cur_read, reads_file);
             }
             pending_positions[k].clear();
+        }
+    }
+
+    // The lookups of a contig, in the order of its reads. The slots and entries of the names
+    // a few places ahead are loaded meanwhile, so that the tables' cache misses overlap.
+    void look_up(const contig& c) {
+        constexpr std::size_t slot_ahead = 16, entry_ahead = 8;
+        hashes.clear();
+        names.clear();
+        for (const auto& entry : c.reads) {
+            names.push_back(entry.first);
+            hashes.push_back(name_table::hash(entry.first));
+        }
+        for (std::size_t i = 0; i < names.size(); ++i) {
+            for (name_table& table : read_indexes) {
+                if (i + slot_ahead < names.size()) table.prefetch_slot(hashes[i + slot_ahead]);
+                if (i + entry_ahead < names.size()) table.prefetch_entry(hashes[i + entry_ahead]);
+            }
+            for (std::size_t k = 0; k < read_indexes.size(); ++k) {
+                const std::int64_t* pos = read_indexes[k].find(names[i], hashes[i]);
+                if (pos == nullptr) continue;
+                pending_positions[k].push_back(*pos);
+                break;
+            }
         }
     }
 

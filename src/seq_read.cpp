@@ -1,4 +1,6 @@
 // A read cut to its kept bases, with absolute flow numbers.
+#include <algorithm>
+
 #include "sff.h"
 
 seqRead::seqRead(const sff_read& read) {
@@ -20,17 +22,28 @@ void seqRead::assign(const sff_read& read) {
     flow_indexes.resize(size);
     if (size == 0) return;
 
+    // Base i (0-based) goes to slot i + 1 - left. Before the kept range only the flow counter
+    // moves; the copy ends at the last slot, at the last base held, or after the base at the
+    // right end, whichever comes first.
     const std::size_t held = read.bases_held();
+    const std::int64_t first = left;
+    const auto skipped = static_cast<std::int64_t>(
+        first > 1 ? std::min<std::size_t>(held, static_cast<std::size_t>(first - 1)) : 0);
+    std::int64_t end =
+        std::min(static_cast<std::int64_t>(held), static_cast<std::int64_t>(size) + first - 1);
+    if (right - 1 >= skipped) end = std::min<std::int64_t>(end, right);
     std::int16_t flow = -1;
-    for (std::size_t i = 0; i < held; ++i) {
+    for (std::int64_t i = 0; i < skipped; ++i)
         flow = static_cast<std::int16_t>(flow + read.flow_index_per_base[i]);
-        const std::int64_t pos = static_cast<std::int64_t>(i) + 1;
-        if (pos < left) continue;
-        const std::int64_t k = pos - left;
-        if (k >= static_cast<std::int64_t>(size)) break;
-        bases[k] = read.bases[i];
-        quality_scores[k] = read.quality_scores[i];
-        flow_indexes[k] = flow;
-        if (pos == right) break;
+    if (end <= skipped) return;
+
+    const std::int64_t shift = first - 1;
+    for (std::int64_t i = skipped; i < end; ++i) {
+        flow = static_cast<std::int16_t>(flow + read.flow_index_per_base[i]);
+        flow_indexes[i - shift] = flow;
     }
+    std::copy(read.bases.begin() + skipped, read.bases.begin() + end,
+              bases.begin() + (skipped - shift));
+    std::copy(read.quality_scores.begin() + skipped, read.quality_scores.begin() + end,
+              quality_scores.begin() + (skipped - shift));
 }

@@ -51,6 +51,9 @@ TEST(SeqRead, KeptRangeWithAbsoluteFlowNumbers) {
     // A right clip past the last base leaves a zero tail; only the smaller clip counts.
     EXPECT_EQ(describe(seqRead(make(0, 6, 7, 3))), "read TCA... 250,240,230,0,0,0 0,2,5,0,0,0");
     EXPECT_EQ(describe(seqRead(make(0, 6, 0, 3))), "read TCA 250,240,230 0,2,5");
+    // A left clip beyond 32767 wraps to a negative start: the bases land two slots in.
+    EXPECT_EQ(describe(seqRead(make(65535))),
+              "read ..TCAGTTA 0,0,250,240,230,220,210,200,190 0,0,0,2,5,7,8,8,9");
 }
 
 TEST(SeqRead, EmptyOrNegativeKeptRangeGivesNameOnly) {
