@@ -40,8 +40,13 @@ if (($# > 1)); then
     targets=("$@")
 fi
 
-cmake --preset fuzz >/dev/null
-cmake --build --preset fuzz --target "${targets[@]/#/fuzz_}"
+# One build at a time, for calls started side by side.
+mkdir -p build
+(
+    flock 9
+    cmake --preset fuzz >/dev/null
+    cmake --build --preset fuzz --target "${targets[@]/#/fuzz_}"
+) 9>build/.fuzz-build.lock
 
 bin=build/fuzz/fuzz
 work=build/fuzz/fuzz-work
