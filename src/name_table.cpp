@@ -111,23 +111,21 @@ void name_table::insert(std::string_view name, std::uint64_t h, std::int64_t pos
     slots_[i] = slot_value(h, entries_.size() - 1);
 }
 
-// Completes the inserts still under way, oldest first, so that a name set twice in a row
-// still ends with its later position.
+// Inserts under way complete oldest first, so that a name set twice in a row still ends with
+// its later position.
+void name_table::settle_oldest() {
+    const pending_set& p = pending_[pending_first_];
+    insert(p.name, p.hash, p.pos);
+    pending_first_ = (pending_first_ + 1) % pipeline_depth;
+    --pending_count_;
+}
+
 void name_table::settle() {
-    for (; pending_count_ > 0; --pending_count_) {
-        const pending_set& p = pending_[pending_first_];
-        insert(p.name, p.hash, p.pos);
-        pending_first_ = (pending_first_ + 1) % pipeline_depth;
-    }
+    while (pending_count_ > 0) settle_oldest();
 }
 
 void name_table::set(std::string_view name, std::int64_t pos) {
-    if (pending_count_ == pipeline_depth) {
-        const pending_set& p = pending_[pending_first_];
-        insert(p.name, p.hash, p.pos);
-        pending_first_ = (pending_first_ + 1) % pipeline_depth;
-        --pending_count_;
-    }
+    if (pending_count_ == pipeline_depth) settle_oldest();
     pending_set& p = pending_[(pending_first_ + pending_count_) % pipeline_depth];
     if (name.empty())
         p.name.clear();  // an unnamed record may come with no bytes at all

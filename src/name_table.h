@@ -54,6 +54,7 @@ class name_table {
     std::string_view name_of(const entry& e) const;
     std::size_t slot_of(std::string_view name, std::uint64_t h) const;
     void insert(std::string_view name, std::uint64_t h, std::int64_t pos);
+    void settle_oldest();
     void settle();
     void rehash(std::size_t slots);
 
