@@ -21,7 +21,7 @@
 #include <cstring>
 #include <string>
 
-#include "decimal.h"
+#include "output_file.h"
 
 namespace {
 
@@ -291,7 +291,7 @@ void walk_records(input& in, const file_header& h, bool flowgram, output& out,
         *o++ = '\n';
         for (std::size_t k = left; k <= right; ++k) {
             if (k > left) *o++ = '\t';
-            o = put_decimal(o, quality[k - 1], 3);
+            o = put_decimal(o, quality[k - 1]);
         }
         *o++ = '\n';
         if (flowgram) {
@@ -301,12 +301,12 @@ void walk_records(input& in, const file_header& h, bool flowgram, output& out,
                 flow = static_cast<std::int16_t>(flow + flow_index[k - 1]);
                 if (k < left) continue;
                 if (k > left) *o++ = '\t';
-                o = put_decimal(o, flow, 6);
+                o = put_decimal(o, flow);
             }
             *o++ = '\n';
             for (std::size_t f = 0; f < h.flows; ++f) {
                 if (f > 0) *o++ = '\t';
-                o = put_decimal(o, u16<big>(flowgram_values + 2 * f), 5);
+                o = put_decimal(o, u16<big>(flowgram_values + 2 * f));
             }
             *o++ = '\n';
         }

@@ -24,7 +24,8 @@ bool binary_file::open(const std::string& path) {
     fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd_ < 0) return false;
     struct stat st {};
-    size_ = (::fstat(fd_, &st) == 0 && S_ISREG(st.st_mode)) ? st.st_size : 0;
+    regular_ = ::fstat(fd_, &st) == 0 && S_ISREG(st.st_mode);
+    size_ = regular_ ? st.st_size : 0;
     pos_ = 0;
     eof_ = fail_ = false;
     buf_at_ = 0;
@@ -61,18 +62,28 @@ std::size_t binary_file::fill_from(std::int64_t at) {
     return buf_len_;
 }
 
+// Moves past n bytes as reading them would: up to the end of the file at most.
+std::size_t binary_file::drop(std::size_t n) {
+    const std::int64_t left = pos_ < size_ ? size_ - pos_ : 0;
+    const std::size_t done = static_cast<std::size_t>(std::min<std::uint64_t>(n, left));
+    pos_ += static_cast<std::int64_t>(done);
+    return done;
+}
+
 std::size_t binary_file::read(void* dst, std::size_t cap, std::size_t n) {
     auto* out = static_cast<unsigned char*>(dst);
     const std::size_t stored = std::min(cap, n);
     std::size_t done = 0;
     if (!eof_ && !fail_ && fd_ >= 0) {
-        while (done < n) {
+        // Only what is stored is read through the buffer in a regular file.
+        const std::size_t through = regular_ ? stored : n;
+        while (done < through) {
             std::int64_t off = pos_ - buf_at_;
             if (off < 0 || off >= static_cast<std::int64_t>(buf_len_)) {
                 if (fill_from(pos_) == 0) break;
                 off = 0;
             }
-            std::size_t take = std::min(n - done, buf_len_ - static_cast<std::size_t>(off));
+            std::size_t take = std::min(through - done, buf_len_ - static_cast<std::size_t>(off));
             if (done < stored) {
                 std::size_t copy = std::min(take, stored - done);
                 std::memcpy(out + done, buf_.data() + off, copy);
@@ -80,6 +91,7 @@ std::size_t binary_file::read(void* dst, std::size_t cap, std::size_t n) {
             done += take;
             pos_ += static_cast<std::int64_t>(take);
         }
+        if (done == through && through < n) done += drop(n - through);
     }
     if (done < n) eof_ = fail_ = true;
     if (done < stored) std::memset(out + done, 0, stored - done);

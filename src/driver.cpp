@@ -1,23 +1,16 @@
+// The run: options, the SFF read indexes, then contig by contig the header line, the
+// location index line and the read records.
 #include "driver.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <charconv>
 #include <cstdint>
-#include <cstdlib>
-#include <cstring>
 #include <iostream>
-#include <memory>
-#include <string_view>
+#include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "ace.h"
 #include "contig.h"
-#include "decimal.h"
-#include "name_table.h"
+#include "output_file.h"
 #include "sff.h"
 
 const std::string PRG = "Sorvexa";
@@ -26,122 +19,6 @@ const std::string VERSION = "1.1";
 namespace {
 
 const char* const attribution = "flowgram and quality extractor for 454 assemblies";
-
-// A text output file with its own buffer. The byte count includes what is still buffered,
-// so it is the file position at any time. Open files are flushed on every way out of the
-// process (std::exit runs the handler below), a fatal error inside a reader included.
-class output_file {
-  public:
-    explicit output_file(const std::string& path)
-        : fd_(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)) {
-        if (fd_ < 0) return;
-        // Not zero-filled: only the bytes written are ever touched.
-        buf_ = std::make_unique_for_overwrite<char[]>(buffer_size);
-        capacity_ = buffer_size;
-        register_open(this);
-    }
-    ~output_file() { close(); }
-    output_file(const output_file&) = delete;
-    output_file& operator=(const output_file&) = delete;
-
-    bool is_open() const { return fd_ >= 0; }
-    std::int64_t position() const { return flushed_ + static_cast<std::int64_t>(len_); }
-
-    // Room for n more bytes; the caller writes there and hands the end back to commit().
-    char* reserve(std::size_t n) {
-        if (capacity_ - len_ < n) {
-            flush();
-            if (capacity_ < n) {
-                buf_ = std::make_unique_for_overwrite<char[]>(n);
-                capacity_ = n;
-            }
-        }
-        return buf_.get() + len_;
-    }
-    void commit(const char* end) { len_ = static_cast<std::size_t>(end - buf_.get()); }
-    void write(std::string_view s) {
-        char* p = reserve(s.size());
-        std::memcpy(p, s.data(), s.size());
-        commit(p + s.size());
-    }
-
-    void flush() {
-        std::size_t done = 0;
-        while (done < len_) {
-            ssize_t n = ::write(fd_, buf_.get() + done, len_ - done);
-            if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) break;  // a full disk: the rest is lost, as with any stream
-            done += static_cast<std::size_t>(n);
-        }
-        flushed_ += static_cast<std::int64_t>(len_);
-        len_ = 0;
-    }
-    void close() {
-        if (fd_ < 0) return;
-        flush();
-        ::close(fd_);
-        fd_ = -1;
-        register_open(nullptr, this);
-    }
-
-  private:
-    static constexpr std::size_t buffer_size = 1 << 20;
-
-    static output_file*& open_slot(std::size_t k) {
-        static output_file* open[2] = {nullptr, nullptr};
-        return open[k];
-    }
-    static void flush_open() {
-        for (std::size_t k = 0; k < 2; ++k)
-            if (open_slot(k) != nullptr) open_slot(k)->flush();
-    }
-    // Keeps track of the (at most two) open files so that an exit can flush them.
-    static void register_open(output_file* added, output_file* removed = nullptr) {
-        static bool handler = std::atexit(flush_open) == 0;
-        (void)handler;
-        for (std::size_t k = 0; k < 2; ++k) {
-            if (added != nullptr && open_slot(k) == nullptr) {
-                open_slot(k) = added;
-                return;
-            }
-            if (removed != nullptr && open_slot(k) == removed) open_slot(k) = nullptr;
-        }
-    }
-
-    int fd_;
-    std::unique_ptr<char[]> buf_;
-    std::size_t capacity_ = 0;
-    std::size_t len_ = 0;
-    std::int64_t flushed_ = 0;
-};
-
-// Appends tab-separated numbers and line ends to an output file, formatting in place.
-class line_writer {
-  public:
-    explicit line_writer(output_file& out) : out_(out) {}
-
-    template <class T>
-    void list(const T* values, std::size_t n) {
-        char* p = out_.reserve(n * 7 + 1);  // a 16-bit number and its tab
-        for (std::size_t k = 0; k < n; ++k) {
-            if (k > 0) *p++ = '\t';
-            p = put_decimal(p, values[k], 6);
-        }
-        *p++ = '\n';
-        out_.commit(p);
-    }
-    void text(std::string_view s) { out_.write(s); }
-
-  private:
-    output_file& out_;
-};
-
-template <class T>
-void append_number(std::string& out, T v) {
-    char buf[24];
-    auto res = std::to_chars(buf, buf + sizeof buf, v);
-    out.append(buf, res.ptr);
-}
 
 void print_usage() {
     std::cout << "\nUsage: ./" << PRG << " [options] aceFile sffFile_1 [sffFile_2 ...]\n\n"
@@ -181,13 +58,10 @@ std::string output_prefix(const std::string& ace_path) {
 // reads, fetched file by file.
 struct read_stage {
     std::vector<std::string> sff_names;
-    // The run's read indexes; a hash table serves the lookups the run makes, in place of
-    // the ordered map, with the same contents.
-    std::vector<name_table> read_indexes;
+    // The run only looks names up, so a hash map serves it in place of the ordered map;
+    // the contents are the same.
+    std::vector<std::unordered_map<std::string, std::int64_t>> read_indexes;
     std::vector<std::vector<std::int64_t>> pending_positions;
-    // Scratch of the lookups: the names of the contig in hand and their hashes.
-    std::vector<std::string_view> names;
-    std::vector<std::uint64_t> hashes;
     int output_mode = 1;
 
     void index_files(int argc, char** argv, int first_sff) {
@@ -197,24 +71,22 @@ struct read_stage {
         for (std::size_t k = 0; k < sff_names.size(); ++k) {
             reader rd(sff_names[k]);
             rd.get_header();
-            // Room for the declared reads, as far as the file could hold them (every record
-            // takes its 16-byte header and its flowgram) and within reason: a table that
-            // needs more grows as it fills.
-            const std::uint64_t smallest =
-                16 + 2 * std::uint64_t{rd.header_p1.number_of_flows_per_read};
-            const std::uint64_t fit =
-                static_cast<std::uint64_t>(rd.sff_file.bytes_left()) / smallest;
-            read_indexes[k].reserve(std::min<std::uint64_t>(
-                {rd.header_p1.number_of_reads, fit, std::uint64_t{1} << 22}));
-            rd.walk_read_index(
-                [](void* table, std::string_view name, std::int64_t pos) {
-                    static_cast<name_table*>(table)->set(name, pos);
-                },
-                &read_indexes[k]);
+            rd.build_read_index(read_indexes[k]);
         }
     }
 
     // The first file whose index holds a name serves it; a read in no file gets no record.
+    void look_up(const contig& c) {
+        for (const auto& entry : c.reads) {
+            for (std::size_t k = 0; k < read_indexes.size(); ++k) {
+                auto found = read_indexes[k].find(entry.first);
+                if (found == read_indexes[k].end()) continue;
+                pending_positions[k].push_back(found->second);
+                break;
+            }
+        }
+    }
+
     void write_records(const contig& c, output_file& reads_file) {
         look_up(c);
         for (std::size_t k = 0; k < sff_names.size(); ++k) {
@@ -235,32 +107,7 @@ struct read_stage {
         }
     }
 
-    // The lookups of a contig, in the order of its reads. The slots and entries of the names
-    // a few places ahead are loaded meanwhile, so that the tables' cache misses overlap.
-    void look_up(const contig& c) {
-        constexpr std::size_t slot_ahead = 16, entry_ahead = 8;
-        hashes.clear();
-        names.clear();
-        for (const auto& entry : c.reads) {
-            names.push_back(entry.first);
-            hashes.push_back(name_table::hash(entry.first));
-        }
-        for (std::size_t i = 0; i < names.size(); ++i) {
-            for (name_table& table : read_indexes) {
-                if (i + slot_ahead < names.size()) table.prefetch_slot(hashes[i + slot_ahead]);
-                if (i + entry_ahead < names.size()) table.prefetch_entry(hashes[i + entry_ahead]);
-            }
-            for (std::size_t k = 0; k < read_indexes.size(); ++k) {
-                const std::int64_t* pos = read_indexes[k].find(names[i], hashes[i]);
-                if (pos == nullptr) continue;
-                pending_positions[k].push_back(*pos);
-                break;
-            }
-        }
-    }
-
-    void write_record(const seqRead& read, const sff_read& raw, output_file& reads_file) {
-        line_writer out(reads_file);
+    void write_record(const seqRead& read, const sff_read& raw, output_file& out) const {
         out.text(read.name);
         out.text("\t1\n");
         out.list(read.quality_scores.data(), read.quality_scores.size());
@@ -275,82 +122,80 @@ struct read_stage {
 // The contig header line, then the contig's location index line with the position just
 // after it: where the contig's first read record will start.
 void contig_lines(const contig& c, int mode, output_file& reads_file, output_file& krv_file) {
-    auto counts = [&](std::string& line) {
-        line += '\t';
-        append_number(line, c.reads.size());
-        line += '\t';
-        append_number(line, mode);
-        line += '\n';
+    auto counts = [&](output_file& out) {
+        out.text("\t");
+        out.number(c.reads.size());
+        out.text("\t");
+        out.number(mode);
+        out.text("\n");
     };
-    std::string line(1, '>');
-    line += c.name;
-    counts(line);
-    reads_file.write(line);
+    reads_file.text(">");
+    reads_file.text(c.name);
+    counts(reads_file);
+    krv_file.text(c.name);
+    krv_file.text("\t");
+    krv_file.number(reads_file.position());
+    counts(krv_file);
+}
+struct options {
+    bool show_usage = false, show_version = false, output_flowgram = false;
+    int first_operand = 1;
+};
 
-    line.assign(c.name);
-    line += '\t';
-    append_number(line, reads_file.position());
-    counts(line);
-    krv_file.write(line);
+// Options come only from the leading arguments; a lone "-" is an operand.
+options parse_options(int argc, char** argv) {
+    options o;
+    if (argc <= 1 || argv[1][0] != '-' || argv[1][1] == '\0') return o;
+    for (;;) {
+        for (const char* p = argv[o.first_operand] + 1; *p != '\0'; ++p) {
+            if (*p == 'h' || *p == 'H') {
+                o.show_usage = true;
+            } else if (*p == 'v' || *p == 'V') {
+                o.show_version = true;
+            } else if (*p == 'f') {
+                o.output_flowgram = true;
+            } else {
+                std::cerr << "Unreconized switch: " << *p << std::endl;
+                o.show_usage = true;
+            }
+        }
+        ++o.first_operand;
+        const char* next = o.first_operand < argc ? argv[o.first_operand] : nullptr;
+        if (next == nullptr || next[0] != '-' || next[1] == '\0') return o;
+    }
+}
+
+// The usage and version texts in place of a run; true when either was printed. A run needs
+// the ACE file and one SFF file; without them the version text is shown too.
+bool print_texts(options o, int argc) {
+    const bool too_few = argc < o.first_operand + 2;
+    if (o.show_usage || (too_few && !o.show_version)) print_usage();
+    if (o.show_version || too_few) print_version();
+    return o.show_usage || o.show_version || too_few;
 }
 
 }  // namespace
 
 int sorvexa_main(int argc, char** argv) {
-    bool show_usage = false, show_version = false, output_flowgram = false;
-    int first = 1;
-    if (argc > 1 && argv[1][0] == '-' && argv[1][1] != '\0') {
-        for (;;) {
-            for (const char* p = argv[first] + 1; *p != '\0'; ++p) {
-                switch (*p) {
-                    case 'h':
-                    case 'H':
-                        show_usage = true;
-                        break;
-                    case 'v':
-                    case 'V':
-                        show_version = true;
-                        break;
-                    case 'f':
-                        output_flowgram = true;
-                        break;
-                    default:
-                        std::cerr << "Unreconized switch: " << *p << std::endl;
-                        show_usage = true;
-                }
-            }
-            ++first;
-            if (first >= argc || argv[first][0] != '-' || argv[first][1] == '\0') break;
-        }
-    }
+    const options opt = parse_options(argc, argv);
+    if (print_texts(opt, argc)) return 0;
 
-    const bool too_few = argc < first + 2;
-    const bool version_option = show_version;
-    if (too_few && !show_version) show_version = true;
-    if (show_usage || (too_few && !version_option)) print_usage();
-    if (show_version) print_version();
-    if (show_usage || show_version) return 0;
-
-    const std::string ace_path = argv[first];
+    const std::string ace_path = argv[opt.first_operand];
     const std::string prefix = output_prefix(ace_path);
-
     read_stage stage;
-    stage.index_files(argc, argv, first + 1);
+    stage.index_files(argc, argv, opt.first_operand + 1);
 
     aceReader ace(ace_path);
     const std::string reads_path = prefix + ".reads";
     const std::string krv_path = prefix + ".krv";
     output_file reads_file(reads_path);
     output_file krv_file(krv_path);
-    if (!reads_file.is_open()) {
-        std::cerr << "can not open file " << reads_path << std::endl;
+    if (!reads_file.is_open() || !krv_file.is_open()) {
+        std::cerr << "can not open file " << (reads_file.is_open() ? krv_path : reads_path)
+                  << std::endl;
         return 1;
     }
-    if (!krv_file.is_open()) {
-        std::cerr << "can not open file " << krv_path << std::endl;
-        return 1;
-    }
-    stage.output_mode = output_flowgram ? 3 : 1;
+    stage.output_mode = opt.output_flowgram ? 3 : 1;
 
     for (;;) {
         contig c;

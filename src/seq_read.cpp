@@ -47,3 +47,12 @@ void seqRead::assign(const sff_read& read) {
     std::copy(read.quality_scores.begin() + skipped, read.quality_scores.begin() + end,
               quality_scores.begin() + (skipped - shift));
 }
+
+// The last base assign() can reach is the one at the end of the kept range; a left clip
+// beyond 32767 wraps to a negative position and moves that end back the same way.
+std::size_t seqRead::bases_used(const sff_read& read) {
+    const std::int16_t left = read.get_base_start();
+    const auto n = static_cast<std::int16_t>(read.get_base_end() - left + 1);
+    if (n <= 0) return 0;
+    return static_cast<std::size_t>(std::max(0, n + left - 1));
+}

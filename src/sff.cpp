@@ -4,45 +4,23 @@
 #include <algorithm>
 #include <cstring>
 
-namespace {
-
-template <class T>
-T reversed(T v) {
-    unsigned char b[sizeof(T)];
-    std::memcpy(b, &v, sizeof(T));
-    std::reverse(b, b + sizeof(T));
-    std::memcpy(&v, b, sizeof(T));
-    return v;
-}
-
-// Numbers are taken in file byte order (as they lie in memory); var_endian_swap turns them
-// around when the file's order is not the host's.
-template <class T>
-void take(T& field, const unsigned char* at) {
-    std::memcpy(&field, at, sizeof(T));
-}
-
-}  // namespace
+#include "byte_order.h"
 
 void sff_header_p1::load(const unsigned char* b) {
     std::memcpy(magic_number, b, 4);
     std::memcpy(version, b + 4, 4);
-    take(index_offset, b + 8);
-    take(index_length, b + 16);
-    take(number_of_reads, b + 20);
-    take(header_length, b + 24);
-    take(key_length, b + 26);
-    take(number_of_flows_per_read, b + 28);
-    take(flowgram_format_code, b + 30);
+    byte_order::load(index_offset, b + 8);
+    byte_order::load(index_length, b + 16);
+    byte_order::load(number_of_reads, b + 20);
+    byte_order::load(header_length, b + 24);
+    byte_order::load(key_length, b + 26);
+    byte_order::load(number_of_flows_per_read, b + 28);
+    byte_order::load(flowgram_format_code, b + 30);
 }
 
 void sff_header_p1::var_endian_swap() {
-    index_offset = reversed(index_offset);
-    index_length = reversed(index_length);
-    number_of_reads = reversed(number_of_reads);
-    header_length = reversed(header_length);
-    key_length = reversed(key_length);
-    number_of_flows_per_read = reversed(number_of_flows_per_read);
+    byte_order::reverse_all(index_offset, index_length, number_of_reads, header_length, key_length,
+                            number_of_flows_per_read);
 }
 
 void sff_header_p1::print(std::ostream& out) const {
@@ -80,13 +58,13 @@ sff_read::sff_read(std::uint16_t flow_count)
       quality_scores(1) {}
 
 void sff_read::load_header(const unsigned char* b) {
-    take(read_header_length, b);
-    take(name_length, b + 2);
-    take(number_of_bases, b + 4);
-    take(clip_qual_left, b + 8);
-    take(clip_qual_right, b + 10);
-    take(clip_adapter_left, b + 12);
-    take(clip_adapter_right, b + 14);
+    byte_order::load(read_header_length, b);
+    byte_order::load(name_length, b + 2);
+    byte_order::load(number_of_bases, b + 4);
+    byte_order::load(clip_qual_left, b + 8);
+    byte_order::load(clip_qual_right, b + 10);
+    byte_order::load(clip_adapter_left, b + 12);
+    byte_order::load(clip_adapter_right, b + 14);
 }
 
 void sff_read::set_numOfFlows(std::uint16_t flow_count) {
@@ -100,9 +78,10 @@ void sff_read::set_read_space() {
 
 // The buffers keep their storage from record to record; every byte of them is then filled
 // from the file (or zeroed where the file ends), so nothing of the previous record remains.
-void sff_read::set_read_space(std::uint64_t limit) {
+void sff_read::set_read_space(std::uint64_t limit, std::uint64_t base_limit) {
     const auto n = static_cast<std::size_t>(std::min<std::uint64_t>(name_length, limit));
-    const auto b = static_cast<std::size_t>(std::min<std::uint64_t>(number_of_bases, limit));
+    const auto b =
+        static_cast<std::size_t>(std::min<std::uint64_t>({number_of_bases, limit, base_limit}));
     name.resize(n);
     flow_index_per_base.resize(b);
     bases.resize(b);
@@ -117,13 +96,8 @@ void sff_read::free_space() {
 }
 
 void sff_read::var_endian_swap() {
-    read_header_length = reversed(read_header_length);
-    name_length = reversed(name_length);
-    number_of_bases = reversed(number_of_bases);
-    clip_qual_left = reversed(clip_qual_left);
-    clip_qual_right = reversed(clip_qual_right);
-    clip_adapter_left = reversed(clip_adapter_left);
-    clip_adapter_right = reversed(clip_adapter_right);
+    byte_order::reverse_all(read_header_length, name_length, number_of_bases, clip_qual_left,
+                            clip_qual_right, clip_adapter_left, clip_adapter_right);
 }
 
 std::size_t sff_read::bases_held() const {

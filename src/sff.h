@@ -6,7 +6,6 @@
 #include <map>
 #include <ostream>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "binary_file.h"
@@ -67,8 +66,9 @@ struct sff_read {
     void load_header(const unsigned char* bytes);
     void set_numOfFlows(std::uint16_t flow_count);
     void set_read_space();
-    // As set_read_space, with no buffer larger than `limit` elements.
-    void set_read_space(std::uint64_t limit);
+    // As set_read_space, with no buffer larger than `limit` elements and no per-base buffer
+    // larger than `base_limit`.
+    void set_read_space(std::uint64_t limit, std::uint64_t base_limit = UINT64_MAX);
     void free_space();
     void var_endian_swap();
     std::int16_t get_base_start() const;
@@ -94,10 +94,32 @@ class seqRead {
     seqRead() = default;
     explicit seqRead(const sff_read& read);
     void assign(const sff_read& read);
+
+    // How many of a read's bases assign() looks at: those up to the end of the kept range,
+    // fewer than 65,536 since both ends of the range are 16-bit.
+    static std::size_t bases_used(const sff_read& read);
 };
 
 // Read name (byte-wise order) to the byte offset of the read's record.
 using read_index = std::map<std::string, std::int64_t>;
+
+// The three ways a record is read. One decoder serves them all; these flags are everything
+// they differ in.
+struct record_pass {
+    // A step of a walk over the records: it stops at number_of_reads and at the end of the
+    // file, reports a short fixed part, counts in reads_done and leaves the file at the next
+    // record (past the read data's padding). A positioned fetch does none of this.
+    bool walk;
+    // The name and the read data go into cur_read. Otherwise the name is only taken as a key,
+    // up to its first NUL byte, and the rest of the record is passed in one step whose header
+    // padding is a 64-bit difference (16-bit when the data is read).
+    bool read_data;
+    // The per-base values only as far as the kept bases reach (what seqRead::assign uses).
+    bool kept_only;
+};
+inline constexpr record_pass index_walk{true, false, false};
+inline constexpr record_pass sequential_read{true, true, false};
+inline constexpr record_pass positioned_fetch{false, true, true};
 
 class reader {
   public:
@@ -119,18 +141,40 @@ class reader {
     bool check_magic_number();
     void print_file_size();
     bool get_header();
-    bool build_read_index(read_index& index);
-    // The walk of build_read_index, handing each record's name (cut at its first NUL byte)
-    // and position to `add` instead of a map, for callers that keep their own index.
-    using index_entry_fn = void (*)(void* target, std::string_view name, std::int64_t pos);
-    bool walk_read_index(index_entry_fn add, void* target);
+
+    // Reads the header, then walks every record, reading only its fixed part and name, and
+    // sets index[name] = position (the name cut at its first NUL byte; a later record of the
+    // same name wins). Any map from std::string to std::int64_t will do: the ordered
+    // read_index, or a hash map where only lookups matter. False on a read error; the
+    // entries made before it stay.
+    template <class Index>
+    bool build_read_index(Index& index) {
+        reads_done = 0;
+        get_header();
+        if (!header_known) return false;  // the header fields would bound nothing
+        std::string key;
+        std::int64_t pos = 0;
+        while (decode_record(index_walk, pos, &key)) index[key] = pos;
+        return reads_done >= header_p1.number_of_reads;
+    }
+
+    // The next record, whole, into cur_read (the index form also records its position under
+    // all of its name's bytes). The buffers are bounded by the bytes left in the file: a
+    // record whose counts exceed the file gets no more per-base values than the file has
+    // bytes after its fixed part, and what lies past the end of the file reads as zero.
     bool get_next_read(read_index& index);
     bool get_next_read();
+
+    // Reads the record at `pos` into cur_read and fills `out` from it. Only what a read's
+    // output needs is read: the fixed part, the name, the whole flowgram, and the per-base
+    // values up to the end of the kept range (bases_held() tells how many; never more than
+    // 65,535). Values past the end of the file read as zero. A fetch from a stream that has
+    // failed (an earlier record ran past the end of the file) leaves `out` as it was and
+    // cur_read empty with a zero flowgram, never the previous read's data.
     void get_read(const std::int64_t& pos, seqRead& out);
 
   private:
     bool read_fixed(void* dst, std::size_t n);
-    bool next_record(read_index* index);
-    void read_record_body();
-    void read_record_data();
+    bool decode_record(const record_pass& pass, std::int64_t& pos, std::string* key);
+    void read_name_and_data(const record_pass& pass);
 };
