@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "ace_text.h"
 #include "run_tool.h"
 #include "sff_builder.h"
 
@@ -85,31 +86,6 @@ const sff_read_layout kRdA =
               {101, 3, 98, 5, 2, 103, 4, 99, 197, 102, 6, 3}, 5);
 const sff_read_layout kRdC =
     flow_read("rdC", "GA", {4, 2}, {30, 30}, {0, 2, 4, 96, 3, 104, 1, 300, 2, 3, 4, 65535});
-
-struct ace_contig {
-    std::string name;
-    std::vector<std::string> reads;
-};
-
-// One contig in the section order the reader insists on. A contig without reads still
-// needs its AF, BS and RD tag lines.
-std::string contig_text(const ace_contig& c) {
-    std::string t = "CO " + c.name + " 8 " + std::to_string(c.reads.size()) +
-                    " 1 U\nACGT*CGT\n\nBQ\n20 20 20 20 20 20 20\n\n";
-    for (const auto& r : c.reads) t += "AF " + r + " U 1\n";
-    if (c.reads.empty()) t += "AF\n";
-    t += "BS 1 8 " + (c.reads.empty() ? std::string("x") : c.reads.front()) + "\n\n";
-    for (const auto& r : c.reads)
-        t += "RD " + r + " 4 0 0\nAC\nGT\n\nQA 1 4 1 4\nDS CHROMAT_FILE: " + r + "\n\n";
-    if (c.reads.empty()) t += "RD\n\n";
-    return t;
-}
-
-std::string ace_text(const std::vector<ace_contig>& contigs, const std::string& extra = "") {
-    std::string t = "AS " + std::to_string(contigs.size()) + " 9\n\n";
-    for (const auto& c : contigs) t += contig_text(c);
-    return t + extra;
-}
 
 std::string summary(const std::string& prefix, const std::string& attribution) {
     return "Done! Two output files are:\n\n Korvane KRV file:\t" + prefix +

@@ -1,5 +1,6 @@
 #include "run_tool.h"
 
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -26,7 +27,7 @@ std::string drain(std::FILE* f) {
 }  // namespace
 
 run_result run_binary(const std::string& binary, const std::vector<std::string>& args,
-                      const std::string& cwd) {
+                      const std::string& cwd, const run_limits& limits) {
     // Everything the child needs is built before fork: between fork and exec only
     // async-signal-safe calls are allowed. execv does not write to its arguments.
     std::vector<char*> argv{const_cast<char*>(binary.c_str())};
@@ -40,14 +41,20 @@ run_result run_binary(const std::string& binary, const std::vector<std::string>&
     if (pid < 0) throw std::runtime_error("fork failed");
     if (pid == 0) {
         if (chdir(cwd.c_str()) != 0 || dup2(out_fd, 1) < 0 || dup2(err_fd, 2) < 0) _exit(126);
+        if (limits.file_size >= 0) {
+            const rlimit fsize{static_cast<rlim_t>(limits.file_size),
+                               static_cast<rlim_t>(limits.file_size)};
+            if (setrlimit(RLIMIT_FSIZE, &fsize) != 0) _exit(125);
+        }
         execv(binary.c_str(), argv.data());
         _exit(127);
     }
     int wstatus = 0;
-    while (waitpid(pid, &wstatus, 0) < 0 && errno == EINTR) {
+    rusage usage{};
+    while (wait4(pid, &wstatus, 0, &usage) < 0 && errno == EINTR) {
     }
     const int status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -WTERMSIG(wstatus);
-    return {status, drain(out), drain(err)};
+    return {status, drain(out), drain(err), usage.ru_maxrss};
 }
 
 temp_dir::temp_dir()

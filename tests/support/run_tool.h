@@ -11,19 +11,26 @@ namespace fixture {
 struct run_result {
     int status = -1;  // exit status, or minus the signal number when the child was killed
     std::string out, err;
+    long max_rss_kib = 0;  // the child's peak resident memory
+};
+
+// Set in the child before it starts: a file-size limit in bytes (RLIMIT_FSIZE), or none.
+struct run_limits {
+    long long file_size = -1;
 };
 
 // Runs `binary` with `args` (argv[0] not included) in the directory `cwd`, no shell
 // involved. Output goes to unlinked temporary files rather than pipes so that a chatty
 // child can never block on a full pipe.
 run_result run_binary(const std::string& binary, const std::vector<std::string>& args,
-                      const std::string& cwd);
+                      const std::string& cwd, const run_limits& limits = {});
 
 #ifdef SORVEXA_BIN
 // The binary under test; its path is compiled into each test executable, not into this
 // library, so the library can be linked by tools built without the binary.
-inline run_result run_tool(const std::vector<std::string>& args, const std::string& cwd = ".") {
-    return run_binary(SORVEXA_BIN, args, cwd);
+inline run_result run_tool(const std::vector<std::string>& args, const std::string& cwd = ".",
+                           const run_limits& limits = {}) {
+    return run_binary(SORVEXA_BIN, args, cwd, limits);
 }
 #endif
 
