@@ -9,39 +9,18 @@
 //   m bytes     the first SFF file
 //   the rest    the second SFF file
 //
-// Each input runs in a child process. A fatal input error ends a run halfway through the
-// driver, whose locals hold open files and megabyte buffers that no jump back could release,
-// so in-process runs would exhaust descriptors and memory within minutes. The child's
-// coverage counters are copied back into this process before the next input, so the fuzzer
-// is still guided by what the run reached.
-#include <signal.h>
-#include <sys/mman.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cerrno>
+// Each input runs in this process. A fatal input error unwinds the run back to the target,
+// so the driver's open files and buffers are released as they would be at the run's end.
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <string>
 #include <vector>
 
-#include "coverage_counters.h"
 #include "driver.h"
 #include "fuzz_support.h"
 #include "process_exit.h"
 
 namespace {
-
-// Shared with the child: whether it got to the end of its run, then its counters.
-constexpr std::size_t counters_offset = 64;
-volatile int* finished = nullptr;
-std::uint8_t* child_counters = nullptr;
-std::uint8_t* counters = nullptr;
-std::size_t counter_bytes = 0;
 
 std::uint32_t take_length(const std::uint8_t*& data, std::size_t& size) {
     std::uint32_t n = 0;
@@ -63,37 +42,11 @@ void save(const std::string& path, const std::string& bytes) {
                              bytes.size());
 }
 
-// The child's way out, for a finished run and for a fatal input error alike. _exit skips
-// the fuzzer's own exit handlers, which would take any exit of the child for a failure.
-[[noreturn]] void child_exit(int) {
-    if (counter_bytes > 0) std::memcpy(child_counters, counters, counter_bytes);
-    *finished = 1;
-    std::fflush(nullptr);
-    ::_exit(0);
-}
-
 }  // namespace
-
-// Every fork copies the page tables of the whole process. The sanitizer's quarantine of
-// freed blocks (each input's copies among them) would otherwise grow this process to
-// hundreds of megabytes and halve the rate of runs; a use after free in the run itself
-// happens in the child, whose quarantine starts empty, so a small one loses nothing there.
-extern "C" const char* __asan_default_options() {
-    return "quarantine_size_mb=16";
-}
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     fuzz_support::silence_library_output();
-    counters = fuzz_support::coverage_counters();
-    counter_bytes = fuzz_support::coverage_counter_count();
-    void* block = ::mmap(nullptr, counters_offset + counter_bytes, PROT_READ | PROT_WRITE,
-                         MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (block == MAP_FAILED) {
-        std::perror("mmap");
-        std::abort();
-    }
-    finished = static_cast<volatile int*>(block);
-    child_counters = static_cast<std::uint8_t*>(block) + counters_offset;
+    sorvexa::process_exit = fuzz_support::end_input;
     return 0;
 }
 
@@ -125,33 +78,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (std::string& a : args) argv.push_back(a.data());
     argv.push_back(nullptr);
 
-    *finished = 0;
-    std::fflush(nullptr);
-    const pid_t pid = ::fork();
-    if (pid < 0) {
-        std::perror("fork");
-        std::abort();
-    }
-    if (pid == 0) {
-        // A child left behind by a fuzzer that gave up on it (a timeout) must not run on.
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        sorvexa::process_exit = child_exit;
-        child_exit(sorvexa_main(static_cast<int>(args.size()), argv.data()));
-    }
-
-    int status = 0;
-    while (::waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR) {
-            std::perror("waitpid");
-            std::abort();
-        }
-    }
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0 || *finished != 1) {
-        // The child has printed its sanitizer report; this makes the fuzzer keep the input.
-        std::fprintf(stderr, "fuzz_run: the run ended abnormally (wait status 0x%x)\n", status);
-        std::abort();
-    }
-    if (counter_bytes > 0) std::memcpy(counters, child_counters, counter_bytes);
+    fuzz_support::run_input([&] { sorvexa_main(static_cast<int>(args.size()), argv.data()); });
     fuzz_support::clear_scratch_dir();
     return 0;
 }

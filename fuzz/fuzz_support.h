@@ -1,18 +1,15 @@
 // What the fuzz targets share: silenced output streams, a per-process scratch directory for
-// the files the readers need, and storage for objects that must be destroyed even when a
-// fatal input error jumps back into the target past the frames that would destroy them.
+// the files the readers need, and the way a fatal input error comes back to the target.
 #pragma once
 
 #include <unistd.h>
 
-#include <csetjmp>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
-#include <new>
 #include <ostream>
 #include <streambuf>
 #include <string>
@@ -85,42 +82,24 @@ inline void clear_scratch_dir() {
         std::filesystem::remove(entry.path(), ec);
 }
 
-// Where a fatal input error lands: the target calls setjmp on this buffer before it hands
-// the input to the library, and points sorvexa::process_exit at jump_back, so that the
-// library's "end the process" becomes "abandon this input".
-inline std::jmp_buf& jump_target() {
-    static std::jmp_buf env;
-    return env;
-}
-
-[[noreturn]] inline void jump_back(int) {
-    std::longjmp(jump_target(), 1);
-}
-
-// Room for one T in static storage. A fatal input error inside T's constructor or in one
-// of its operations jumps straight back into the target, skipping the destructor that
-// would close T's file; the target destroys it through the slot instead. The slot counts
-// as occupied from the moment construction starts: the readers end the process only from
-// their constructor bodies, when every member (the open file among them) already exists.
-template <class T>
-class slot {
-  public:
-    template <class... Args>
-    T& emplace(Args&&... args) {
-        reset();
-        live_ = true;
-        return *new (bytes_) T(static_cast<Args&&>(args)...);
-    }
-    T& get() { return *std::launder(reinterpret_cast<T*>(bytes_)); }
-    void reset() {
-        if (!live_) return;
-        live_ = false;
-        get().~T();
-    }
-
-  private:
-    alignas(T) unsigned char bytes_[sizeof(T)];
-    bool live_ = false;
+// A fatal input error ends the process in the tool. Here the target points
+// sorvexa::process_exit at end_input, whose exception unwinds the library's frames, their
+// destructors closing files and releasing memory, back to the target's run_input, which
+// drops the input. Only the harness throws and catches; the library never does either.
+struct input_ended {
+    int status;
 };
+
+[[noreturn]] inline void end_input(int status) {
+    throw input_ended{status};
+}
+
+template <class F>
+void run_input(F run) {
+    try {
+        run();
+    } catch (const input_ended&) {
+    }
+}
 
 }  // namespace fuzz_support

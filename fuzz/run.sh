@@ -56,12 +56,11 @@ cat fuzz/ace.dict fuzz/sff.dict >"$work/run.dict.$$"
 mv "$work/run.dict.$$" "$work/run.dict"
 export UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1}"
 
-# Per-target options: the dictionary, and leak detection off where a fatal input error
-# jumps back past library frames, whose memory is then lost by design.
+# Per-target options: the dictionary.
 options_for() {
     case $1 in
-        ace) echo "-dict=fuzz/ace.dict -detect_leaks=0" ;;
-        sff) echo "-dict=fuzz/sff.dict -detect_leaks=0" ;;
+        ace) echo "-dict=fuzz/ace.dict" ;;
+        sff) echo "-dict=fuzz/sff.dict" ;;
         run) echo "-dict=$work/run.dict" ;;
         contig) echo "" ;;
     esac
