@@ -68,8 +68,14 @@ TEST(SffReader, IndexesAndReadsBothByteOrders) {
     for (bool little : {false, true}) {
         SCOPED_TRACE(little ? "little-endian" : "big-endian");
         // 266 bases: 1598 data bytes and 2 of padding; 264 bases: 1592 bytes, no padding.
-        sff_file f(
-            file_of({plain_read(kA, 266), plain_read(kB, 264), plain_read(kC, 10)}, {}, little));
+        // Every clip of kC differs in its two bytes, so a clip read in the wrong byte order
+        // moves the kept range.
+        sff_read_layout clipped = plain_read(kC, 10);
+        clipped.clip_adapter_left = 3;
+        clipped.clip_qual_left = 2;
+        clipped.clip_adapter_right = 8;
+        clipped.clip_qual_right = 9;
+        sff_file f(file_of({plain_read(kA, 266), plain_read(kB, 264), clipped}, {}, little));
         reader r(f.path);
         read_index index;
         ASSERT_TRUE(r.build_read_index(index));
@@ -86,7 +92,8 @@ TEST(SffReader, IndexesAndReadsBothByteOrders) {
         EXPECT_EQ(s.quality_scores.at(200), 200);
         EXPECT_EQ(r.cur_read.flowgram_values.at(399), 0x0100 + 399);
         r.get_read(index[kC], s);
-        EXPECT_EQ(s.name + text(s.bases), kC + tacg_flows(10));
+        EXPECT_EQ(s.name + text(s.bases), kC + tacg_flows(10).substr(2, 6));
+        EXPECT_EQ(s.flow_indexes, (std::vector<std::int16_t>{2, 3, 4, 5, 6, 7}));
         EXPECT_EQ(r.reads_done, 3u);
     }
 }
@@ -175,18 +182,23 @@ TEST(SffReader, ImpossibleBaseCountStaysWithinTheFile) {
     EXPECT_EQ(text(r.cur_read.name), kA);
     EXPECT_LE(r.cur_read.bases.size() + r.cur_read.quality_scores.size(),
               2 * read_file(f.path).size());
-    // That read ran into the end of the file: a fetch can no longer position the stream and
-    // leaves its read as it was.
+    // That read ran into the end of the file: a fetch can no longer position the stream,
+    // leaves its read as it was and holds nothing of the read before.
     seqRead kept;
     kept.name = "kept";
     r.get_read(index[kA], kept);
     EXPECT_EQ(kept.name, "kept");
+    EXPECT_EQ(r.cur_read.bases_held(), 0u);
+    EXPECT_EQ(r.cur_read.flowgram_values, std::vector<std::uint16_t>(400, 0));
 
+    // The kept range ends at the count's low 16 bits (10,240); what the file does not hold
+    // of it is zero.
     reader fetch(f.path);
     ASSERT_TRUE(fetch.get_header());
     fetch.get_read(index[kA], kept);
     EXPECT_EQ(kept.name, kA);
-    EXPECT_LE(kept.bases.size(), 32767u);
+    EXPECT_EQ(kept.quality_scores.size(), 10240u);
+    EXPECT_EQ(kept.quality_scores.back(), 0);
 }
 
 TEST(SffReaderDeathTest, FatalFiles) {

@@ -30,11 +30,8 @@ std::string header_line(const Record& record) {
 TEST(SffRecords, ReadHeaderFromBigEndianBytes) {
     sff_read r;
     r.load_header(kReadHeader);
-    const std::string raw = header_line(r);
     r.var_endian_swap();
     EXPECT_EQ(header_line(r), "32\t14\t266\t5\t240\t0\t0\n");
-    r.var_endian_swap();
-    EXPECT_EQ(header_line(r), raw);
 }
 
 // Big-endian only: the reader tests read whole files in both byte orders.
@@ -48,11 +45,7 @@ TEST(SffRecords, CommonHeaderFromBigEndianBytes) {
     sff_header_p1 h;
     h.load(reinterpret_cast<const unsigned char*>(fixture::build_sff_header(layout).data()));
     h.var_endian_swap();
-    const std::string line = header_line(h);
-    EXPECT_EQ(line, ".sff\t0001\t72623859790382856\t168496141\t70000\t336\t4\t300\t-2\n");
-    h.var_endian_swap();
-    h.var_endian_swap();
-    EXPECT_EQ(header_line(h), line);
+    EXPECT_EQ(header_line(h), ".sff\t0001\t72623859790382856\t168496141\t70000\t336\t4\t300\t-2\n");
 }
 
 TEST(SffRecords, KeptBaseRange) {
