@@ -15,10 +15,8 @@ inline char at(const std::vector<char>& s, std::int64_t k) {
                                                              : '\0';
 }
 
-// The window clamps. A window is given by its first column and its width; the flow table
-// and the consensus line stop at the consensus end, while the read selection does not.
-
-// The last column of a window; a width below 1 puts it before the first column.
+// The window clamps: the flow table and the consensus line stop at the consensus end, the
+// read selection does not. A width below 1 puts a window's last column before its first.
 inline std::int64_t last_column(std::int64_t from, int width) {
     return from + width - 1;
 }
