@@ -126,13 +126,12 @@ void contig::align_flow(std::vector<std::vector<std::int16_t>>& flow_counts,
     if (flow_consensus.empty()) create_flow_concensus();
     if (flow_consensus.empty()) return;  // no reads or no consensus: nothing to align
 
-    const std::int64_t L = static_cast<std::int64_t>(consensus.size());
-    const std::int64_t first = std::min<std::int64_t>(from, L);
-    const std::int64_t last = first + width - 1;
-    const std::int64_t to = std::min(last, L);
-    const std::int64_t f0 = getFlowIdx_start(static_cast<std::int32_t>(first - 1));
-    const std::int64_t flows = getFlowIdx_end(static_cast<std::int32_t>(to - 1)) - f0 + 1;
-    flow_counts.resize(static_cast<std::size_t>(std::max<std::int64_t>(flows, 0)));
+    // A window starting after the consensus is the window at its last column.
+    const std::int64_t first = contig_window::within_end(*this, from);
+    const std::int64_t last = contig_window::last_column(first, width);
+    const contig_window::span flows = contig_window::flow_range(*this, first, last);
+    const std::int64_t f0 = flows.first;
+    flow_counts.resize(static_cast<std::size_t>(std::max<std::int64_t>(flows.last - f0 + 1, 0)));
 
     const contig_window::bounds w = contig_window::select(*this, first, last);
     for (std::size_t r = 0; r < print_map.size(); ++r) {

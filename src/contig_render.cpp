@@ -39,14 +39,12 @@ void flow_map(contig& c, const flow_map_style& style, std::string& out,
         out += '\n';
         return;
     }
-    const std::int64_t L = static_cast<std::int64_t>(c.consensus.size());
-    const std::int64_t last = from + width - 1;
+    const std::int64_t last = contig_window::last_column(from, width);
 
-    const std::int64_t hs = c.getFlowIdx_start(static_cast<std::int32_t>(std::min(from, L) - 1));
-    const std::int64_t he = c.getFlowIdx_end(static_cast<std::int32_t>(std::min(last, L) - 1));
-    for (std::int64_t f = hs; f <= he; ++f) {
+    const contig_window::span header = contig_window::flow_range(c, from, last);
+    for (std::int64_t f = header.first; f <= header.last; ++f) {
         const char x = contig_window::at(c.flow_consensus, f);
-        if (f > hs) out += style.header_gap;
+        if (f > header.first) out += style.header_gap;
         if (style.html) {
             open_font(out, *colors, x);
             out += x;
@@ -126,8 +124,7 @@ std::string whole_map(contig& c, const color_map_t* colors) {
 void window_map(contig& c, std::string& out, std::vector<std::string>& read_names,
                 const color_map_t* colors, std::int64_t from, int width) {
     if (c.print_map.empty()) c.create_print_map();
-    const std::int64_t L = static_cast<std::int64_t>(c.consensus.size());
-    const std::int64_t last = from + width - 1;
+    const std::int64_t last = contig_window::last_column(from, width);
     std::vector<char> chars;
     auto put = [&]() {
         if (colors != nullptr)
@@ -136,7 +133,8 @@ void window_map(contig& c, std::string& out, std::vector<std::string>& read_name
             out.append(chars.begin(), chars.end());
         chars.clear();
     };
-    for (std::int64_t p = std::max<std::int64_t>(from, 1); p <= L && p <= last; ++p)
+    const contig_window::span shown = contig_window::consensus_part(c, from, last);
+    for (std::int64_t p = shown.first; p <= shown.last; ++p)
         chars.push_back(c.consensus[static_cast<std::size_t>(p - 1)]);
     put();
     out += '\n';
@@ -214,11 +212,7 @@ void contig::align_seq(std::vector<std::vector<char>>& base_columns,
                        std::vector<std::map<std::int32_t, std::string>>& seq_rows,
                        std::int32_t from, int width) {
     if (print_map.empty()) create_print_map();
-    const std::int64_t L = static_cast<std::int64_t>(consensus.size());
-    // The grid stops at the consensus end; the comparison is unsigned, so a window whose
-    // end falls before column 1 also ends at the consensus end.
-    std::int64_t last = static_cast<std::int64_t>(from) + width - 1;
-    if (static_cast<std::uint64_t>(last) >= static_cast<std::uint64_t>(L)) last = L;
+    const std::int64_t last = contig_window::grid_last(*this, from, width);
     // A window that starts after the consensus has no columns.
     base_columns.resize(static_cast<std::size_t>(std::max<std::int64_t>(last - from + 1, 0)));
 

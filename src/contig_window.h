@@ -15,6 +15,46 @@ inline char at(const std::vector<char>& s, std::int64_t k) {
                                                              : '\0';
 }
 
+// The window clamps: the flow table and the consensus line stop at the consensus end, the
+// read selection does not. A width below 1 puts a window's last column before its first.
+inline std::int64_t last_column(std::int64_t from, int width) {
+    return from + width - 1;
+}
+
+inline std::int64_t consensus_end(const contig& c) {
+    return static_cast<std::int64_t>(c.consensus.size());
+}
+
+// A column past the consensus end stands for its last column, the last one with flows.
+inline std::int64_t within_end(const contig& c, std::int64_t column) {
+    return std::min(column, consensus_end(c));
+}
+
+// A range of columns or of flows, both ends included.
+struct span {
+    std::int64_t first, last;
+};
+
+// The flows of the columns from..last: the first flow of `from` to the last flow of `last`,
+// both held to the consensus end.
+inline span flow_range(const contig& c, std::int64_t from, std::int64_t last) {
+    return {c.getFlowIdx_start(static_cast<std::int32_t>(within_end(c, from) - 1)),
+            c.getFlowIdx_end(static_cast<std::int32_t>(within_end(c, last) - 1))};
+}
+
+// The columns of from..last that the consensus has: none before column 1 or past its end.
+inline span consensus_part(const contig& c, std::int64_t from, std::int64_t last) {
+    return {std::max<std::int64_t>(from, 1), within_end(c, last)};
+}
+
+// The last column of the window as a grid: the window's last column held to the consensus
+// end. A window ending before column 0 ends there too: grids have always been cut that way,
+// and a caller's result for such a width is kept rather than changed under it.
+inline std::int64_t grid_last(const contig& c, std::int64_t from, int width) {
+    const std::int64_t last = last_column(from, width);
+    return last < 0 ? consensus_end(c) : within_end(c, last);
+}
+
 // A window as the read selection sees it: columns from..last, and the start columns
 // lo..hi that can reach into it given the contig's longest and shortest reads.
 struct bounds {
@@ -91,9 +131,8 @@ struct flow_part {
 };
 
 inline bool clip_to_flows(const contig& c, const shown_read& r, flow_part& p) {
-    std::int64_t L = static_cast<std::int64_t>(c.consensus.size());
-    if (r.a > L) return false;
-    p.e = std::min(r.e, L);
+    if (r.a > consensus_end(c)) return false;
+    p.e = within_end(c, r.e);
     p.i = r.a - r.s;
     p.j = p.e - r.s;
     widen(r.read.sequence, p.i, p.j);

@@ -1,5 +1,6 @@
 #include "text_file.h"
 
+#include <charconv>
 #include <cstring>
 #include <limits>
 
@@ -97,32 +98,20 @@ bool text_file::extract_int(std::int64_t& value, std::int64_t lo, std::int64_t h
         eof_ = true;
         return false;
     }
-    bool negative = false;
+    // The number may run over the end of the buffer, so its characters are gathered first.
+    std::string number;
     if (c == '+' || c == '-') {
-        negative = c == '-';
+        number += static_cast<char>(c);
         ++pos_;
     }
-    bool digits = false;
-    std::int64_t v = 0;
-    bool overflow = false;
     while ((c = peek()) >= '0' && c <= '9') {
-        digits = true;
-        if (v > (std::numeric_limits<std::int64_t>::max() - (c - '0')) / 10) overflow = true;
-        if (!overflow) v = v * 10 + (c - '0');
+        number += static_cast<char>(c);
         ++pos_;
     }
     if (c < 0) eof_ = true;
-    if (!digits) {
-        value = 0;
-        return false;
-    }
-    if (negative) v = -v;
-    if (overflow || v < lo || v > hi) {
-        value = (overflow ? negative : v < lo) ? lo : hi;
-        return false;
-    }
-    value = v;
-    return true;
+    const int_scan n = scan_int(number, lo, hi);
+    value = n.value;
+    return n.ok;
 }
 
 bool line_tokens::skip_space() {
@@ -145,54 +134,35 @@ line_tokens& line_tokens::operator>>(char& c) {
     return *this;
 }
 
-// Decimal with an optional sign, as far as digits go. A number beyond 64 bits saturates.
-bool line_tokens::parse(std::int64_t& out) {
-    bool negative = false;
-    if (pos_ < line_.size() && (line_[pos_] == '+' || line_[pos_] == '-')) {
-        negative = line_[pos_] == '-';
-        ++pos_;
-    }
-    bool digits = false, overflow = false;
-    std::int64_t v = 0;
-    while (pos_ < line_.size() && line_[pos_] >= '0' && line_[pos_] <= '9') {
-        int d = line_[pos_++] - '0';
-        digits = true;
-        if (v > (std::numeric_limits<std::int64_t>::max() - d) / 10) overflow = true;
-        if (!overflow) v = v * 10 + d;
-    }
-    if (!digits) {
-        out = 0;
-        return false;
-    }
-    if (overflow) {
-        out = negative ? std::numeric_limits<std::int64_t>::min()
-                       : std::numeric_limits<std::int64_t>::max();
-        return false;
-    }
-    out = negative ? -v : v;
-    return true;
-}
-
 template <class T>
 line_tokens& line_tokens::number(T& v) {
     if (fail_ || !skip_space()) return *this;
-    std::int64_t x;
-    bool ok = parse(x);
-    if (x < std::numeric_limits<T>::min()) {
-        v = std::numeric_limits<T>::min();
-        ok = false;
-    } else if (x > std::numeric_limits<T>::max()) {
-        v = std::numeric_limits<T>::max();
-        ok = false;
-    } else {
-        v = static_cast<T>(x);
-    }
-    if (!ok) fail_ = true;
+    const int_scan n =
+        scan_int(line_.substr(pos_), std::numeric_limits<T>::min(), std::numeric_limits<T>::max());
+    pos_ += n.length;
+    v = static_cast<T>(n.value);
+    if (!n.ok) fail_ = true;
     return *this;
 }
 
 template line_tokens& line_tokens::number(std::int16_t&);
 template line_tokens& line_tokens::number(std::int32_t&);
+
+int_scan scan_int(std::string_view text, std::int64_t lo, std::int64_t hi) {
+    const bool negative = text.starts_with('-');
+    const std::size_t sign = negative || text.starts_with('+') ? 1 : 0;
+    if (sign == text.size() || text[sign] < '0' || text[sign] > '9') return {0, sign, false};
+    // from_chars takes a minus sign but not a plus sign; with a digit after the sign it
+    // takes every digit, also when the value is too large for 64 bits.
+    std::int64_t v = 0;
+    const char* end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data() + (negative ? 0 : sign), end, v);
+    const auto length = static_cast<std::size_t>(stop - text.data());
+    if (error == std::errc::result_out_of_range) return {negative ? lo : hi, length, false};
+    if (v < lo) return {lo, length, false};
+    if (v > hi) return {hi, length, false};
+    return {v, length, true};
+}
 
 std::string first_token(std::string_view line) {
     std::string tok;

@@ -66,7 +66,6 @@ class line_tokens {
     template <class T>
     line_tokens& number(T& v);
     bool skip_space();
-    bool parse(std::int64_t& out);
 
     std::string_view line_;
     std::size_t pos_ = 0;
@@ -76,6 +75,17 @@ class line_tokens {
 inline bool is_c_space(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
 }
+
+// A decimal number at the start of `text`: an optional sign, then digits as far as they
+// go. Without a digit the value is 0 (the sign, if any, is still taken). A value outside
+// lo..hi, or beyond 64 bits, becomes the bound on its side. `ok` only when digits were
+// found and the value was in range; `length` counts the characters taken.
+struct int_scan {
+    std::int64_t value;
+    std::size_t length;
+    bool ok;
+};
+int_scan scan_int(std::string_view text, std::int64_t lo, std::int64_t hi);
 
 // The first whitespace-separated token of a line, or an empty string.
 std::string first_token(std::string_view line);

@@ -4,8 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdint>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -108,6 +110,41 @@ TEST(AceReader, PassesOverTagBlocksBlankLinesAndReadOrder) {
     EXPECT_EQ(describe(c[0].reads.at("r1")), "r1 9 4 0 1 4 ACGT");
     EXPECT_EQ(describe(c[0].reads.at("r2")), "r2 3 5 0 2 4 ACG*T");
     EXPECT_EQ(describe(c[0].reads.at("r3")), "r3 1 4 1 1 4 ACGT");
+}
+
+TEST(AceReader, SignedAndOutOfRangeNumbers) {
+    // AF start (32 bits), RD length and QA clips (16 bits): signs either way, values beyond the
+    // field or beyond 64 bits held to the bound, digits taken as far as they go. A number that
+    // fails leaves the rest of its line unread (the clip after it stays 0).
+    const std::tuple<std::string, std::string, std::string, std::string> rows[] = {
+        {"-53", "+4", "-1 +3", "r1 -53 4 1 -1 3 ACGT"},
+        {"+2147483647", "32767", "-32768 32767", "r1 2147483647 32767 1 -32768 32767 ACGT"},
+        {"2147483648", "32768", "-32769 5", "r1 2147483647 32767 1 -32768 0 ACGT"},
+        {"-2147483649", "-32769", "99999999999999999999 5", "r1 -2147483648 -32768 1 32767 0 ACGT"},
+        {"-99999999999999999999", "-0", "+ 5", "r1 -2147483648 0 1 0 0 ACGT"},
+        {"+-5", "-", "7x 5", "r1 0 0 1 7 0 ACGT"},
+    };
+    for (const auto& [start, length, clips, read] : rows) {
+        const auto c =
+            contigs_in("AS 1 1\n\n" + co("c1", 1) + kBQ + "AF r1 U " + start + "\n" + kBS +
+                       "RD r1 " + length + " 0 0\nACGT\n\nQA 1 4 " + clips + "\nDS\n\n");
+        ASSERT_EQ(c.size(), 1u) << read;
+        EXPECT_EQ(describe(c[0].reads.at("r1")), read);
+    }
+
+    // The AS counts are read across line ends, also where a number runs over a 64 KiB read.
+    const std::tuple<std::string, int, std::int32_t> counts[] = {
+        {"AS -1\n+2\n", -1, 2},
+        {"AS 2147483648 -2147483649\n", 2147483647, INT32_MIN},
+        {"AS +-1 7\n", 0, -1},  // the second number starts at the minus sign
+        {std::string(65530, '\n') + "AS 123456 7\n", 123456, 7},
+    };
+    for (const auto& [as_line, contigs, reads] : counts) {
+        ace_file f(as_line + "\n" + kOneRead.substr(8));
+        aceReader reader(f.path);
+        EXPECT_EQ(reader.num_contigs, contigs) << as_line.size();
+        EXPECT_EQ(reader.total_reads, reads) << as_line.size();
+    }
 }
 
 TEST(AceReader, EndsWithoutContig) {

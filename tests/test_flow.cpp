@@ -102,11 +102,37 @@ TEST(FlowConsensus, LookupsFindTheNearestColumnWithFlows) {
     EXPECT_EQ(runs.getFlowIdx_start(1), 0);
     EXPECT_EQ(runs.getFlowIdx_end(1), 0);
     EXPECT_EQ(runs.getFlowIdx_end(2), 1);
+}
 
-    contig padded = make_contig("*AC", {{"r", 2, "AC"}});
-    padded.create_flow_concensus();
-    EXPECT_EQ(padded.getFlowIdx_start(0), 0);  // flow 0 is T, but no run begins at index 0
-    EXPECT_EQ(padded.getFlowIdx_end(0), 0);
+TEST(FlowConsensus, ColumnOneAfterAPadOrAnN) {
+    // Flow 0 is then a T that no read need open: column 1 answers with the flows its reads
+    // open, or with flow 0 when they open none; a window from column 1 starts there.
+    // Consensus, reads; flows, first and last flow of column 1, counts and rows of columns 1-3.
+    const std::vector<std::tuple<std::string, std::vector<placed_read>, std::string, std::int32_t,
+                                 std::int32_t, counts, std::string>>
+        cases = {
+            {"*CG",
+             {{"r", 1, "ACG"}, {"s", 1, "GCG"}},
+             "TAGCG",
+             1,
+             2,
+             {{1, 0}, {0, 1}, {1, 1}, {1, 1}},
+             "[3:r(0,3)][3:s(0,3)]"},
+            {"NCG", {{"r", 1, "ACG"}}, "TACG", 1, 1, {{1}, {1}, {1}}, "[2:r(0,2)]"},
+            // The read's N, taken as the consensus N, opens no flow: the window keeps the T.
+            {"NCG", {{"r", 1, "NCG"}}, "TCG", 0, 0, {{0}, {1}, {1}}, "[2:r(0,2)]"},
+            {"*AC", {{"r", 2, "AC"}}, "TAC", 0, 0, {{}, {1}, {1}}, "[2:r(1,2)]"},
+        };
+    for (const auto& [consensus, reads, flows, first, last, flow_counts, rows] : cases) {
+        contig c = make_contig(consensus, reads);
+        const alignment a = align(c, 1, 3);
+        const std::string label = consensus + " / " + reads.front().sequence;
+        EXPECT_EQ(flows_of(c), flows) << label;
+        EXPECT_EQ(c.getFlowIdx_start(0), first) << label;
+        EXPECT_EQ(c.getFlowIdx_end(0), last) << label;
+        EXPECT_EQ(a.flow_counts, flow_counts) << label;
+        EXPECT_EQ(rows_of(a), rows) << label;
+    }
 }
 
 TEST(FlowAlignment, RunsAreCountedWhole) {
