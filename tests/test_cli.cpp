@@ -116,8 +116,16 @@ TEST(Run, OutputsAreNamedAfterTheAcePath) {
     write_sff(d / "s.sff", {kRdA});
     const std::string attribution = version_attribution();
     const std::vector<std::pair<std::string, std::string>> rows = {
-        {"dir/x.ace", "dir/x"}, {"x.ace.bak", "x"}, {"x.Ace", "x.Ace"},   {"run1.ACE", "run1"},
-        {"x.fasta", "x.fasta"}, {"y.ace.ACE", "y"}, {"d.ace/plain", "d"}, {"-", "-"},
+        {"dir/x.ace", "dir/x"},
+        {"x.ace.bak", "x"},
+        {"x.Ace", "x.Ace"},
+        {"run1.ACE", "run1"},
+        {"x.fasta", "x.fasta"},
+        {"y.ace.ACE", "y"},
+        {"d.ace/plain", "d"},
+        {"-", "-"},
+        {"dir.ace/x.ace", "dir.ace/x"},
+        {"a.ace/b.ace.ace", "a.ace/b.ace"},
     };
     for (const auto& [ace, prefix] : rows) {
         SCOPED_TRACE(ace);
