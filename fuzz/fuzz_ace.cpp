@@ -11,7 +11,6 @@
 #include "ace.h"
 #include "contig.h"
 #include "fuzz_support.h"
-#include "process_exit.h"
 
 namespace {
 
@@ -76,8 +75,7 @@ void run(const std::string& path, std::size_t size) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz_support::silence_library_output();
-    sorvexa::process_exit = fuzz_support::end_input;
+    fuzz_support::start_target();
     // A reader that never opened a file reports that and finds nothing.
     aceReader unopened;
     contig c;

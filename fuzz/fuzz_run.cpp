@@ -18,7 +18,6 @@
 
 #include "driver.h"
 #include "fuzz_support.h"
-#include "process_exit.h"
 
 namespace {
 
@@ -45,8 +44,7 @@ void save(const std::string& path, const std::string& bytes) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz_support::silence_library_output();
-    sorvexa::process_exit = fuzz_support::end_input;
+    fuzz_support::start_target();
     return 0;
 }
 

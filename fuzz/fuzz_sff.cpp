@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "fuzz_support.h"
-#include "process_exit.h"
 #include "sff.h"
 
 namespace {
@@ -57,8 +56,7 @@ void run(const std::string& path) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz_support::silence_library_output();
-    sorvexa::process_exit = fuzz_support::end_input;
+    fuzz_support::start_target();
     return 0;
 }
 

@@ -14,6 +14,8 @@
 #include <streambuf>
 #include <string>
 
+#include "process_exit.h"
+
 namespace fuzz_support {
 
 // Swallows everything; formatting still happens, so the printing code is exercised.
@@ -92,6 +94,12 @@ struct input_ended {
 
 [[noreturn]] inline void end_input(int status) {
     throw input_ended{status};
+}
+
+// What every target that feeds files to the library does first.
+inline void start_target() {
+    silence_library_output();
+    sorvexa::process_exit = end_input;
 }
 
 template <class F>
