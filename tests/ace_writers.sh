@@ -18,9 +18,9 @@ check() { # check DESCRIPTION COMMAND...
 }
 
 # The rewrites, exactly as the README shows them (file names aside).
-mira_fix() { sed '/^QA /{n;/^$/d}' "$1"; }
+mira_fix() { sed '/^QA /{n;/^$/{N;s/^\nDS /DS /}}' "$1"; }
 gap5_fix() { sed -E 's/^(AF|RD) ([^ ]+)\.[fr] /\1 \2 /' "$1"; }
-check "README shows the MIRA rewrite" grep -qF "sed '/^QA /{n;/^\$/d}'" "$root/README.md"
+check "README shows the MIRA rewrite" grep -qF "sed '/^QA /{n;/^\$/{N;s/^\\nDS /DS /}}'" "$root/README.md"
 check "README shows the gap5 rewrite" grep -qF "sed -E 's/^(AF|RD) ([^ ]+)\.[fr] /\1 \2 /'" "$root/README.md"
 
 # run NAME: runs the tool on $tmp/NAME.ace and the SFF file; status and stderr kept.
