@@ -1,11 +1,15 @@
 #!/usr/bin/env bash
 # Packaging checks, run as root from the repository root after
 #   cmake --preset release && cmake --build --preset release
+# (bash examples/run.sh does that and leaves the example run's output, the reference below).
 #
-#  1. install tree: `cmake --install` into a temporary prefix, then a downstream CMake project
+#  1. install tree: `cmake --install` into a temporary prefix; every installed header compiles
+#     on its own with only <prefix>/include on the path; a downstream CMake project
 #     (tests/consumer) and a pkg-config build against it, run on the example ACE file;
-#  2. Debian package: cpack -G DEB, its metadata and contents, dpkg -i, the tool from PATH,
-#     the installed CMake package, the man page without warnings, dpkg -r;
+#  2. Debian packages: `dpkg-buildpackage -us -uc -b` (the README's command) on a copy of the
+#     tree, lintian on both packages (any error or warning fails), their metadata and contents,
+#     dpkg -i, Sorvexa from PATH on the bundled example, tests/consumer built against the
+#     installed packages with CMake and with pkg-config, the man page, dpkg -r;
 #  3. example page: contig_page rendered by headless Chromium, the screenshot must not be blank.
 #
 # The screenshot goes to a temporary directory; SORVEXA_SCREENSHOT=FILE keeps it instead
@@ -19,11 +23,11 @@ export DEBIAN_FRONTEND=noninteractive
 build=build/release
 ace=$build/example/example.ace
 failures=0
-deb_installed=0
+debs_installed=0
 tmp=$(mktemp -d /tmp/sorvexa-packaging.XXXXXX)
 
 cleanup() {
-    if [ "$deb_installed" -eq 1 ]; then dpkg -r sorvexa >/dev/null 2>&1 || true; fi
+    if [ "$debs_installed" -eq 1 ]; then dpkg -r sorvexa libsorvexa-dev >/dev/null 2>&1 || true; fi
     rm -rf "$tmp"
 }
 trap cleanup EXIT
@@ -44,18 +48,22 @@ for f in "$build/Sorvexa" "$build/examples/contig_page" "$ace"; do
     [ -e "$f" ] || die "$f is missing: run 'cmake --preset release && cmake --build --preset release' first"
 done
 
-# ---- tools this script needs (one apt-get update, only when something is missing)
+# ---- tools this script needs (one apt-get update, only when something is missing); the
+# packages' build dependencies come from debian/control.
 need=()
 command -v man >/dev/null 2>&1 || need+=(man-db)
 command -v groff >/dev/null 2>&1 || need+=(groff-base)
 command -v pkg-config >/dev/null 2>&1 || need+=(pkgconf)
 command -v python3 >/dev/null 2>&1 || need+=(python3)
 command -v readelf >/dev/null 2>&1 || need+=(binutils)
+command -v lintian >/dev/null 2>&1 || need+=(lintian)
+command -v dpkg-buildpackage >/dev/null 2>&1 || need+=(dpkg-dev)
 [ -x /usr/bin/chromium ] || need+=(chromium fonts-dejavu-core)
-if [ "${#need[@]}" -gt 0 ]; then
-    echo "== installing ${need[*]}"
+if [ "${#need[@]}" -gt 0 ] || ! dpkg-checkbuilddeps >/dev/null 2>&1; then
+    echo "== installing ${need[*]} and the build dependencies of debian/control"
     apt-get update -qq
-    apt-get install -y -qq --no-install-recommends "${need[@]}" >/dev/null
+    [ "${#need[@]}" -eq 0 ] || apt-get install -y -qq --no-install-recommends "${need[@]}" >/dev/null
+    apt-get build-dep -y -qq ./ >/dev/null
 fi
 
 # Reference: the reads of the first contig that its layout places, straight from the ACE file:
@@ -90,6 +98,31 @@ for f in bin/Sorvexa lib/libsorvexa.a include/sorvexa/ace.h include/sorvexa/cont
 done
 pass "cmake --install into a temporary prefix"
 
+# check_headers ROOT: every header under ROOT/sorvexa compiles alone with only -IROOT, the
+# public ones are those a consumer is told to include, and the others are marked internal.
+check_headers() {
+    local root=$1 h rel bad=0 public
+    public=$(cd "$root/sorvexa" && find . -maxdepth 1 -name '*.h' -printf '%f\n' | sort | tr '\n' ' ')
+    [ "$public" = "ace.h contig.h process_exit.h sff.h " ] ||
+        { fail "public headers in $root/sorvexa: $public"; bad=1; }
+    while IFS= read -r h; do
+        rel=${h#"$root"/}
+        if ! echo "#include <$rel>" | g++ -std=c++20 -fsyntax-only -Wall -Wextra -Wpedantic -Werror \
+            -I"$root" -x c++ - 2>"$tmp/header.log"; then
+            head -n 5 "$tmp/header.log"
+            fail "#include <$rel> does not compile with only -I$root"
+            bad=1
+        fi
+        case $rel in
+        sorvexa/detail/*)
+            head -n 1 "$h" | grep -q '^// Internal header of the Sorvexa library' ||
+                { fail "$rel does not say it is internal"; bad=1; } ;;
+        esac
+    done < <(find "$root/sorvexa" -name '*.h' | sort)
+    [ "$bad" -eq 0 ] && pass "headers under $root/sorvexa: each compiles alone with -I$root; detail/ marked internal"
+}
+check_headers "$prefix/include"
+
 if cmake -S tests/consumer -B "$tmp/consumer" -G Ninja -DCMAKE_BUILD_TYPE=Release \
     -DCMAKE_PREFIX_PATH="$prefix" >"$tmp/consumer.log" 2>&1 &&
     cmake --build "$tmp/consumer" >>"$tmp/consumer.log" 2>&1; then
@@ -118,98 +151,161 @@ else
     fail "g++ \$(pkg-config --cflags --libs sorvexa) against the install tree (flags: ${flags:-none})"
 fi
 
-# ---- 2. Debian package
-echo "== Debian package"
-rm -f "$build"/sorvexa_*.deb
-(cd "$build" && cpack -G DEB >"$tmp/cpack.log" 2>&1) || {
-    cat "$tmp/cpack.log"
-    die "cpack -G DEB"
-}
-deb=$(find "$build" -maxdepth 1 -name 'sorvexa_*.deb' | head -n 1)
-[ -n "$deb" ] || die "cpack wrote no sorvexa_*.deb"
-pass "cpack -G DEB wrote $(basename "$deb")"
+# ---- 2. Debian packages
+echo "== Debian packages"
+# Built from a copy of the tree (tracked and untracked files, nothing ignored, so no build
+# tree), because dpkg-buildpackage writes the packages into the directory above the source
+# tree. The test suite runs during the build, as on a Debian build daemon.
+src=$tmp/src/sorvexa
+mkdir -p "$src"
+if git rev-parse --is-inside-work-tree >/dev/null 2>&1; then
+    git ls-files -z --cached --others --exclude-standard |
+        tar --null --ignore-failed-read -T - -cf - 2>/dev/null | tar -C "$src" -xf -
+else
+    tar --exclude=./build --exclude=./.git -cf - . | tar -C "$src" -xf -
+fi
+if (cd "$src" && DEB_BUILD_OPTIONS="parallel=2" dpkg-buildpackage -us -uc -b) >"$tmp/deb-build.log" 2>&1; then
+    pass "dpkg-buildpackage -us -uc -b"
+else
+    tail -n 40 "$tmp/deb-build.log"
+    die "dpkg-buildpackage -us -uc -b"
+fi
+version=$(cd "$src" && dpkg-parsechangelog -S Version)
+arch=$(dpkg-architecture -qDEB_HOST_ARCH)
+multiarch=$(dpkg-architecture -qDEB_HOST_MULTIARCH)
+tool_deb=$tmp/src/sorvexa_${version}_${arch}.deb
+dev_deb=$tmp/src/libsorvexa-dev_${version}_${arch}.deb
+[ -f "$tool_deb" ] && [ -f "$dev_deb" ] || die "no $(basename "$tool_deb") and $(basename "$dev_deb")"
 
-package=$(dpkg-deb -f "$deb" Package)
-section=$(dpkg-deb -f "$deb" Section)
-depends=$(dpkg-deb -f "$deb" Depends)
-[ "$package" = sorvexa ] && pass "Package: $package" || fail "Package is '$package', not sorvexa"
-[ "$section" = science ] && pass "Section: $section" || fail "Section is '$section', not science"
-extra=$(echo "$depends" | tr ',|' '\n' | sed -e 's/(.*)//' -e 's/[[:space:]]//g' |
-    grep -v -x -e '' -e libc6 -e libstdc++6 -e libgcc-s1 -e libgcc1 || true)
-[ -z "$extra" ] && pass "Depends: $depends" || fail "Depends has more than the C/C++ runtime: $extra"
+# lintian: no error and no warning (overrides in debian/*.lintian-overrides say why they hold).
+if lintian --fail-on error,warning "$tool_deb" "$dev_deb" >"$tmp/lintian.out" 2>"$tmp/lintian.err" &&
+    [ ! -s "$tmp/lintian.out" ]; then
+    pass "lintian on both packages: no error, no warning"
+else
+    cat "$tmp/lintian.out"
+    grep -v 'running with root privileges' "$tmp/lintian.err" || true
+    fail "lintian found errors or warnings"
+fi
 
-# What the program links must be covered by those dependencies.
-needed=$(readelf -d "$build/Sorvexa" | sed -n 's/.*Shared library: \[\(.*\)\]/\1/p')
-odd=$(echo "$needed" | grep -v -E '^(libc|libm|libstdc\+\+|libgcc_s|ld-linux[-a-z0-9_.]*)\.so' || true)
-[ -z "$odd" ] && pass "Sorvexa links only $(tr '\n' ' ' <<<"$needed")" || fail "Sorvexa links libraries outside Depends: $odd"
-
-dpkg-deb -c "$deb" | awk '{print $NF}' >"$tmp/deb.list"
-for f in ./usr/bin/Sorvexa ./usr/lib/libsorvexa.a ./usr/include/sorvexa/ace.h \
-    ./usr/include/sorvexa/contig.h ./usr/lib/cmake/Sorvexa/SorvexaConfig.cmake \
-    ./usr/lib/pkgconfig/sorvexa.pc ./usr/share/man/man1/Sorvexa.1; do
-    grep -q -x -F "$f" "$tmp/deb.list" || fail "the package lacks ${f#.}"
+# field DEB NAME: one control field.
+field() { dpkg-deb -f "$1" "$2"; }
+for deb in "$tool_deb" "$dev_deb"; do
+    name=$(field "$deb" Package)
+    maintainer=$(field "$deb" Maintainer)
+    case $maintainer in
+    *@localhost* | *@*.local\> | "") fail "$name: maintainer address '$maintainer'" ;;
+    *) pass "$name: Maintainer: $maintainer" ;;
+    esac
+    # The description (dpkg -I shows it indented by one): a synopsis and paragraphs, every
+    # line at most 80 columns, no list separators left over from a build system.
+    field "$deb" Description >"$tmp/description"
+    if [ "$(wc -l <"$tmp/description")" -ge 4 ] && ! grep -q '.\{81\}' "$tmp/description" &&
+        ! grep -q ';$' "$tmp/description"; then
+        pass "$name: description of $(wc -l <"$tmp/description") lines renders cleanly"
+    else
+        cat "$tmp/description"
+        fail "$name: description does not render cleanly"
+    fi
+    dpkg-deb -c "$deb" | awk '{print $NF}' | sed 's|^\./|/|' >"$tmp/$name.list"
+    for f in "/usr/share/doc/$name/copyright" "/usr/share/doc/$name/changelog.Debian.gz"; do
+        grep -q -x -F "$f" "$tmp/$name.list" || fail "$name lacks $f"
+    done
 done
+[ "$(field "$tool_deb" Section)" = science ] && [ "$(field "$dev_deb" Section)" = libdevel ] &&
+    pass "sections: science, libdevel" || fail "sections: $(field "$tool_deb" Section), $(field "$dev_deb" Section)"
+extra=$(field "$tool_deb" Depends | tr ',|' '\n' | sed -e 's/(.*)//' -e 's/[[:space:]]//g' |
+    grep -v -x -e '' -e libc6 -e libstdc++6 -e libgcc-s1 || true)
+[ -z "$extra" ] && pass "sorvexa Depends: $(field "$tool_deb" Depends)" ||
+    fail "sorvexa depends on more than the C/C++ runtime: $extra"
+for f in /usr/bin/Sorvexa /usr/share/man/man1/Sorvexa.1.gz; do
+    grep -q -x -F "$f" "$tmp/sorvexa.list" || fail "sorvexa lacks $f"
+done
+for f in /usr/include/sorvexa/ace.h /usr/include/sorvexa/contig.h /usr/include/sorvexa/sff.h \
+    "/usr/lib/$multiarch/libsorvexa.a" "/usr/lib/$multiarch/pkgconfig/sorvexa.pc" \
+    "/usr/lib/$multiarch/cmake/Sorvexa/SorvexaConfig.cmake"; do
+    grep -q -x -F "$f" "$tmp/libsorvexa-dev.list" || fail "libsorvexa-dev lacks $f"
+done
+if grep -q -e '^/usr/include/' -e '^/usr/lib/' "$tmp/sorvexa.list" ||
+    grep -q -e '^/usr/bin/' -e '^/usr/share/man/' "$tmp/libsorvexa-dev.list"; then
+    fail "the program and the library files are not split between the two packages"
+else
+    pass "sorvexa holds the program, libsorvexa-dev the library files"
+fi
 
-dpkg -i "$deb" >"$tmp/dpkg.log" 2>&1 || {
+dpkg -i "$tool_deb" "$dev_deb" >"$tmp/dpkg.log" 2>&1 || {
     cat "$tmp/dpkg.log"
-    die "dpkg -i $deb"
+    die "dpkg -i $(basename "$tool_deb") $(basename "$dev_deb")"
 }
-deb_installed=1
-pass "dpkg -i"
+debs_installed=1
+pass "dpkg -i both packages"
 
 if [ "$(command -v Sorvexa)" = /usr/bin/Sorvexa ]; then
-    status=0
-    Sorvexa -v >"$tmp/version.out" 2>&1 || status=$?
-    version=$(grep -o 'Sorvexa (Version [0-9][0-9.]*)' "$tmp/version.out" || true)
-    if [ "$status" -eq 0 ] && [ -n "$version" ]; then
-        pass "Sorvexa -v from PATH: $version"
+    readelf -S /usr/bin/Sorvexa | grep -q -e '\.symtab' -e '\.debug_' &&
+        fail "/usr/bin/Sorvexa is not stripped" || pass "/usr/bin/Sorvexa is stripped"
+    # The bundled example through the installed program: the same files as the build tree's
+    # program writes.
+    tool=$PWD/$build/Sorvexa
+    mkdir -p "$tmp/run" "$tmp/ref"
+    cp "$ace" "$tmp/run/"
+    cp "$ace" "$tmp/ref/"
+    sffs=("$PWD/$build/example/example_a.sff" "$PWD/$build/example/example_b.sff")
+    if (cd "$tmp/run" && Sorvexa -f example.ace "${sffs[@]}" >"$tmp/run.out" 2>&1) &&
+        (cd "$tmp/ref" && "$tool" -f example.ace "${sffs[@]}" >/dev/null 2>&1) &&
+        cmp -s "$tmp/run/example.reads" "$tmp/ref/example.reads" &&
+        cmp -s "$tmp/run/example.krv" "$tmp/ref/example.krv"; then
+        pass "Sorvexa -f from PATH on the bundled example: $(wc -l <"$tmp/run/example.krv") contigs, output as the build tree's"
     else
-        cat "$tmp/version.out"
-        fail "Sorvexa -v from PATH: status $status, version line ${version:-missing}"
+        cat "$tmp/run.out"
+        fail "Sorvexa -f from PATH on the bundled example"
     fi
 else
     fail "Sorvexa on PATH is '$(command -v Sorvexa || true)', not /usr/bin/Sorvexa"
 fi
 
-# The packaged CMake and pkg-config files, from /usr (named first, so that an install under
-# /usr/local on a developer's machine is not picked up instead).
+# The packaged CMake package, found in the multiarch directory (CMAKE_PREFIX_PATH=/usr named,
+# so that an install under /usr/local on a developer's machine is not picked up instead).
 if cmake -S tests/consumer -B "$tmp/consumer_deb" -G Ninja -DCMAKE_BUILD_TYPE=Release \
     -DCMAKE_PREFIX_PATH=/usr >"$tmp/consumer_deb.log" 2>&1 &&
     cmake --build "$tmp/consumer_deb" >>"$tmp/consumer_deb.log" 2>&1 &&
     "$tmp/consumer_deb/consumer" "$ace" >"$tmp/consumer_deb.out"; then
     found=$(sed -n 's/^Sorvexa_DIR:PATH=//p' "$tmp/consumer_deb/CMakeCache.txt")
-    if [ "$found" = /usr/lib/cmake/Sorvexa ]; then
-        check_ids "consumer (installed package)" "$tmp/consumer_deb.out"
+    if [ "$found" = "/usr/lib/$multiarch/cmake/Sorvexa" ]; then
+        check_ids "consumer (CMake, installed packages)" "$tmp/consumer_deb.out"
     else
-        fail "find_package(Sorvexa) used $found, not /usr/lib/cmake/Sorvexa"
+        fail "find_package(Sorvexa) used $found, not /usr/lib/$multiarch/cmake/Sorvexa"
     fi
 else
     tail -n 20 "$tmp/consumer_deb.log"
-    fail "tests/consumer against the installed package"
+    fail "tests/consumer with CMake against the installed packages"
 fi
-if flags=$(PKG_CONFIG_PATH=/usr/lib/pkgconfig pkg-config --cflags --libs sorvexa) &&
+# pkg-config from its default search path.
+if flags=$(pkg-config --cflags --libs sorvexa) &&
     read -r -a flag_list <<<"$flags" &&
     g++ -o "$tmp/consumer_pc_deb" tests/consumer/main.cpp "${flag_list[@]}" 2>"$tmp/pc_deb.log" &&
     "$tmp/consumer_pc_deb" "$ace" >"$tmp/consumer_pc_deb.out"; then
-    check_ids "consumer (pkg-config, installed package)" "$tmp/consumer_pc_deb.out"
+    check_ids "consumer (pkg-config, installed packages)" "$tmp/consumer_pc_deb.out"
 else
     head -n 5 "$tmp/pc_deb.log" 2>/dev/null || true
-    fail "g++ \$(pkg-config --cflags --libs sorvexa) against the installed package (flags: ${flags:-none})"
+    fail "g++ \$(pkg-config --cflags --libs sorvexa) against the installed packages (flags: ${flags:-none})"
 fi
+check_headers /usr/include
 
-manpage=/usr/share/man/man1/Sorvexa.1
-if [ -f "$manpage" ]; then
+manpage=$(man -w Sorvexa 2>/dev/null || true)
+if [ "$manpage" = /usr/share/man/man1/Sorvexa.1.gz ]; then
     warnings=$(man --warnings -l "$manpage" 2>&1 >/dev/null || true)
-    [ -z "$warnings" ] && pass "man --warnings -l $manpage: no warning" ||
+    [ -z "$warnings" ] && pass "man Sorvexa: $manpage, no warning" ||
         fail "man page warnings:"$'\n'"$warnings"
 else
-    fail "$manpage is not installed"
+    fail "man -w Sorvexa gives '$manpage'"
 fi
 
-dpkg -r sorvexa >"$tmp/dpkg-r.log" 2>&1 && deb_installed=0 || fail "dpkg -r sorvexa"
-if [ "$deb_installed" -eq 0 ]; then
-    [ ! -e /usr/bin/Sorvexa ] && [ ! -e /usr/include/sorvexa ] && pass "dpkg -r sorvexa removed it" ||
-        fail "files left behind after dpkg -r sorvexa"
+if dpkg -r sorvexa libsorvexa-dev >"$tmp/dpkg-r.log" 2>&1; then
+    debs_installed=0
+    [ ! -e /usr/bin/Sorvexa ] && [ ! -e /usr/include/sorvexa ] && [ ! -e "/usr/lib/$multiarch/libsorvexa.a" ] &&
+        pass "dpkg -r removed both packages" || fail "files left behind after dpkg -r"
+else
+    cat "$tmp/dpkg-r.log"
+    fail "dpkg -r sorvexa libsorvexa-dev"
 fi
 
 # ---- 3. example page in headless Chromium

@@ -1,6 +1,6 @@
 // Prints the read ids of the first contig of an ACE file, one per line.
-#include <ace.h>
-#include <contig.h>
+#include <sorvexa/ace.h>
+#include <sorvexa/contig.h>
 
 #include <iostream>
 #include <string>
