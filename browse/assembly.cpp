@@ -64,7 +64,7 @@ std::shared_ptr<built_contig> prepare(contig&& c) {
     return b;
 }
 
-assembly::assembly(const std::string& path, const read_source& sff, std::size_t cache_size)
+assembly::assembly(const std::string& path, std::size_t cache_size)
     : ace_path(path), cache_size_(std::max<std::size_t>(cache_size, 1)) {
     stamp_of(path, ace_stamp);
     aceReader ace(path);  // ends the process on an unreadable or non-ACE file
@@ -83,21 +83,12 @@ assembly::assembly(const std::string& path, const read_source& sff, std::size_t 
         s.avg_len = c.avg_read_len;
         s.rows = static_cast<std::int32_t>(c.print_map.size());
         const auto k = static_cast<std::uint32_t>(contigs.size());
-        for (const auto& [name, r] : c.reads) {
-            if (sff.file_of(name) >= 0) ++s.found;
-            placements.emplace_back(name, k);
-        }
+        for (const auto& entry : c.reads) placements.emplace_back(entry.first, k);
         reads_placed += s.reads;
-        reads_found += s.found;
         columns += s.columns;
         contigs.push_back(std::move(s));
     }
-    // A read placed in several contigs is shown in the first.
-    std::stable_sort(placements.begin(), placements.end(),
-                     [](const auto& x, const auto& y) { return x.first < y.first; });
-    placements.erase(std::unique(placements.begin(), placements.end(),
-                                 [](const auto& x, const auto& y) { return x.first == y.first; }),
-                     placements.end());
+    std::sort(placements.begin(), placements.end());
     placements.shrink_to_fit();
 
     by_name_.resize(contigs.size());
@@ -105,6 +96,20 @@ assembly::assembly(const std::string& path, const read_source& sff, std::size_t 
     std::stable_sort(by_name_.begin(), by_name_.end(), [this](std::uint32_t x, std::uint32_t y) {
         return contigs[x].name < contigs[y].name;
     });
+}
+
+void assembly::count_found(const read_source& sff) {
+    reads_found = 0;
+    for (contig_summary& s : contigs) s.found = 0;
+    // Both lists are sorted by name: one walk along each.
+    auto e = sff.entries.begin();
+    for (const auto& [name, k] : placements) {
+        while (e != sff.entries.end() && e->name < name) ++e;
+        if (e != sff.entries.end() && e->name == name) {
+            ++contigs[k].found;
+            ++reads_found;
+        }
+    }
 }
 
 int assembly::contig_index(std::string_view name) const {

@@ -48,12 +48,16 @@ class assembly {
     std::string ace_path;
     file_stamp ace_stamp;
     std::vector<contig_summary> contigs;
-    std::vector<std::pair<std::string, std::uint32_t>> placements;  // read name, contig; sorted
+    // Read name and contig, one per read of each contig, sorted (a read placed in several
+    // contigs is shown in the first).
+    std::vector<std::pair<std::string, std::uint32_t>> placements;
     std::int64_t reads_placed = 0, reads_found = 0, columns = 0;
 
     // Reads the whole ACE file once; a file out of the reader's grammar ends the process with
     // the reader's message and status 1.
-    assembly(const std::string& path, const read_source& sff, std::size_t cache_size = 4);
+    explicit assembly(const std::string& path, std::size_t cache_size = 4);
+    // Counts the reads of each contig that the SFF files hold.
+    void count_found(const read_source& sff);
 
     int contig_index(std::string_view name) const;  // -1 when unknown
     int contig_of_read(std::string_view read) const;

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <iostream>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -106,9 +107,13 @@ int main(int argc, char** argv) {
     pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
 
     // Input errors end the process here, with the readers' messages, before anything is served.
-    browse::read_source sff(o.sff);
-    browse::assembly ace(o.ace, sff);
-    browse::site site(ace, sff);
+    // The SFF files are indexed while the ACE file is read.
+    std::optional<browse::read_source> sff;
+    std::thread indexing([&sff, &o] { sff.emplace(o.sff); });
+    browse::assembly ace(o.ace);
+    indexing.join();
+    ace.count_found(*sff);
+    browse::site site(ace, *sff);
 
     httplib::Server server;
     server.new_task_queue = [] { return new httplib::ThreadPool(12); };
@@ -127,7 +132,7 @@ int main(int argc, char** argv) {
 
     const bool v6 = o.bind.find(':') != std::string::npos;
     std::cout << "sorvexa-browse: " << ace.contigs.size() << " contigs, " << ace.reads_placed
-              << " reads placed, " << sff.indexed_reads() << " reads indexed\n"
+              << " reads placed, " << sff->indexed_reads() << " reads indexed\n"
               << "Open http://" << (v6 ? "[" : "") << o.bind << (v6 ? "]" : "") << ":" << port
               << "/ in a web browser; Ctrl-C stops the server." << std::endl;
 

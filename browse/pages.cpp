@@ -197,7 +197,7 @@ response site::overview() const {
     std::string b = "<h1>Assembly</h1>\n<dl class=\"facts\">";
     fact(b, "ACE file", escaped(ace.ace_path));
     for (const read_source::sff_file& f : sff.files)
-        fact(b, "SFF file", escaped(f.path) + " (" + grouped(static_cast<std::int64_t>(f.index.size())) + " reads)");
+        fact(b, "SFF file", escaped(f.path) + " (" + grouped(static_cast<std::int64_t>(f.reads)) + " reads)");
     if (sff.files.empty()) fact(b, "SFF files", "none");
     fact(b, "contigs", grouped(static_cast<std::int64_t>(ace.contigs.size())));
     fact(b, "reads placed", grouped(ace.reads_placed));
@@ -330,7 +330,7 @@ response site::read(std::string_view path_name) const {
     std::string_view name = path_name;
     enum { html, flows_tsv, bases_tsv } kind = html;
     auto known = [&](std::string_view n) {
-        return ace.contig_of_read(n) >= 0 || sff.file_of(std::string(n)) >= 0;
+        return ace.contig_of_read(n) >= 0 || sff.file_of(n) >= 0;
     };
     if (!known(name)) {
         if (ends_with(name, ".flows.tsv")) {

@@ -3,6 +3,8 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <memory>
+#include <thread>
 
 namespace browse {
 
@@ -17,40 +19,66 @@ bool stamp_of(const std::string& path, file_stamp& out) {
 }
 
 read_source::read_source(const std::vector<std::string>& paths) {
-    files.reserve(paths.size());
+    std::vector<std::unique_ptr<reader>> readers;
     for (const std::string& path : paths) {
-        sff_file f;
-        f.path = path;
-        reader r(path);  // ends the process when the file cannot be opened
-        r.build_read_index(f.index);
-        stamp_of(path, f.stamp);
-        files.push_back(std::move(f));
+        readers.push_back(std::make_unique<reader>(path));  // ends the process when unopenable
+        readers.back()->get_header();                       // ... or when no SFF file
+        files.push_back({path, {}, 0});
+        stamp_of(path, files.back().stamp);
     }
+    // Each file is walked by its own reader, one thread per file.
+    std::vector<read_index> indexes(paths.size());
+    std::vector<std::thread> walks;
+    for (std::size_t i = 0; i < paths.size(); ++i)
+        walks.emplace_back([&readers, &indexes, i] { readers[i]->build_read_index(indexes[i]); });
+    for (std::thread& t : walks) t.join();
+    readers.clear();
+
+    // One sorted list from the sorted indexes; of equal names the earliest file's is kept.
+    std::size_t total = 0;
+    for (std::size_t i = 0; i < indexes.size(); ++i) {
+        files[i].reads = indexes[i].size();
+        total += indexes[i].size();
+    }
+    entries.reserve(total);
+    std::vector<read_index::iterator> at;
+    for (read_index& index : indexes) at.push_back(index.begin());
+    for (;;) {
+        std::size_t best = indexes.size();
+        for (std::size_t i = 0; i < indexes.size(); ++i)
+            if (at[i] != indexes[i].end() && (best == indexes.size() || at[i]->first < at[best]->first))
+                best = i;
+        if (best == indexes.size()) break;
+        const std::string& name = at[best]->first;
+        if (entries.empty() || entries.back().name != name)
+            entries.push_back({name, at[best]->second, static_cast<std::uint32_t>(best)});
+        ++at[best];
+    }
+    entries.shrink_to_fit();
 }
 
-int read_source::file_of(const std::string& name) const {
-    for (std::size_t i = 0; i < files.size(); ++i)
-        if (files[i].index.count(name) != 0) return static_cast<int>(i);
-    return -1;
+const read_source::entry* read_source::find(std::string_view name) const {
+    auto it = std::lower_bound(entries.begin(), entries.end(), name,
+                               [](const entry& e, std::string_view n) { return std::string_view(e.name) < n; });
+    return it != entries.end() && it->name == name ? &*it : nullptr;
 }
 
-std::size_t read_source::indexed_reads() const {
-    std::size_t n = 0;
-    for (const sff_file& f : files) n += f.index.size();
-    return n;
+int read_source::file_of(std::string_view name) const {
+    const entry* e = find(name);
+    return e == nullptr ? -1 : static_cast<int>(e->file);
 }
 
-read_source::fetch_result read_source::fetch(const std::string& name, sff_record& out) const {
-    const int k = file_of(name);
-    if (k < 0) return fetch_result::unknown;
-    const sff_file& f = files[static_cast<std::size_t>(k)];
+read_source::fetch_result read_source::fetch(std::string_view name, sff_record& out) const {
+    const entry* e = find(name);
+    if (e == nullptr) return fetch_result::unknown;
+    const sff_file& f = files[e->file];
     file_stamp now;
     if (!stamp_of(f.path, now) || !(now == f.stamp)) return fetch_result::file_changed;
 
     reader r(f.path);
     if (!r.get_header()) return fetch_result::file_changed;
     seqRead kept;
-    r.get_read(f.index.at(name), kept);
+    r.get_read(e->pos, kept);
 
     const sff_read& rd = r.cur_read;
     out = sff_record{};

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "sff.h"
@@ -40,20 +41,30 @@ class read_source {
     struct sff_file {
         std::string path;
         file_stamp stamp;
-        read_index index;
+        std::size_t reads = 0;  // names indexed in this file
+    };
+    // One read name: the first file (in the order given) that holds it, and the record's
+    // byte offset there. Sorted by name.
+    struct entry {
+        std::string name;
+        std::int64_t pos;
+        std::uint32_t file;
     };
     std::vector<sff_file> files;
+    std::vector<entry> entries;
 
-    // Indexes every file in turn; a file that is no SFF file ends the process with the
-    // reader's message.
+    // Opens every file and reads its header first, in the order given (a file that cannot be
+    // opened or is no SFF file ends the process with the reader's message), then indexes the
+    // files side by side.
     explicit read_source(const std::vector<std::string>& paths);
 
-    // The first file (in the order given) that holds `name`, or -1.
-    int file_of(const std::string& name) const;
-    std::size_t indexed_reads() const;
+    const entry* find(std::string_view name) const;
+    // The index of the file that holds `name`, or -1.
+    int file_of(std::string_view name) const;
+    std::size_t indexed_reads() const { return entries.size(); }
 
     enum class fetch_result { ok, unknown, file_changed };
-    fetch_result fetch(const std::string& name, sff_record& out) const;
+    fetch_result fetch(std::string_view name, sff_record& out) const;
 };
 
 }  // namespace browse
