@@ -42,6 +42,11 @@ std::shared_ptr<built_contig> prepare(contig&& c) {
         safe = safe && all_plain(r.sequence) && longest_run(r.sequence) <= 35;
     b->html_safe = safe;
 
+    // Per column a flow-index map and a depth; per read its record, sequence, and its entries
+    // in the position map and the layout, each with a copy of the name.
+    b->bytes = k.consensus.size() * 120 + k.flow_consensus.size();
+    for (const auto& [name, r] : k.reads) b->bytes += 3 * (name.size() + 96) + r.sequence.size();
+
     // Reads over each column, from the reads' spans cut to the consensus.
     const std::int64_t L = static_cast<std::int64_t>(k.consensus.size());
     std::vector<std::int32_t> delta(static_cast<std::size_t>(L) + 1, 0);
@@ -64,8 +69,8 @@ std::shared_ptr<built_contig> prepare(contig&& c) {
     return b;
 }
 
-assembly::assembly(const std::string& path, std::size_t cache_size)
-    : ace_path(path), cache_size_(std::max<std::size_t>(cache_size, 1)) {
+assembly::assembly(const std::string& path, std::size_t cache_size, std::size_t cache_bytes)
+    : ace_path(path), cache_size_(std::max<std::size_t>(cache_size, 1)), cache_bytes_(cache_bytes) {
     stamp_of(path, ace_stamp);
     aceReader ace(path);  // ends the process on an unreadable or non-ACE file
     for (;;) {
@@ -163,8 +168,15 @@ std::shared_ptr<built_contig> assembly::load(std::size_t index, load_result& res
     }
     std::shared_ptr<built_contig> b = prepare(std::move(c));
 
+    // The least recently used contigs leave until both the count and the memory fit; a
+    // contig larger than the whole budget is still kept alone.
     std::lock_guard<std::mutex> lock(cache_mutex_);
-    if (cache_.size() >= cache_size_) {
+    auto held = [this] {
+        std::size_t n = 0;
+        for (const cached& e : cache_) n += e.contig->bytes;
+        return n;
+    };
+    while (!cache_.empty() && (cache_.size() >= cache_size_ || held() + b->bytes > cache_bytes_)) {
         auto oldest = std::min_element(cache_.begin(), cache_.end(),
                                        [](const cached& x, const cached& y) { return x.used < y.used; });
         cache_.erase(oldest);

@@ -40,6 +40,7 @@ struct built_contig {
     bool html_safe = false;
     std::vector<std::int32_t> depth_bins;  // most reads over a column of each bin
     std::int32_t depth_max = 0;
+    std::size_t bytes = 0;  // an estimate of the memory it holds
     std::mutex draw_mutex;
 };
 
@@ -55,7 +56,8 @@ class assembly {
 
     // Reads the whole ACE file once; a file out of the reader's grammar ends the process with
     // the reader's message and status 1.
-    explicit assembly(const std::string& path, std::size_t cache_size = 4);
+    explicit assembly(const std::string& path, std::size_t cache_size = 4,
+                      std::size_t cache_bytes = std::size_t{24} << 20);
     // Counts the reads of each contig that the SFF files hold.
     void count_found(const read_source& sff);
 
@@ -71,6 +73,7 @@ class assembly {
   private:
     std::vector<std::uint32_t> by_name_;  // contig indexes in name order
     std::size_t cache_size_;
+    std::size_t cache_bytes_;
     std::mutex cache_mutex_;
     std::mutex parse_mutex_;
     struct cached {
