@@ -48,8 +48,10 @@ int main(int argc, char** argv) {
         if (ace.next_contig(c) == 0) break;
         double bases = 0;
         for (const auto& [name, r] : c.reads) bases += r.length;
-        const double depth = c.consensus.empty() ? 0 : bases / static_cast<double>(c.consensus.size());
-        if (depth > deepest.depth) deepest = {c.name, static_cast<std::int64_t>(c.consensus.size()), depth};
+        const double depth =
+            c.consensus.empty() ? 0 : bases / static_cast<double>(c.consensus.size());
+        if (depth > deepest.depth)
+            deepest = {c.name, static_cast<std::int64_t>(c.consensus.size()), depth};
     }
     const std::chrono::duration<double> pass = std::chrono::steady_clock::now() - t0;
     std::printf("ace_pass_s %.3f\n", pass.count());
@@ -71,14 +73,17 @@ int main(int argc, char** argv) {
             httplib::Client client("127.0.0.1", port);
             client.set_read_timeout(60, 0);
             fixture::splitmix64 rng{static_cast<std::uint64_t>(t) + 1};
-            const auto span = static_cast<std::uint32_t>(std::max<std::int64_t>(deepest.columns - width + 1, 1));
+            const auto span =
+                static_cast<std::uint32_t>(std::max<std::int64_t>(deepest.columns - width + 1, 1));
             const auto k = static_cast<std::size_t>(t);
             for (int i = t; i < requests; i += clients) {
-                const std::string path = "/contig/" + deepest.name + "?from=" +
-                                         std::to_string(1 + rng.below(span)) + "&width=" + std::to_string(width);
+                const std::string path = "/contig/" + deepest.name +
+                                         "?from=" + std::to_string(1 + rng.below(span)) +
+                                         "&width=" + std::to_string(width);
                 const auto s = std::chrono::steady_clock::now();
                 auto r = client.Get(path);
-                const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - s;
+                const std::chrono::duration<double, std::milli> took =
+                    std::chrono::steady_clock::now() - s;
                 if (!r || r->status != 200) {
                     ++errors[k];
                     continue;
@@ -86,7 +91,8 @@ int main(int argc, char** argv) {
                 round_trip[k].push_back(took.count());
                 const std::string timing = r->get_header_value("Server-Timing");
                 const auto at = timing.find("dur=");
-                if (at != std::string::npos) server[k].push_back(std::atof(timing.c_str() + at + 4));
+                if (at != std::string::npos)
+                    server[k].push_back(std::atof(timing.c_str() + at + 4));
             }
         });
     }
@@ -99,7 +105,8 @@ int main(int argc, char** argv) {
         all_trip.insert(all_trip.end(), round_trip[k].begin(), round_trip[k].end());
         all_errors += errors[k];
     }
-    std::printf("requests %zu errors %d\n", all_trip.size() + static_cast<std::size_t>(all_errors), all_errors);
+    std::printf("requests %zu errors %d\n", all_trip.size() + static_cast<std::size_t>(all_errors),
+                all_errors);
     std::printf("server_ms median %.2f p99 %.2f max %.2f\n", percentile(all_server, 0.5),
                 percentile(all_server, 0.99), percentile(all_server, 1.0));
     std::printf("round_trip_ms median %.2f p99 %.2f max %.2f\n", percentile(all_trip, 0.5),

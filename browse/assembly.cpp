@@ -177,8 +177,9 @@ std::shared_ptr<built_contig> assembly::load(std::size_t index, load_result& res
         return n;
     };
     while (!cache_.empty() && (cache_.size() >= cache_size_ || held() + b->bytes > cache_bytes_)) {
-        auto oldest = std::min_element(cache_.begin(), cache_.end(),
-                                       [](const cached& x, const cached& y) { return x.used < y.used; });
+        auto oldest =
+            std::min_element(cache_.begin(), cache_.end(),
+                             [](const cached& x, const cached& y) { return x.used < y.used; });
         cache_.erase(oldest);
     }
     cache_.push_back({index, b, ++clock_});

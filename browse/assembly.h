@@ -18,7 +18,7 @@ namespace browse {
 
 struct contig_summary {
     std::string name;
-    std::int64_t offset = 0;  // where the ACE reader starts looking for this contig
+    std::int64_t offset = 0;   // where the ACE reader starts looking for this contig
     std::int32_t columns = 0;  // padded consensus columns
     std::int32_t reads = 0;    // distinct reads placed
     std::int32_t found = 0;    // of those, reads some SFF file holds

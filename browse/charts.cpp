@@ -28,11 +28,20 @@ void grid(std::string& out, double top, double step, double x0, double x1, doubl
 
 const char* letter_colour(char letter) {
     switch (letter) {
-        case 'A': case 'a': return "#1a9850";
-        case 'C': case 'c': return "#2166ac";
-        case 'G': case 'g': return "#444444";
-        case 'T': case 't': return "#d73027";
-        default: return "#999999";
+        case 'A':
+        case 'a':
+            return "#1a9850";
+        case 'C':
+        case 'c':
+            return "#2166ac";
+        case 'G':
+        case 'g':
+            return "#444444";
+        case 'T':
+        case 't':
+            return "#d73027";
+        default:
+            return "#999999";
     }
 }
 
@@ -48,8 +57,8 @@ std::string depth_chart(const built_contig& b, std::int64_t from, std::int64_t l
                       std::to_string(b.c.consensus.size()) + "\" data-width=\"" +
                       std::to_string(width) + "\" data-left=\"" + num(left) + "\" data-plot=\"" +
                       num(W) + "\" data-href=\"" + href + "\">";
-    grid(out, peak, std::max(1.0, static_cast<double>(static_cast<int>(peak / 4))), left,
-         left + W, top, plot_h);
+    grid(out, peak, std::max(1.0, static_cast<double>(static_cast<int>(peak / 4))), left, left + W,
+         top, plot_h);
     if (bins > 0) {
         std::string path = "M" + num(left) + "," + num(top + plot_h);
         for (std::size_t i = 0; i < bins; ++i) {
@@ -59,7 +68,8 @@ std::string depth_chart(const built_contig& b, std::int64_t from, std::int64_t l
             path += "L" + num(x0) + "," + num(y) + "L" + num(x1) + "," + num(y);
         }
         path += "L" + num(left + W) + "," + num(top + plot_h) + "Z";
-        out += "<path d=\"" + path + "\" fill=\"#9fb8d6\" stroke=\"#4a78b5\" stroke-width=\"0.6\"/>";
+        out +=
+            "<path d=\"" + path + "\" fill=\"#9fb8d6\" stroke=\"#4a78b5\" stroke-width=\"0.6\"/>";
     }
     if (L > 0) {
         const double x = left + W * static_cast<double>(from - 1) / L;
@@ -68,23 +78,27 @@ std::string depth_chart(const built_contig& b, std::int64_t from, std::int64_t l
                num(w) + "\" height=\"" + num(plot_h) +
                "\" fill=\"#f4a261\" fill-opacity=\"0.35\" stroke=\"#e76f51\"/>";
     }
-    out += "<text x=\"" + num(left) + "\" y=\"" + num(H - 6) + "\" font-size=\"11\" fill=\"#666\">1</text>";
+    out += "<text x=\"" + num(left) + "\" y=\"" + num(H - 6) +
+           "\" font-size=\"11\" fill=\"#666\">1</text>";
     out += "<text x=\"" + num(left + W) + "\" y=\"" + num(H - 6) +
-           "\" text-anchor=\"end\" font-size=\"11\" fill=\"#666\">" + grouped(static_cast<std::int64_t>(L)) +
-           "</text>";
+           "\" text-anchor=\"end\" font-size=\"11\" fill=\"#666\">" +
+           grouped(static_cast<std::int64_t>(L)) + "</text>";
     out += "<text x=\"" + num(left + W / 2) + "\" y=\"" + num(H - 6) +
            "\" text-anchor=\"middle\" font-size=\"11\" fill=\"#666\">reads over each column "
-           "(peak " + grouped(b.depth_max) + "); click to move the window</text>";
+           "(peak " +
+           grouped(b.depth_max) + "); click to move the window</text>";
     out += "</svg>";
     return out;
 }
 
 std::string quality_chart(const sff_record& r) {
-    const int first = r.kept_first, last = std::min<int>(r.kept_last, static_cast<int>(r.quality.size()));
+    const int first = r.kept_first,
+              last = std::min<int>(r.kept_last, static_cast<int>(r.quality.size()));
     const int n = std::max(0, last - first + 1);
     const double W = 1000, H = 170, left = 36, top = 8, plot_h = H - 34;
     int peak = 40;
-    for (int i = first; i <= last; ++i) peak = std::max<int>(peak, r.quality[static_cast<std::size_t>(i - 1)]);
+    for (int i = first; i <= last; ++i)
+        peak = std::max<int>(peak, r.quality[static_cast<std::size_t>(i - 1)]);
     std::string out = "<svg class=\"quality\" viewBox=\"0 0 " + num(W + left + 10) + " " + num(H) +
                       "\" width=\"" + num(W + left + 10) + "\" height=\"" + num(H) +
                       "\" role=\"img\" aria-label=\"quality of each kept base\">";
@@ -100,8 +114,9 @@ std::string quality_chart(const sff_record& r) {
         append_escaped(out, std::string_view(&r.bases[i], 1));
         out += ": quality " + std::to_string(r.quality[i]) + "</title></rect>";
     }
-    out += "<text x=\"" + num(left) + "\" y=\"" + num(H - 8) + "\" font-size=\"11\" fill=\"#666\">base " +
-           std::to_string(first) + "</text><text x=\"" + num(left + W) + "\" y=\"" + num(H - 8) +
+    out += "<text x=\"" + num(left) + "\" y=\"" + num(H - 8) +
+           "\" font-size=\"11\" fill=\"#666\">base " + std::to_string(first) + "</text><text x=\"" +
+           num(left + W) + "\" y=\"" + num(H - 8) +
            "\" text-anchor=\"end\" font-size=\"11\" fill=\"#666\">base " + std::to_string(last) +
            "</text></svg>";
     return out;
@@ -121,7 +136,8 @@ std::string flowgram_chart(const sff_record& r) {
     // The key's flows and the flows of the kept bases, as bands behind the bars.
     const auto bases = static_cast<int>(r.flow_of_base.size());
     if (r.key_length > 0 && bases >= r.key_length) {
-        const double w = flow_x(r.flow_of_base[static_cast<std::size_t>(r.key_length - 1)] + 1) - left;
+        const double w =
+            flow_x(r.flow_of_base[static_cast<std::size_t>(r.key_length - 1)] + 1) - left;
         out += "<rect x=\"" + num(left) + "\" y=\"" + num(top) + "\" width=\"" + num(w) +
                "\" height=\"" + num(plot_h) + "\" fill=\"#fde9c8\"><title>key flows</title></rect>";
     }
@@ -129,7 +145,8 @@ std::string flowgram_chart(const sff_record& r) {
         const double x0 = flow_x(r.flow_of_base[static_cast<std::size_t>(r.kept_first - 1)]);
         const double x1 = flow_x(r.flow_of_base[static_cast<std::size_t>(r.kept_last - 1)] + 1);
         out += "<rect x=\"" + num(x0) + "\" y=\"" + num(top + plot_h + 2) + "\" width=\"" +
-               num(x1 - x0) + "\" height=\"6\" fill=\"#4a78b5\"><title>flows of the kept bases</title></rect>";
+               num(x1 - x0) +
+               "\" height=\"6\" fill=\"#4a78b5\"><title>flows of the kept bases</title></rect>";
     }
     grid(out, peak, 1, left, left + W, top, plot_h);
     for (std::size_t f = 0; f < n; ++f) {

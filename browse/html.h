@@ -32,8 +32,8 @@ const std::string& script_nonce();
 
 // Characters that pass through pages unescaped by construction: letters, digits, '*' and '-'.
 inline bool plain_char(char c) {
-    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
-           c == '*' || c == '-';
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '*' ||
+           c == '-';
 }
 
 }  // namespace browse

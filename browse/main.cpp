@@ -73,7 +73,8 @@ int parse(int argc, char** argv, options& o) {
             if (a == "--bind") {
                 o.bind = v;
             } else if (!parse_port(v, o.port)) {
-                std::cerr << "sorvexa-browse: --port takes a number from 0 to 65535, not " << v << "\n";
+                std::cerr << "sorvexa-browse: --port takes a number from 0 to 65535, not " << v
+                          << "\n";
                 return 1;
             }
             continue;

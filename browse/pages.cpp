@@ -87,7 +87,8 @@ std::string read_href(std::string_view name) {
 }
 
 std::string window_href(std::string_view name, std::int64_t from, int width) {
-    return contig_href(name) + "?from=" + std::to_string(from) + "&amp;width=" + std::to_string(width);
+    return contig_href(name) + "?from=" + std::to_string(from) +
+           "&amp;width=" + std::to_string(width);
 }
 
 void read_link(std::string& out, std::string_view name) {
@@ -129,7 +130,8 @@ void plain_block(std::string& out, const drawn_map& m, std::string_view title) {
     for (const std::string& line : m.lines) out += line + '\n';
     out += "# reads of each row above, one row a line\n";
     for (std::size_t i = 1; i < m.names.size(); ++i) {
-        for (std::size_t k = 0; k < m.names[i].size(); ++k) out += (k > 0 ? " " : "") + m.names[i][k];
+        for (std::size_t k = 0; k < m.names[i].size(); ++k)
+            out += (k > 0 ? " " : "") + m.names[i][k];
         out += '\n';
     }
 }
@@ -197,7 +199,8 @@ response site::overview() const {
     std::string b = "<h1>Assembly</h1>\n<dl class=\"facts\">";
     fact(b, "ACE file", escaped(ace.ace_path));
     for (const read_source::sff_file& f : sff.files)
-        fact(b, "SFF file", escaped(f.path) + " (" + grouped(static_cast<std::int64_t>(f.reads)) + " reads)");
+        fact(b, "SFF file",
+             escaped(f.path) + " (" + grouped(static_cast<std::int64_t>(f.reads)) + " reads)");
     if (sff.files.empty()) fact(b, "SFF files", "none");
     fact(b, "contigs", grouped(static_cast<std::int64_t>(ace.contigs.size())));
     fact(b, "reads placed", grouped(ace.reads_placed));
@@ -208,7 +211,8 @@ response site::overview() const {
          std::to_string(ace.contigs.size()) +
          "</span> shown; click a heading to sort</span></p>\n<table class=\"data\" id=\"contigs\">"
          "<thead><tr><th>name</th><th>columns</th><th>reads</th><th>reads found</th><th>min "
-         "length</th><th>avg length</th><th>max length</th><th>layout rows</th></tr></thead>\n<tbody>\n";
+         "length</th><th>avg length</th><th>max length</th><th>layout "
+         "rows</th></tr></thead>\n<tbody>\n";
     for (const contig_summary& s : ace.contigs) {
         b += "<tr><td data-v=\"";
         append_escaped(b, s.name);
@@ -253,8 +257,9 @@ response site::contig(std::string_view path_name, const window_query& q) const {
     assembly::load_result loaded;
     std::shared_ptr<built_contig> b = ace.load(static_cast<std::size_t>(index), loaded);
     if (b == nullptr)
-        return error_page(500, "ACE file changed",
-                          "The ACE file is no longer the file read at start-up; restart the server.");
+        return error_page(
+            500, "ACE file changed",
+            "The ACE file is no longer the file read at start-up; restart the server.");
 
     const drawn_map flows = flow_map(*b, w.from, w.last, !text);
     const drawn_map align = align_map(*b, w.from, w.last, !text);
@@ -281,8 +286,9 @@ response site::contig(std::string_view path_name, const window_query& q) const {
     h += ", columns " + from_s + " to " + last_s + "</h1>\n<dl class=\"facts\">";
     fact(h, "columns", grouped(s.columns));
     fact(h, "reads", grouped(s.reads) + " (" + grouped(s.found) + " found in the SFF files)");
-    fact(h, "read lengths", std::to_string(s.min_len) + " to " + std::to_string(s.max_len) +
-                                ", " + fixed(s.avg_len, 0) + " on average");
+    fact(h, "read lengths",
+         std::to_string(s.min_len) + " to " + std::to_string(s.max_len) + ", " +
+             fixed(s.avg_len, 0) + " on average");
     fact(h, "layout rows", grouped(s.rows));
     h += "</dl>\n";
     h += depth_chart(*b, w.from, w.last, w.width,
@@ -290,7 +296,8 @@ response site::contig(std::string_view path_name, const window_query& q) const {
 
     h += "<nav class=\"nav\">";
     if (w.from > 1)
-        h += "<a rel=\"prev\" href=\"" + window_href(s.name, std::max<std::int64_t>(1, w.from - w.width), w.width) +
+        h += "<a rel=\"prev\" href=\"" +
+             window_href(s.name, std::max<std::int64_t>(1, w.from - w.width), w.width) +
              "\">&#8592; previous " + std::to_string(w.width) + "</a>";
     else
         h += "<span class=\"off\">&#8592; previous " + std::to_string(w.width) + "</span>";
@@ -315,7 +322,8 @@ response site::contig(std::string_view path_name, const window_query& q) const {
          grouped(w.last - w.from + 1) + " columns), with every read that covers one of them: " +
          grouped(static_cast<std::int64_t>(shown_reads)) + " reads.";
     if (w.from + w.width - 1 > w.last)
-        h += " The window of " + std::to_string(w.width) + " columns is cut at the contig's last column.";
+        h += " The window of " + std::to_string(w.width) +
+             " columns is cut at the contig's last column.";
     h += "</p>\n<h2>Alignment</h2>\n";
     map_block(h, align, "consensus", "align");
     h += "<h2>Flows</h2>\n<p class=\"note\">Each cell is the number of the read's bases a flow "
@@ -366,8 +374,8 @@ response site::read(std::string_view path_name) const {
                 const bool kept = static_cast<int>(i) + 1 >= rec.kept_first &&
                                   static_cast<int>(i) + 1 <= rec.kept_last;
                 r.body += std::to_string(i + 1) + '\t' + tsv_char(rec.bases[i]) + '\t' +
-                          std::to_string(rec.quality[i]) + '\t' + std::to_string(rec.flow_of_base[i]) +
-                          '\t' + (kept ? "1" : "0") + '\n';
+                          std::to_string(rec.quality[i]) + '\t' +
+                          std::to_string(rec.flow_of_base[i]) + '\t' + (kept ? "1" : "0") + '\n';
             }
         }
         return r;
@@ -390,19 +398,24 @@ response site::read(std::string_view path_name) const {
         }
         h += "<dl class=\"facts\">";
         if (rd == nullptr) {
-            fact(h, "contig", "<a href=\"" + contig_href(s.name) + "\">" + escaped(s.name) + "</a>");
+            fact(h, "contig",
+                 "<a href=\"" + contig_href(s.name) + "\">" + escaped(s.name) + "</a>");
             fact(h, "", "the ACE file changed since start-up; restart the server to see more");
         } else {
             const std::int64_t from = std::clamp<std::int64_t>(
                 std::int64_t{rd->start} - 20, 1, std::max<std::int64_t>(s.columns, 1));
-            fact(h, "contig", "<a href=\"" + window_href(s.name, from, default_width) + "\">" +
-                                  escaped(s.name) + "</a>");
+            fact(h, "contig",
+                 "<a href=\"" + window_href(s.name, from, default_width) + "\">" + escaped(s.name) +
+                     "</a>");
             fact(h, "start column", grouped(rd->start));
-            fact(h, "length", std::to_string(rd->length) + " columns (to column " +
-                                  grouped(std::int64_t{rd->start} + rd->length - 1) + ")");
-            fact(h, "direction", rd->uncomplemented != 0 ? "uncomplemented (U)" : "complemented (C)");
-            fact(h, "alignment clip", std::to_string(rd->align_clip_start) + " to " +
-                                          std::to_string(rd->align_clip_end));
+            fact(h, "length",
+                 std::to_string(rd->length) + " columns (to column " +
+                     grouped(std::int64_t{rd->start} + rd->length - 1) + ")");
+            fact(h, "direction",
+                 rd->uncomplemented != 0 ? "uncomplemented (U)" : "complemented (C)");
+            fact(
+                h, "alignment clip",
+                std::to_string(rd->align_clip_start) + " to " + std::to_string(rd->align_clip_end));
         }
         h += "</dl>\n";
     }
@@ -415,17 +428,21 @@ response site::read(std::string_view path_name) const {
     } else {
         h += "<dl class=\"facts\">";
         fact(h, "file", escaped(rec.file));
-        fact(h, "bases", grouped(static_cast<std::int64_t>(rec.bases.size())) + ", kept " +
-                             std::to_string(rec.kept_first) + " to " + std::to_string(rec.kept_last));
-        fact(h, "clips", "quality " + std::to_string(rec.clip_qual_left) + " to " +
-                             std::to_string(rec.clip_qual_right) + ", adapter " +
-                             std::to_string(rec.clip_adapter_left) + " to " +
-                             std::to_string(rec.clip_adapter_right) + " (0: not set)");
-        fact(h, "flows", grouped(static_cast<std::int64_t>(rec.flowgram.size())) + ", key " +
-                             std::to_string(rec.key_length) + " bases");
-        fact(h, "download", "<a href=\"" + read_href(read_name + ".flows.tsv") +
-                                "\">flowgram (TSV)</a> &middot; <a href=\"" +
-                                read_href(read_name + ".bases.tsv") + "\">bases and qualities (TSV)</a>");
+        fact(h, "bases",
+             grouped(static_cast<std::int64_t>(rec.bases.size())) + ", kept " +
+                 std::to_string(rec.kept_first) + " to " + std::to_string(rec.kept_last));
+        fact(h, "clips",
+             "quality " + std::to_string(rec.clip_qual_left) + " to " +
+                 std::to_string(rec.clip_qual_right) + ", adapter " +
+                 std::to_string(rec.clip_adapter_left) + " to " +
+                 std::to_string(rec.clip_adapter_right) + " (0: not set)");
+        fact(h, "flows",
+             grouped(static_cast<std::int64_t>(rec.flowgram.size())) + ", key " +
+                 std::to_string(rec.key_length) + " bases");
+        fact(h, "download",
+             "<a href=\"" + read_href(read_name + ".flows.tsv") +
+                 "\">flowgram (TSV)</a> &middot; <a href=\"" + read_href(read_name + ".bases.tsv") +
+                 "\">bases and qualities (TSV)</a>");
         h += "</dl>\n<h2>Quality of the kept bases</h2>\n" + quality_chart(rec);
         h += "<h2>Flowgram</h2>\n<p class=\"note\">Bars coloured by the flow's nucleotide "
              "(<font color=\"#d73027\">T</font> <font color=\"#1a9850\">A</font> "

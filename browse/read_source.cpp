@@ -46,7 +46,8 @@ read_source::read_source(const std::vector<std::string>& paths) {
     for (;;) {
         std::size_t best = indexes.size();
         for (std::size_t i = 0; i < indexes.size(); ++i)
-            if (at[i] != indexes[i].end() && (best == indexes.size() || at[i]->first < at[best]->first))
+            if (at[i] != indexes[i].end() &&
+                (best == indexes.size() || at[i]->first < at[best]->first))
                 best = i;
         if (best == indexes.size()) break;
         const std::string& name = at[best]->first;
@@ -58,8 +59,9 @@ read_source::read_source(const std::vector<std::string>& paths) {
 }
 
 const read_source::entry* read_source::find(std::string_view name) const {
-    auto it = std::lower_bound(entries.begin(), entries.end(), name,
-                               [](const entry& e, std::string_view n) { return std::string_view(e.name) < n; });
+    auto it = std::lower_bound(
+        entries.begin(), entries.end(), name,
+        [](const entry& e, std::string_view n) { return std::string_view(e.name) < n; });
     return it != entries.end() && it->name == name ? &*it : nullptr;
 }
 

@@ -14,17 +14,17 @@ namespace browse {
 
 // One read record as the read page shows it.
 struct sff_record {
-    std::string file;       // the SFF file it came from
+    std::string file;  // the SFF file it came from
     std::string name;
     std::string flow_chars;  // the file's flow order, one letter per flow
     int key_length = 0;
     std::uint16_t clip_qual_left = 0, clip_qual_right = 0;
     std::uint16_t clip_adapter_left = 0, clip_adapter_right = 0;
-    int kept_first = 0, kept_last = 0;  // 1-based kept bases (first > last: none)
-    std::vector<std::uint16_t> flowgram;        // every flow, in hundredths
-    std::string bases;                          // every base of the record
-    std::vector<std::uint8_t> quality;          // per base
-    std::vector<std::int32_t> flow_of_base;     // 0-based flow that called each base
+    int kept_first = 0, kept_last = 0;       // 1-based kept bases (first > last: none)
+    std::vector<std::uint16_t> flowgram;     // every flow, in hundredths
+    std::string bases;                       // every base of the record
+    std::vector<std::uint8_t> quality;       // per base
+    std::vector<std::int32_t> flow_of_base;  // 0-based flow that called each base
 };
 
 // The identity of a file when it was indexed; a fetch from a file that no longer matches

@@ -28,7 +28,8 @@ httplib::Server::Handler timed(Build build) {
     return [build](const httplib::Request& req, httplib::Response& res) {
         const auto t0 = std::chrono::steady_clock::now();
         const response page = build(req);
-        const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - t0;
+        const std::chrono::duration<double, std::milli> took =
+            std::chrono::steady_clock::now() - t0;
         send(page, res, took.count());
     };
 }
@@ -47,9 +48,8 @@ void add_routes(httplib::Server& server, const site& s) {
     server.Get(R"(/contig/(.+))", timed([&s](const httplib::Request& req) {
                    return s.contig(req.matches[1].str(), query_of(req));
                }));
-    server.Get(R"(/read/(.+))", timed([&s](const httplib::Request& req) {
-                   return s.read(req.matches[1].str());
-               }));
+    server.Get(R"(/read/(.+))",
+               timed([&s](const httplib::Request& req) { return s.read(req.matches[1].str()); }));
     server.Get(R"(.*)", timed([&s](const httplib::Request& req) {
                    return s.not_found("Nothing is served at " + req.path + ".");
                }));

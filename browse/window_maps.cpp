@@ -8,9 +8,9 @@
 namespace browse {
 
 const color_map_t& base_colours() {
-    static const color_map_t colours = {
-        {'A', "#1a9850"}, {'C', "#2166ac"}, {'G', "#444444"}, {'T', "#d73027"},
-        {'a', "#1a9850"}, {'c', "#2166ac"}, {'g', "#444444"}, {'t', "#d73027"}};
+    static const color_map_t colours = {{'A', "#1a9850"}, {'C', "#2166ac"}, {'G', "#444444"},
+                                        {'T', "#d73027"}, {'a', "#1a9850"}, {'c', "#2166ac"},
+                                        {'g', "#444444"}, {'t', "#d73027"}};
     return colours;
 }
 
@@ -28,7 +28,8 @@ std::vector<std::vector<std::string>> reads_by_row(const contig& c, std::int64_t
              it != row.end() && it->first <= last; ++it) {
             auto rd = c.reads.find(it->second);
             if (rd == c.reads.end()) continue;
-            if (std::int64_t{it->first} + rd->second.length - 1 >= from) names.push_back(it->second);
+            if (std::int64_t{it->first} + rd->second.length - 1 >= from)
+                names.push_back(it->second);
         }
         if (!names.empty()) rows.push_back(std::move(names));
     }
@@ -157,8 +158,9 @@ drawn_map flow_map(built_contig& b, std::int64_t from, std::int64_t last, bool h
     const int width = library_width(c, from, last);
     std::size_t flows = 0;
     if (!c.flow_consensus.empty())
-        flows = static_cast<std::size_t>(c.getFlowIdx_end(static_cast<std::int32_t>(last - 1)) -
-                                         c.getFlowIdx_start(static_cast<std::int32_t>(from - 1)) + 1);
+        flows =
+            static_cast<std::size_t>(c.getFlowIdx_end(static_cast<std::int32_t>(last - 1)) -
+                                     c.getFlowIdx_start(static_cast<std::int32_t>(from - 1)) + 1);
     std::string text;
     std::vector<std::string> drawn;
     const bool library_html = html && b.html_safe;

@@ -21,7 +21,7 @@ struct drawn_map {
     // line is one layout row with at least one read over the shown columns.
     std::vector<std::string> lines;
     std::vector<std::vector<std::string>> names;  // read names of each line; none on line 0
-    bool from_library_html = false;                // lines are the library's HTML fragments
+    bool from_library_html = false;               // lines are the library's HTML fragments
 };
 
 // The colours of the bases in both maps.

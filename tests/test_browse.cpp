@@ -41,7 +41,8 @@ struct site_fixture {
     browse::assembly ace;
     browse::site site;
 
-    site_fixture(const std::vector<ace_contig>& contigs, const std::vector<sff_file_layout>& sffs = {})
+    site_fixture(const std::vector<ace_contig>& contigs,
+                 const std::vector<sff_file_layout>& sffs = {})
         : sff(write_sffs(dir, sffs)), ace(write_ace(dir, contigs)), site(ace, sff) {
         ace.count_found(sff);
     }
@@ -49,7 +50,8 @@ struct site_fixture {
         write_file(d / "a.ace", ace_file_text(contigs));
         return d / "a.ace";
     }
-    static std::vector<std::string> write_sffs(const temp_dir& d, const std::vector<sff_file_layout>& sffs) {
+    static std::vector<std::string> write_sffs(const temp_dir& d,
+                                               const std::vector<sff_file_layout>& sffs) {
         std::vector<std::string> paths;
         for (std::size_t i = 0; i < sffs.size(); ++i) {
             paths.push_back(d / ("r" + std::to_string(i) + ".sff"));
@@ -68,9 +70,14 @@ struct site_fixture {
 ace_contig window_contig() {
     const std::string cons = repeat("ACGTTGCA", 400);
     auto part = [&](int start) { return cons.substr(static_cast<std::size_t>(start - 1), 100); };
-    return {"w", cons,
-            {{"r1", 60, part(60)}, {"r2", 101, part(101)}, {"r3", 150, part(150)},
-             {"r4", 190, part(190)}, {"r5", 200, part(200)}, {"r6", 301, part(301)}}};
+    return {"w",
+            cons,
+            {{"r1", 60, part(60)},
+             {"r2", 101, part(101)},
+             {"r3", 150, part(150)},
+             {"r4", 190, part(190)},
+             {"r5", 200, part(200)},
+             {"r6", 301, part(301)}}};
 }
 
 bool contains(const std::string& s, const std::string& part) {
@@ -101,7 +108,7 @@ TEST(BrowseWindow, EveryReadOverTheShownColumnsIsDrawnAndNothingBeyond) {
         if (!html) {
             EXPECT_EQ(a.lines[0], window_contig().consensus.substr(100, 100));
             for (const std::string& line : a.lines) EXPECT_LE(line.size(), 100u);
-            EXPECT_EQ(a.lines[2].find_first_not_of(' '), 0u);  // r2 starts in the first column
+            EXPECT_EQ(a.lines[2].find_first_not_of(' '), 0u);   // r2 starts in the first column
             EXPECT_EQ(a.lines[4].find_first_not_of(' '), 99u);  // r5 in the last
             EXPECT_EQ(a.lines[4].size(), 100u);
             EXPECT_EQ(a.lines[1].size(), 100u);  // r4 cut at the window's end
@@ -112,7 +119,8 @@ TEST(BrowseWindow, EveryReadOverTheShownColumnsIsDrawnAndNothingBeyond) {
     drawn.clear();
     b->c.print_align_map_plain(text, drawn, 101, browse::library_width(b->c, 101, 200));
     std::vector<std::string> by_row;
-    for (const auto& row : browse::reads_by_row(b->c, 101, 200)) by_row.insert(by_row.end(), row.begin(), row.end());
+    for (const auto& row : browse::reads_by_row(b->c, 101, 200))
+        by_row.insert(by_row.end(), row.begin(), row.end());
     EXPECT_EQ(drawn, by_row);
 }
 
@@ -135,7 +143,8 @@ TEST(BrowseWindow, LibraryHtmlAndPlainDrawTheSameCharacters) {
     const auto html = browse::align_map(*b, 150, 230, true);
     EXPECT_TRUE(html.from_library_html);
     ASSERT_EQ(plain.lines.size(), html.lines.size());
-    for (std::size_t i = 0; i < plain.lines.size(); ++i) EXPECT_EQ(strip(html.lines[i]), plain.lines[i]);
+    for (std::size_t i = 0; i < plain.lines.size(); ++i)
+        EXPECT_EQ(strip(html.lines[i]), plain.lines[i]);
 
     // Flow maps: the spaced HTML map has no blank before its first cell.
     const auto fplain = browse::flow_map(*b, 150, 230, false);
@@ -234,15 +243,14 @@ TEST(BrowsePages, UnknownNamesAreNotFound) {
 TEST(BrowsePages, NothingFromTheFilesReachesAPageUnescaped) {
     // Markup in a contig name, a read name and in sequences.
     const std::string cons = "ACG<T&A\"CGTACGTAC";
-    site_fixture f({{kEvilContig, cons, {{kEvilRead, 1, "ACG<T&A\"CG"}, {"plain", 4, "<T&A\"CGTAC"}}}});
+    site_fixture f(
+        {{kEvilContig, cons, {{kEvilRead, 1, "ACG<T&A\"CG"}, {"plain", 4, "<T&A\"CGTAC"}}}});
     ASSERT_EQ(f.ace.contigs.size(), 1u);
     ASSERT_EQ(f.ace.contigs[0].name, kEvilContig);
 
-    std::vector<std::string> bodies = {f.site.overview().body,
-                                       f.contig(kEvilContig).body,
-                                       f.contig(kEvilContig, "3", "5").body,
-                                       f.site.read(kEvilRead).body,
-                                       f.site.not_found(kEvilRead).body};
+    std::vector<std::string> bodies = {
+        f.site.overview().body, f.contig(kEvilContig).body, f.contig(kEvilContig, "3", "5").body,
+        f.site.read(kEvilRead).body, f.site.not_found(kEvilRead).body};
     for (const std::string& body : bodies) {
         EXPECT_FALSE(contains(body, "<img")) << body;
         EXPECT_FALSE(contains(body, "<b>&")) << body;

@@ -50,7 +50,8 @@ TEST(BrowseServer, ServesEveryPageKindAndStopsOnSigterm) {
     EXPECT_EQ(overview->status, 200);
     for (int k = 1; k <= 5; ++k)
         EXPECT_TRUE(contains(overview->body, "href=\"/contig/Contig" + std::to_string(k) + "\""));
-    EXPECT_TRUE(contains(overview->get_header_value("Content-Security-Policy"), "script-src 'nonce-"));
+    EXPECT_TRUE(
+        contains(overview->get_header_value("Content-Security-Policy"), "script-src 'nonce-"));
 
     auto page = c.Get("/contig/Contig2?from=600&width=100");
     ASSERT_TRUE(page);
@@ -102,7 +103,8 @@ TEST(BrowseServer, ServesEveryPageKindAndStopsOnSigterm) {
                 const std::string path = "/contig/Contig" + std::to_string(1 + (i + t) % 5) +
                                          "?from=" + std::to_string(1 + 37 * i) + "&width=200";
                 auto r = ct.Get(path);
-                if (!r || r->status != 200 || !contains(r->body, "</html>")) ++failures[static_cast<std::size_t>(t)];
+                if (!r || r->status != 200 || !contains(r->body, "</html>"))
+                    ++failures[static_cast<std::size_t>(t)];
             }
         });
     }

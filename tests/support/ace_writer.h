@@ -29,7 +29,8 @@ inline std::string ace_file_text(const std::vector<ace_contig>& contigs) {
     for (const ace_contig& c : contigs) {
         t += "CO " + c.name + " " + std::to_string(c.consensus.size()) + " " +
              std::to_string(c.reads.size()) + " 1 U\n";
-        for (std::size_t at = 0; at < c.consensus.size(); at += 60) t += c.consensus.substr(at, 60) + "\n";
+        for (std::size_t at = 0; at < c.consensus.size(); at += 60)
+            t += c.consensus.substr(at, 60) + "\n";
         t += "\nBQ\n20\n\n";
         for (const ace_read& r : c.reads)
             t += "AF " + r.name + " " + r.direction + " " + std::to_string(r.start) + "\n";
@@ -37,7 +38,8 @@ inline std::string ace_file_text(const std::vector<ace_contig>& contigs) {
         t += "BS 1 " + std::to_string(c.consensus.size()) + " x\n\n";
         for (const ace_read& r : c.reads) {
             t += "RD " + r.name + " " + std::to_string(r.sequence.size()) + " 0 0\n";
-            for (std::size_t at = 0; at < r.sequence.size(); at += 60) t += r.sequence.substr(at, 60) + "\n";
+            for (std::size_t at = 0; at < r.sequence.size(); at += 60)
+                t += r.sequence.substr(at, 60) + "\n";
             t += "\nQA 1 " + std::to_string(r.sequence.size()) + " 2 " +
                  std::to_string(r.sequence.size()) + "\nDS CHROMAT_FILE: " + r.name + "\n\n";
         }
