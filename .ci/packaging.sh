@@ -27,7 +27,7 @@ debs_installed=0
 tmp=$(mktemp -d /tmp/sorvexa-packaging.XXXXXX)
 
 cleanup() {
-    if [ "$debs_installed" -eq 1 ]; then dpkg -r sorvexa libsorvexa-dev >/dev/null 2>&1 || true; fi
+    if [ "$debs_installed" -eq 1 ]; then dpkg -r sorvexa sorvexa-browse libsorvexa-dev >/dev/null 2>&1 || true; fi
     rm -rf "$tmp"
 }
 trap cleanup EXIT
@@ -175,12 +175,15 @@ arch=$(dpkg-architecture -qDEB_HOST_ARCH)
 multiarch=$(dpkg-architecture -qDEB_HOST_MULTIARCH)
 tool_deb=$tmp/src/sorvexa_${version}_${arch}.deb
 dev_deb=$tmp/src/libsorvexa-dev_${version}_${arch}.deb
-[ -f "$tool_deb" ] && [ -f "$dev_deb" ] || die "no $(basename "$tool_deb") and $(basename "$dev_deb")"
+browse_deb=$tmp/src/sorvexa-browse_${version}_${arch}.deb
+for deb in "$tool_deb" "$dev_deb" "$browse_deb"; do
+    [ -f "$deb" ] || die "no $(basename "$deb")"
+done
 
 # lintian: no error and no warning (overrides in debian/*.lintian-overrides say why they hold).
-if lintian --fail-on error,warning "$tool_deb" "$dev_deb" >"$tmp/lintian.out" 2>"$tmp/lintian.err" &&
-    [ ! -s "$tmp/lintian.out" ]; then
-    pass "lintian on both packages: no error, no warning"
+if lintian --fail-on error,warning "$tool_deb" "$dev_deb" "$browse_deb" >"$tmp/lintian.out" \
+    2>"$tmp/lintian.err" && [ ! -s "$tmp/lintian.out" ]; then
+    pass "lintian on the three packages: no error, no warning"
 else
     cat "$tmp/lintian.out"
     grep -v 'running with root privileges' "$tmp/lintian.err" || true
@@ -189,7 +192,7 @@ fi
 
 # field DEB NAME: one control field.
 field() { dpkg-deb -f "$1" "$2"; }
-for deb in "$tool_deb" "$dev_deb"; do
+for deb in "$tool_deb" "$dev_deb" "$browse_deb"; do
     name=$(field "$deb" Package)
     maintainer=$(field "$deb" Maintainer)
     case $maintainer in
@@ -225,19 +228,33 @@ for f in /usr/include/sorvexa/ace.h /usr/include/sorvexa/contig.h /usr/include/s
     "/usr/lib/$multiarch/cmake/Sorvexa/SorvexaConfig.cmake"; do
     grep -q -x -F "$f" "$tmp/libsorvexa-dev.list" || fail "libsorvexa-dev lacks $f"
 done
-if grep -q -e '^/usr/include/' -e '^/usr/lib/' "$tmp/sorvexa.list" ||
+for f in /usr/bin/sorvexa-browse /usr/share/man/man1/sorvexa-browse.1.gz; do
+    grep -q -x -F "$f" "$tmp/sorvexa-browse.list" || fail "sorvexa-browse lacks $f"
+done
+field "$browse_deb" Depends | grep -q 'libcpp-httplib' &&
+    pass "sorvexa-browse Depends: $(field "$browse_deb" Depends)" ||
+    fail "sorvexa-browse does not depend on the cpp-httplib runtime"
+if grep -q -e sorvexa-browse "$tmp/sorvexa.list" ||
+    grep -q -e '^/usr/include/' -e '^/usr/lib/' "$tmp/sorvexa.list" ||
     grep -q -e '^/usr/bin/' -e '^/usr/share/man/' "$tmp/libsorvexa-dev.list"; then
     fail "the program and the library files are not split between the two packages"
 else
     pass "sorvexa holds the program, libsorvexa-dev the library files"
 fi
 
-dpkg -i "$tool_deb" "$dev_deb" >"$tmp/dpkg.log" 2>&1 || {
+# sorvexa-browse needs the cpp-httplib runtime, which apt brings in if it is missing.
+dpkg -i "$tool_deb" "$dev_deb" "$browse_deb" >"$tmp/dpkg.log" 2>&1 ||
+    apt-get install -y -qq -f >>"$tmp/dpkg.log" 2>&1 || {
     cat "$tmp/dpkg.log"
-    die "dpkg -i $(basename "$tool_deb") $(basename "$dev_deb")"
+    die "dpkg -i the three packages"
 }
 debs_installed=1
-pass "dpkg -i both packages"
+pass "dpkg -i the three packages"
+if out=$(sorvexa-browse 2>&1); [ $? -eq 1 ] && [[ $out == *sorvexa-browse* ]]; then
+    pass "sorvexa-browse on PATH answers a missing ACE file with its usage and status 1"
+else
+    fail "sorvexa-browse from PATH: '$out'"
+fi
 
 if [ "$(command -v Sorvexa)" = /usr/bin/Sorvexa ]; then
     readelf -S /usr/bin/Sorvexa | grep -q -e '\.symtab' -e '\.debug_' &&
@@ -290,22 +307,25 @@ else
 fi
 check_headers /usr/include
 
-manpage=$(man -w Sorvexa 2>/dev/null || true)
-if [ "$manpage" = /usr/share/man/man1/Sorvexa.1.gz ]; then
-    warnings=$(man --warnings -l "$manpage" 2>&1 >/dev/null || true)
-    [ -z "$warnings" ] && pass "man Sorvexa: $manpage, no warning" ||
-        fail "man page warnings:"$'\n'"$warnings"
-else
-    fail "man -w Sorvexa gives '$manpage'"
-fi
+for page in Sorvexa sorvexa-browse; do
+    manpage=$(man -w "$page" 2>/dev/null || true)
+    if [ "$manpage" = "/usr/share/man/man1/$page.1.gz" ]; then
+        warnings=$(man --warnings -l "$manpage" 2>&1 >/dev/null || true)
+        [ -z "$warnings" ] && pass "man $page: $manpage, no warning" ||
+            fail "man page warnings:"$'\n'"$warnings"
+    else
+        fail "man -w $page gives '$manpage'"
+    fi
+done
 
-if dpkg -r sorvexa libsorvexa-dev >"$tmp/dpkg-r.log" 2>&1; then
+if dpkg -r sorvexa sorvexa-browse libsorvexa-dev >"$tmp/dpkg-r.log" 2>&1; then
     debs_installed=0
-    [ ! -e /usr/bin/Sorvexa ] && [ ! -e /usr/include/sorvexa ] && [ ! -e "/usr/lib/$multiarch/libsorvexa.a" ] &&
-        pass "dpkg -r removed both packages" || fail "files left behind after dpkg -r"
+    [ ! -e /usr/bin/Sorvexa ] && [ ! -e /usr/bin/sorvexa-browse ] && [ ! -e /usr/include/sorvexa ] &&
+        [ ! -e "/usr/lib/$multiarch/libsorvexa.a" ] &&
+        pass "dpkg -r removed the three packages" || fail "files left behind after dpkg -r"
 else
     cat "$tmp/dpkg-r.log"
-    fail "dpkg -r sorvexa libsorvexa-dev"
+    fail "dpkg -r sorvexa sorvexa-browse libsorvexa-dev"
 fi
 
 # ---- 3. example page in headless Chromium

@@ -112,14 +112,3 @@ string(REGEX REPLACE "/$" "" SORVEXA_PC_TO_PREFIX "${SORVEXA_PC_TO_PREFIX}")
 configure_file(${CMAKE_CURRENT_LIST_DIR}/sorvexa.pc.in ${CMAKE_CURRENT_BINARY_DIR}/sorvexa.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/sorvexa.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
-# The assembly viewer sorvexa-browse (browse/), which is built only where cpp-httplib is found:
-# its program and man page are installed when its target exists. Deferred to the end of the
-# top-level directory, so that it sees the target wherever browse/ is added. Its Debian
-# package is the commented stanza at the end of debian/control.
-function(sorvexa_install_browse)
-  if(TARGET sorvexa-browse)
-    install(TARGETS sorvexa-browse RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-    install(FILES ${PROJECT_SOURCE_DIR}/man/sorvexa-browse.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
-  endif()
-endfunction()
-cmake_language(DEFER DIRECTORY ${PROJECT_SOURCE_DIR} CALL sorvexa_install_browse)

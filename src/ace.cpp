@@ -193,3 +193,8 @@ int aceReader::next_contig(std::vector<contig>& contigs, std::int16_t count) {
     }
     return count;
 }
+
+int aceReader::next_contig_at(std::int64_t offset, contig& c) {
+    if (!ace_stream.seek(offset)) return 0;
+    return next_contig(c);
+}

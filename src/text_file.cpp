@@ -169,3 +169,16 @@ std::string first_token(std::string_view line) {
     line_tokens(line) >> tok;
     return tok;
 }
+
+std::int64_t text_file::tell() const {
+    if (file_ == nullptr) return -1;
+    const long at = std::ftell(file_);
+    return at < 0 ? -1 : static_cast<std::int64_t>(at) - static_cast<std::int64_t>(len_ - pos_);
+}
+
+bool text_file::seek(std::int64_t offset) {
+    if (file_ == nullptr || offset < 0 || std::fseek(file_, offset, SEEK_SET) != 0) return false;
+    pos_ = len_ = 0;
+    eof_ = false;
+    return true;
+}

@@ -210,3 +210,32 @@ TEST(AceReaderDeathTest, MalformedFilesEndTheRun) {
 }
 
 }  // namespace
+
+// A contig read again from the offset tell() gave before it: the same contig, whatever
+// stands between contigs, in any order of the calls.
+TEST(AceReader, ReadsAContigAgainFromItsOffset) {
+    ace_file f(kSample + "\n" + co("c2", 1) + kBQ + af("r1", 2) + kBS + rd("r1") +
+               "WA{\nx\n}\n" + co("c3", 1) + kBQ + af("r7") + kBS + rd("r7"));
+    aceReader reader(f.path);
+    std::vector<std::int64_t> offsets;
+    std::vector<contig> first;
+    for (;;) {
+        offsets.push_back(reader.tell());
+        contig c;
+        if (reader.next_contig(c) == 0) break;
+        first.push_back(c);
+    }
+    ASSERT_EQ(first.size(), 3u);
+    aceReader again(f.path);
+    for (std::size_t k : {2u, 0u, 1u, 2u}) {
+        contig c;
+        ASSERT_EQ(again.next_contig_at(offsets[k], c), 1);
+        EXPECT_EQ(c.name, first[k].name);
+        EXPECT_EQ(text(c.consensus), text(first[k].consensus));
+        ASSERT_EQ(c.reads.size(), first[k].reads.size());
+        for (const auto& [name, r] : first[k].reads) EXPECT_EQ(describe(c.reads.at(name)), describe(r));
+    }
+    contig none;
+    EXPECT_EQ(again.next_contig_at(offsets[3], none), 0);  // the end of the file
+    EXPECT_EQ(again.next_contig_at(-1, none), 0);
+}

@@ -1,0 +1,110 @@
+#!/usr/bin/env bash
+# The browser in a real web browser, run as root from the repository root after
+#   cmake --preset release && cmake --build --preset release
+# Starts sorvexa-browse on a free port with the bundled example, has headless Chromium load
+# the overview, a contig window and a read, checks the rendered DOM (the contig table, the
+# alignment and flow maps, the charts) and that the screenshots are not blank, then stops the
+# server with SIGTERM and expects status 0.
+#
+# SORVEXA_SCREENSHOTS=DIR keeps the screenshots there (SORVEXA_SCREENSHOTS=docs regenerates
+# the README's pictures).
+# shellcheck disable=SC2015
+set -euo pipefail
+cd "$(dirname "$0")/.."
+export DEBIAN_FRONTEND=noninteractive
+
+build=build/release
+example=$build/example
+failures=0
+tmp=$(mktemp -d /tmp/sorvexa-browse-ci.XXXXXX)
+server_pid=
+
+cleanup() {
+    if [ -n "$server_pid" ]; then kill "$server_pid" 2>/dev/null || true; fi
+    rm -rf "$tmp"
+}
+trap cleanup EXIT
+
+pass() { echo "PASS: $*"; }
+fail() {
+    echo "FAIL: $*"
+    failures=$((failures + 1))
+}
+
+need=()
+[ -f /usr/include/httplib.h ] || need+=(libcpp-httplib-dev)
+[ -x /usr/bin/chromium ] || need+=(chromium fonts-dejavu-core)
+command -v python3 >/dev/null 2>&1 || need+=(python3)
+if [ "${#need[@]}" -gt 0 ]; then
+    echo "== installing ${need[*]}"
+    apt-get update -qq
+    apt-get install -y -qq --no-install-recommends "${need[@]}" >/dev/null
+fi
+if [ ! -x "$build/browse/sorvexa-browse" ]; then
+    cmake --preset release >/dev/null
+    cmake --build --preset release --target sorvexa-browse example_data
+fi
+
+"$build/browse/sorvexa-browse" --port 0 "$example/example.ace" "$example/example_a.sff" \
+    "$example/example_b.sff" >"$tmp/server.out" 2>&1 &
+server_pid=$!
+for _ in $(seq 1 300); do
+    grep -q 'http://' "$tmp/server.out" && break
+    sleep 0.1
+done
+url=$(grep -o 'http://127.0.0.1:[0-9]*/' "$tmp/server.out" || true)
+[ -n "$url" ] || { cat "$tmp/server.out"; echo "FAIL: the server printed no address"; exit 1; }
+pass "server listening at $url"
+
+shots=${SORVEXA_SCREENSHOTS:-$tmp}
+mkdir -p "$shots"
+# chromium NAME PATH WIDTH HEIGHT: the DOM into $tmp/NAME.html, a screenshot into $shots.
+chromium() {
+    local profile
+    profile=$(mktemp -d "$tmp/profile.XXXXXX")
+    local flags=(--headless --no-sandbox --disable-gpu --disable-quic --no-first-run
+        --disable-background-networking --disable-component-update --disable-sync
+        --hide-scrollbars --user-data-dir="$profile")
+    timeout 120 /usr/bin/chromium "${flags[@]}" --dump-dom "$url${2#/}" >"$tmp/$1.html" \
+        2>>"$tmp/chromium.log" || true
+    rm -f "$shots/browse_$1.png"
+    timeout 120 /usr/bin/chromium "${flags[@]}" --window-size="$3,$4" \
+        --screenshot="$shots/browse_$1.png" "$url${2#/}" >>"$tmp/chromium.log" 2>&1 || true
+    if [ -s "$shots/browse_$1.png" ] && stats=$(python3 .ci/png_check.py "$shots/browse_$1.png"); then
+        pass "$1: screenshot is not blank: $stats"
+    else
+        tail -n 20 "$tmp/chromium.log"
+        fail "$1: no screenshot, or a blank one"
+    fi
+}
+has() { grep -q -- "$2" "$tmp/$1.html" && pass "$1: $3" || fail "$1: $3 (no '$2' in the DOM)"; }
+
+chromium overview / 1200 560
+has overview '<table class="data" id="contigs">' "contig table rendered"
+rows=$(grep -o '<tr><td data-v=' "$tmp/overview.html" | wc -l)
+[ "$rows" -eq 5 ] && pass "overview: 5 contig rows" || fail "overview: $rows contig rows, not 5"
+
+chromium contig '/contig/Contig2?from=600&width=100' 1200 900
+has contig '<div class="map align">' "alignment map rendered"
+has contig '<div class="map flow">' "flow map rendered"
+has contig '<svg class="depth"' "depth chart rendered"
+has contig '<font color="#d73027">T</font>' "coloured bases"
+read=$(grep -o 'href="/read/[A-Z0-9]*"' "$tmp/contig.html" | head -1 | sed 's/.*read\/\(.*\)"/\1/')
+[ -n "$read" ] && pass "contig: links to reads ($read first)" || fail "contig: no read links"
+
+chromium read "/read/$read" 1200 820
+has read '<svg class="flowgram"' "flowgram chart rendered"
+has read '<svg class="quality"' "quality chart rendered"
+
+kill -TERM "$server_pid"
+status=0
+wait "$server_pid" || status=$?
+server_pid=
+[ "$status" -eq 0 ] && pass "server stopped by SIGTERM with status 0" || fail "server ended with status $status"
+
+if [ "$failures" -eq 0 ]; then
+    echo "browse: all checks PASSED"
+else
+    echo "browse: $failures check(s) FAILED"
+    exit 1
+fi

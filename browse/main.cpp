@@ -1,0 +1,162 @@
+// sorvexa-browse: serves an ACE assembly and its SFF files to a web browser.
+//
+//   sorvexa-browse [--port N] [--bind ADDR] aceFile [sffFile ...]
+#include <malloc.h>
+#include <pthread.h>
+#include <signal.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <iostream>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "assembly.h"
+#include "pages.h"
+#include "read_source.h"
+#include "server.h"
+
+namespace {
+
+const char* const usage_text =
+    "Usage: sorvexa-browse [--port N] [--bind ADDR] aceFile [sffFile ...]\n"
+    "\n"
+    "Serves the contigs of an ACE assembly, with the reads' flowgrams from the SFF files,\n"
+    "to a web browser, until interrupted.\n"
+    "\n"
+    "  --port N     port to listen on (default 8454; 0 picks a free port)\n"
+    "  --bind ADDR  address to listen on (default 127.0.0.1)\n"
+    "  -h, --help   print this text and exit\n"
+    "  -v, --version print the version and exit\n";
+
+struct options {
+    int port = 8454;
+    std::string bind = "127.0.0.1";
+    std::string ace;
+    std::vector<std::string> sff;
+};
+
+bool parse_port(const std::string& text, int& port) {
+    if (text.empty() || text.size() > 5) return false;
+    int v = 0;
+    for (char ch : text) {
+        if (ch < '0' || ch > '9') return false;
+        v = v * 10 + (ch - '0');
+    }
+    if (v > 65535) return false;
+    port = v;
+    return true;
+}
+
+// Options come before the ACE file; every argument after it is an SFF file. Returns -1 to
+// go on, else the exit status.
+int parse(int argc, char** argv, options& o) {
+    int i = 1;
+    for (; i < argc; ++i) {
+        const std::string a = argv[i];
+        if (a == "-h" || a == "--help") {
+            std::cout << usage_text;
+            return 0;
+        }
+        if (a == "-v" || a == "--version") {
+            std::cout << "sorvexa-browse " << SORVEXA_VERSION << "\n";
+            return 0;
+        }
+        if (a == "--port" || a == "--bind") {
+            if (i + 1 >= argc) {
+                std::cerr << "sorvexa-browse: " << a << " needs a value\n" << usage_text;
+                return 1;
+            }
+            const std::string v = argv[++i];
+            if (a == "--bind") {
+                o.bind = v;
+            } else if (!parse_port(v, o.port)) {
+                std::cerr << "sorvexa-browse: --port takes a number from 0 to 65535, not " << v
+                          << "\n";
+                return 1;
+            }
+            continue;
+        }
+        if (a.size() > 1 && a[0] == '-') {
+            std::cerr << "sorvexa-browse: unknown option " << a << "\n" << usage_text;
+            return 1;
+        }
+        break;
+    }
+    if (i >= argc) {
+        std::cerr << usage_text;
+        return 1;
+    }
+    o.ace = argv[i++];
+    for (; i < argc; ++i) o.sff.emplace_back(argv[i]);
+    return -1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    options o;
+    if (int status = parse(argc, argv, o); status >= 0) return status;
+
+    // Request threads allocate and free whole contig drawings; a few shared malloc arenas keep
+    // the freed memory in use instead of one idle arena per thread.
+    mallopt(M_ARENA_MAX, 2);
+
+    // SIGINT and SIGTERM are taken by one thread with sigwait; every other thread, the
+    // server's included, inherits the blocked mask.
+    sigset_t stop_signals;
+    sigemptyset(&stop_signals);
+    sigaddset(&stop_signals, SIGINT);
+    sigaddset(&stop_signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+
+    // Input errors end the process here, with the readers' messages, before anything is served.
+    // The SFF files are indexed while the ACE file is read.
+    std::optional<browse::read_source> sff;
+    std::thread indexing([&sff, &o] { sff.emplace(o.sff); });
+    browse::assembly ace(o.ace);
+    indexing.join();
+    ace.count_found(*sff);
+    browse::site site(ace, *sff);
+
+    httplib::Server server;
+    server.new_task_queue = [] { return new httplib::ThreadPool(12); };
+    browse::add_routes(server, site);
+    int port = o.port;
+    if (port == 0) {
+        port = server.bind_to_any_port(o.bind);
+        if (port < 0) port = 0;
+    } else if (!server.bind_to_port(o.bind, port)) {
+        port = 0;
+    }
+    if (port == 0) {
+        std::cerr << "sorvexa-browse: cannot listen on " << o.bind << " port " << o.port << "\n";
+        return 1;
+    }
+
+    const bool v6 = o.bind.find(':') != std::string::npos;
+    std::cout << "sorvexa-browse: " << ace.contigs.size() << " contigs, " << ace.reads_placed
+              << " reads placed, " << sff->indexed_reads() << " reads indexed\n"
+              << "Open http://" << (v6 ? "[" : "") << o.bind << (v6 ? "]" : "") << ":" << port
+              << "/ in a web browser; Ctrl-C stops the server." << std::endl;
+
+    std::atomic<bool> signalled{false};
+    std::thread stopper([&server, &stop_signals, &signalled] {
+        int sig = 0;
+        sigwait(&stop_signals, &sig);
+        signalled = true;
+        server.stop();
+    });
+    const bool served = server.listen_after_bind();
+    // When the server ends by itself, the stopper is still waiting: wake it.
+    if (!signalled) pthread_kill(stopper.native_handle(), SIGTERM);
+    stopper.join();
+    if (!served) {
+        std::cerr << "sorvexa-browse: the server stopped on an error\n";
+        return 1;
+    }
+    std::cout << "sorvexa-browse: stopped" << std::endl;
+    return 0;
+}
