@@ -57,7 +57,7 @@ class assembly {
     // Reads the whole ACE file once; a file out of the reader's grammar ends the process with
     // the reader's message and status 1.
     explicit assembly(const std::string& path, std::size_t cache_size = 4,
-                      std::size_t cache_bytes = std::size_t{24} << 20);
+                      std::size_t cache_bytes = std::size_t{16} << 20);
     // Counts the reads of each contig that the SFF files hold.
     void count_found(const read_source& sff);
 

@@ -103,6 +103,10 @@ int main(int argc, char** argv) {
     // Request threads allocate and free whole contig drawings; a few shared malloc arenas keep
     // the freed memory in use instead of one idle arena per thread.
     mallopt(M_ARENA_MAX, 2);
+    // Blocks of a quarter megabyte and more (a contig's sequences and views) are mapped on
+    // their own and returned whole when the contig leaves the cache, rather than left to
+    // fragment the heap; a fixed threshold stops malloc from raising it as they are freed.
+    mallopt(M_MMAP_THRESHOLD, 256 << 10);
 
     // SIGINT and SIGTERM are taken by one thread with sigwait; every other thread, the
     // server's included, inherits the blocked mask.
@@ -119,6 +123,8 @@ int main(int argc, char** argv) {
     browse::assembly ace(o.ace);
     indexing.join();
     ace.count_found(*sff);
+    // What start-up parsed and sorted is freed by now; hand it back before serving starts.
+    malloc_trim(0);
     browse::site site(ace, *sff);
 
     httplib::Server server;

@@ -3,10 +3,25 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <iterator>
 #include <memory>
 #include <thread>
 
 namespace browse {
+
+namespace {
+
+// The index walk's target: each name and position appended, in the order of the walk.
+struct entry_list {
+    std::vector<read_source::entry>& out;
+    std::uint32_t file;
+    std::int64_t& operator[](const std::string& name) {
+        out.push_back({name, 0, file});
+        return out.back().pos;
+    }
+};
+
+}  // namespace
 
 bool stamp_of(const std::string& path, file_stamp& out) {
     struct stat st {};
@@ -26,35 +41,54 @@ read_source::read_source(const std::vector<std::string>& paths) {
         files.push_back({path, {}, 0});
         stamp_of(path, files.back().stamp);
     }
-    // Each file is walked by its own reader, one thread per file.
-    std::vector<read_index> indexes(paths.size());
+    // Each file is walked by its own reader, one thread per file, straight into a list: a
+    // sorted list serves the lookups, and filling it costs less than an ordered map.
+    std::vector<std::vector<entry>> walked(paths.size());
     std::vector<std::thread> walks;
-    for (std::size_t i = 0; i < paths.size(); ++i)
-        walks.emplace_back([&readers, &indexes, i] { readers[i]->build_read_index(indexes[i]); });
+    for (std::size_t i = 0; i < paths.size(); ++i) {
+        walks.emplace_back([&readers, &walked, i] {
+            entry_list list{walked[i], static_cast<std::uint32_t>(i)};
+            readers[i]->build_read_index(list);
+        });
+    }
     for (std::thread& t : walks) t.join();
     readers.clear();
 
-    // One sorted list from the sorted indexes; of equal names the earliest file's is kept.
     std::size_t total = 0;
-    for (std::size_t i = 0; i < indexes.size(); ++i) {
-        files[i].reads = indexes[i].size();
-        total += indexes[i].size();
-    }
+    for (const auto& list : walked) total += list.size();
     entries.reserve(total);
-    std::vector<read_index::iterator> at;
-    for (read_index& index : indexes) at.push_back(index.begin());
-    for (;;) {
-        std::size_t best = indexes.size();
-        for (std::size_t i = 0; i < indexes.size(); ++i)
-            if (at[i] != indexes[i].end() &&
-                (best == indexes.size() || at[i]->first < at[best]->first))
-                best = i;
-        if (best == indexes.size()) break;
-        const std::string& name = at[best]->first;
-        if (entries.empty() || entries.back().name != name)
-            entries.push_back({name, at[best]->second, static_cast<std::uint32_t>(best)});
-        ++at[best];
+    for (auto& list : walked) {
+        std::move(list.begin(), list.end(), std::back_inserter(entries));
+        std::vector<entry>().swap(list);
     }
+    // By name, then file, then position: a walk only moves forward, so within a file the
+    // larger position is the later record. Of one name the first file's entry wins, and
+    // within that file the last record of the name. Each file counts the distinct names it
+    // holds. (Sorted in place: the list is the largest thing the browser holds.)
+    std::sort(entries.begin(), entries.end(), [](const entry& x, const entry& y) {
+        if (x.name != y.name) return x.name < y.name;
+        return x.file != y.file ? x.file < y.file : x.pos < y.pos;
+    });
+    std::size_t kept = 0;
+    for (std::size_t i = 0; i < entries.size();) {
+        std::size_t j = i + 1;
+        while (j < entries.size() && entries[j].name == entries[i].name &&
+               entries[j].file == entries[i].file)
+            ++j;
+        ++files[entries[i].file].reads;
+        std::size_t next = j;
+        while (next < entries.size() && entries[next].name == entries[i].name) {
+            const std::uint32_t file = entries[next].file;
+            ++files[file].reads;
+            while (next < entries.size() && entries[next].name == entries[i].name &&
+                   entries[next].file == file)
+                ++next;
+        }
+        if (kept != j - 1) entries[kept] = std::move(entries[j - 1]);
+        ++kept;
+        i = next;
+    }
+    entries.resize(kept);
     entries.shrink_to_fit();
 }
 

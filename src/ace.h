@@ -27,15 +27,13 @@ class aceReader {
     int next_contig(contig& c);
     // Appends up to `count` contigs to `contigs`; returns how many were appended.
     int next_contig(std::vector<contig>& contigs, std::int16_t count);
+    // Where the next call of next_contig begins to read, and that call made again later:
+    // next_contig_at(tell() as it was, c) fills c with the contig that next_contig filled.
+    std::int64_t tell() const { return ace_stream.tell(); }
+    int next_contig_at(std::int64_t offset, contig& c);
 
   private:
     void read_as_line();
     bool read_af_section(contig& c, const std::string& first_line);
     int read_rd_section(contig& c, std::string& line);
-
-  public:
-    // Where the next call of next_contig begins to read, and that call made again later:
-    // next_contig_at(tell() as it was, c) fills c with the contig that next_contig filled.
-    std::int64_t tell() const { return ace_stream.tell(); }
-    int next_contig_at(std::int64_t offset, contig& c);
 };

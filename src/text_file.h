@@ -23,6 +23,10 @@ class text_file {
     bool close();
     bool is_open() const { return file_ != nullptr; }
     bool eof() const { return eof_; }
+    // Byte offset of the next character to be read, and a return to such an offset (which
+    // clears the end-of-file state); -1 and false when no file is open or the move fails.
+    std::int64_t tell() const;
+    bool seek(std::int64_t offset);
 
     // Reads the next line into `line`; false (and an empty line) when nothing was left.
     bool getline(std::string& line);
@@ -46,12 +50,6 @@ class text_file {
     std::size_t pos_ = 0;
     std::size_t len_ = 0;
     bool eof_ = false;
-
-  public:
-    // Byte offset of the next character to be read, and a return to such an offset (which
-    // clears the end-of-file state); -1 and false when no file is open or the move fails.
-    std::int64_t tell() const;
-    bool seek(std::int64_t offset);
 };
 
 // Whitespace-separated tokens of one line, extracted the way formatted stream input does
