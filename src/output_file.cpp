@@ -95,7 +95,7 @@ void output_file::close() {
     if (!close_quietly()) fail();
 }
 
-// The file is closed first, so that the flush on the way out does not try it again.
+// The file is closed first, so that the flush on the way out leaves it alone.
 void output_file::fail() {
     if (fd_ >= 0) {
         ::close(fd_);

@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-#include "ace_text.h"
+#include "ace_writer.h"
 #include "run_tool.h"
 #include "sff_builder.h"
 
@@ -83,7 +83,7 @@ outputs outputs_of(const temp_dir& d, const std::string& prefix) {
 
 TEST(Cli, OptionsDecideBetweenUsageVersionAndRun) {
     temp_dir d;
-    write_file(d / "a.ace", ace_text({{"c", {"rdA"}}}));
+    write_file(d / "a.ace", ace_file_text({named_reads("c", {"rdA"})}));
     write_sff(d / "b.sff", {kRdA});
     const std::string bad = "Unreconized switch: ";
     // Arguments; whether the usage and the version texts are printed; standard error.
@@ -130,14 +130,15 @@ TEST(Run, OutputsAreNamedAfterTheAcePath) {
     for (const auto& [ace, prefix] : rows) {
         SCOPED_TRACE(ace);
         std::filesystem::create_directories(std::filesystem::path(d / ace).parent_path());
-        write_file(d / ace, ace_text({{"c", {"rdA"}}}));
+        write_file(d / ace, ace_file_text({named_reads("c", {"rdA"})}));
         expect_result(run_tool({ace, "s.sff"}, d.path), 0, summary(prefix, attribution), "");
         auto o = outputs_of(d, prefix);
         EXPECT_EQ(o.reads, ">c\t1\t1\nrdA\t1\n35\t35\t28\n");
         EXPECT_EQ(o.krv, "c\t7\t1\t1\n");
     }
     // Lines ending in CR LF hide every contig: both outputs are still made, empty.
-    const std::string lf = ace_text({{"Contig1", {"rdA"}}, {"Contig2", {}}});
+    const std::string lf =
+        ace_file_text({named_reads("Contig1", {"rdA"}), named_reads("Contig2", {})});
     write_file(d / "w.ace", std::regex_replace(lf, std::regex("\n"), "\r\n"));
     expect_result(run_tool({"w.ace", "s.sff"}, d.path), 0, summary("w", attribution), "");
     ASSERT_TRUE(exists(d / "w.reads") && exists(d / "w.krv"));
@@ -147,7 +148,8 @@ TEST(Run, OutputsAreNamedAfterTheAcePath) {
 
 TEST(Run, TwoContigExampleInBothModes) {
     temp_dir d;
-    write_file(d / "two.ace", ace_text({{"Contig1", {"rdA", "rdB"}}, {"Contig2", {"rdC"}}}));
+    write_file(d / "two.ace", ace_file_text({named_reads("Contig1", {"rdA", "rdB"}),
+                                             named_reads("Contig2", {"rdC"})}));
     write_sff(d / "be.sff", {kRdC, kRdA});
 
     const std::string c1 =
@@ -181,10 +183,10 @@ TEST(Run, RecordsAreGroupedBySffFileThenByName) {
         d / "s2.sff",
         {flow_read("aa", "AC", {2, 1}, {15, 16}, fg(50)), flow_read("rdB", "G", {4}, {22}, fg(60))},
         true);
-    write_file(d / "m.ace", ace_text({{"Empty", {}},
-                                      {"Lost", {"gone1", "gone2"}},
-                                      {"Mix", {"zz", "nope", "rdB", "aa", "mm", "e0"}},
-                                      {"Tail", {"aa"}}}));
+    write_file(d / "m.ace",
+               ace_file_text({named_reads("Empty", {}), named_reads("Lost", {"gone1", "gone2"}),
+                              named_reads("Mix", {"zz", "nope", "rdB", "aa", "mm", "e0"}),
+                              named_reads("Tail", {"aa"})}));
     auto flow_line = [](std::uint16_t value) {
         const std::string v = std::to_string(value);
         std::string s = v;
@@ -207,7 +209,7 @@ TEST(Run, RecordsAreGroupedBySffFileThenByName) {
 
 TEST(Run, FatalErrorsEndTheRun) {
     temp_dir d;
-    const std::string good = ace_text({{"c", {"rdA"}}});
+    const std::string good = ace_file_text({named_reads("c", {"rdA"})});
     write_file(d / "a.ace", good);
     write_sff(d / "b.sff", {kRdA});
     write_file(d / "n.ace", "\n  ZZ 1 1\n");
@@ -231,9 +233,9 @@ TEST(Run, FatalErrorsEndTheRun) {
     EXPECT_EQ(read_file(d / "a.reads"), ">c\t1\t1\nrdA\t1\n35\t35\t28\n");
 
     // A malformed contig after a good one: the output written so far is kept.
-    std::string bad = contig_text({"Bad", {"rdX"}});
+    std::string bad = ace_file_text({named_reads("Contig1", {"rdA"}), named_reads("Bad", {"rdX"})});
     bad.replace(bad.find("RD rdX"), 6, "RD rdY");
-    write_file(d / "x.ace", ace_text({{"Contig1", {"rdA"}}}, bad));
+    write_file(d / "x.ace", bad);
     expect_result(run_tool({"x.ace", "b.sff"}, d.path), 1, "",
                   "Error: AF tag for read rdY is missing\n");
     auto o = outputs_of(d, "x");

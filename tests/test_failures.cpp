@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "ace_text.h"
+#include "ace_writer.h"
 #include "run_tool.h"
 #include "sff_builder.h"
 
@@ -24,7 +24,7 @@ using namespace fixture;
 void write_reads(const temp_dir& d, std::size_t count) {
     sff_file_layout f;
     f.number_of_flows_per_read = 12;
-    ace_contig contig{"Contig1", {}};
+    std::vector<std::string> names;
     for (std::size_t k = 0; k < count; ++k) {
         sff_read_layout r;
         r.name = "read" + std::to_string(100000 + k);
@@ -33,10 +33,10 @@ void write_reads(const temp_dir& d, std::size_t count) {
         r.quality = {30, 31, 32, 33};
         r.flowgram.assign(12, static_cast<std::uint16_t>(60000 + k % 5000));
         f.reads.push_back(r);
-        contig.reads.push_back(r.name);
+        names.push_back(r.name);
     }
     ASSERT_TRUE(write_file(d / "run.sff", build_sff(f)));
-    ASSERT_TRUE(write_file(d / "run.ace", ace_text({contig})));
+    ASSERT_TRUE(write_file(d / "run.ace", ace_file_text({named_reads("Contig1", names)})));
 }
 
 run_result run_mode3(const temp_dir& d, const run_limits& limits = {}) {
@@ -136,7 +136,8 @@ TEST(RecordBounds, SparseRecordCostsNoMoreThanItsOutput) {
     write_two_read_sff(sparse / "run.sff", sparse_bases);
     write_two_read_sff(dense / "run.sff", 100);
     for (const temp_dir* d : {&sparse, &dense})
-        ASSERT_TRUE(write_file(*d / "run.ace", ace_text({{"Contig1", {"sparse01", "after01"}}})));
+        ASSERT_TRUE(write_file(*d / "run.ace",
+                               ace_file_text({named_reads("Contig1", {"sparse01", "after01"})})));
     ASSERT_GT(std::filesystem::file_size(sparse / "run.sff"), 4800000000u);
 
     const run_result s = run_mode3(sparse);

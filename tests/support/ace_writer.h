@@ -1,10 +1,10 @@
-// ACE files written from a short description, for the browser's tests: each contig with
-// its consensus and its reads (start column and padded sequence), in the section order the
-// reader insists on.
+// ACE files written from a short description: each contig with its consensus and its reads
+// (start column and padded sequence), in the section order the reader insists on.
 #pragma once
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace fixture {
@@ -46,6 +46,13 @@ inline std::string ace_file_text(const std::vector<ace_contig>& contigs) {
         if (c.reads.empty()) t += "RD\n\n";
     }
     return t;
+}
+
+// A contig whose reads only need names (runs take everything else from the SFF files).
+inline ace_contig named_reads(std::string name, const std::vector<std::string>& reads) {
+    ace_contig c{std::move(name), "ACGT*CGT", {}};
+    for (const std::string& r : reads) c.reads.push_back({r, 1, "ACGT"});
+    return c;
 }
 
 }  // namespace fixture
