@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <iostream>
+#include <memory_resource>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -72,14 +73,16 @@ std::size_t records_that_fit(const reader& rd, const std::string& path) {
 struct read_stage {
     std::vector<std::string> sff_names;
     // The run only looks names up, so a hash map serves it in place of the ordered map;
-    // the contents are the same.
-    std::vector<std::unordered_map<std::string, std::int64_t>> read_indexes;
+    // the contents are the same. The indexes live for the whole run, so their nodes come
+    // from one growing buffer, packed in file order, with no allocation of their own.
+    std::pmr::monotonic_buffer_resource node_memory;
+    std::vector<std::pmr::unordered_map<std::string, std::int64_t>> read_indexes;
     std::vector<std::vector<std::int64_t>> pending_positions;
     int output_mode = 1;
 
     void index_files(int argc, char** argv, int first_sff) {
         for (int k = first_sff; k < argc; ++k) sff_names.emplace_back(argv[k]);
-        read_indexes.resize(sff_names.size());
+        for (std::size_t k = 0; k < sff_names.size(); ++k) read_indexes.emplace_back(&node_memory);
         pending_positions.resize(sff_names.size());
         for (std::size_t k = 0; k < sff_names.size(); ++k) {
             reader rd(sff_names[k]);
