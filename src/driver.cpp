@@ -57,15 +57,16 @@ std::string output_prefix(const std::string& ace_path) {
     return cut == std::string::npos ? ace_path : ace_path.substr(0, cut);
 }
 
-// The reads a file declares, as far as it can hold them: every record takes at least its
-// 16-byte fixed part and its flowgram. Reserving that room up front spares the index its
-// rehashes, a fifth of the indexing time.
+// The reads a file declares, as far as it can hold them (every record takes at least its
+// 16-byte fixed part and its flowgram) and within reason: reserving that room up front spares
+// the index its rehashes, a fifth of the indexing time, and an index that needs more than a
+// few million grows as it fills, so a huge sparse file cannot ask for gigabytes up front.
 std::size_t records_that_fit(const reader& rd, const std::string& path) {
     std::error_code ec;
     const std::uintmax_t size = std::filesystem::file_size(path, ec);
     const std::uintmax_t smallest = 16 + 2 * std::uintmax_t{rd.header_p1.number_of_flows_per_read};
-    return static_cast<std::size_t>(
-        std::min<std::uintmax_t>(rd.header_p1.number_of_reads, ec ? 0 : size / smallest));
+    return static_cast<std::size_t>(std::min<std::uintmax_t>(
+        {rd.header_p1.number_of_reads, ec ? 0 : size / smallest, std::uintmax_t{1} << 22}));
 }
 
 // The SFF side of a run: one read index per SFF file, and per contig the records of its
