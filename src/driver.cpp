@@ -4,16 +4,14 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <filesystem>
 #include <iostream>
-#include <memory_resource>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "ace.h"
 #include "contig.h"
 #include "output_file.h"
+#include "read_lookup.h"
 #include "sff.h"
 
 const std::string PRG = "Sorvexa";
@@ -57,59 +55,32 @@ std::string output_prefix(const std::string& ace_path) {
     return cut == std::string::npos ? ace_path : ace_path.substr(0, cut);
 }
 
-// The reads a file declares, as far as it can hold them (every record takes at least its
-// 16-byte fixed part and its flowgram) and within reason: reserving that room up front spares
-// the index its rehashes, a fifth of the indexing time, and an index that needs more than a
-// few million grows as it fills, so a huge sparse file cannot ask for gigabytes up front.
-std::size_t records_that_fit(const reader& rd, const std::string& path) {
-    std::error_code ec;
-    const std::uintmax_t size = std::filesystem::file_size(path, ec);
-    const std::uintmax_t smallest = 16 + 2 * std::uintmax_t{rd.header_p1.number_of_flows_per_read};
-    return static_cast<std::size_t>(std::min<std::uintmax_t>(
-        {rd.header_p1.number_of_reads, ec ? 0 : size / smallest, std::uintmax_t{1} << 22}));
-}
-
 // The SFF side of a run: one read index per SFF file, and per contig the records of its
 // reads, fetched file by file.
 struct read_stage {
-    std::vector<std::string> sff_names;
-    // The run only looks names up, so a hash map serves it in place of the ordered map;
-    // the contents are the same. The indexes live for the whole run, so their nodes come
-    // from one growing buffer, packed in file order, with no allocation of their own.
-    std::pmr::monotonic_buffer_resource node_memory;
-    std::vector<std::pmr::unordered_map<std::string, std::int64_t>> read_indexes;
+    read_lookup lookup;
     std::vector<std::vector<std::int64_t>> pending_positions;
     int output_mode = 1;
 
     void index_files(int argc, char** argv, int first_sff) {
-        for (int k = first_sff; k < argc; ++k) sff_names.emplace_back(argv[k]);
-        for (std::size_t k = 0; k < sff_names.size(); ++k) read_indexes.emplace_back(&node_memory);
-        pending_positions.resize(sff_names.size());
-        for (std::size_t k = 0; k < sff_names.size(); ++k) {
-            reader rd(sff_names[k]);
-            rd.get_header();
-            read_indexes[k].reserve(records_that_fit(rd, sff_names[k]));
-            rd.build_read_index(read_indexes[k]);
-        }
+        lookup.index_files(std::vector<std::string>(argv + first_sff, argv + argc));
+        pending_positions.resize(lookup.sff_names.size());
     }
 
     // The first file whose index holds a name serves it; a read in no file gets no record.
     void look_up(const contig& c) {
+        std::int64_t pos = 0;
         for (const auto& entry : c.reads) {
-            for (std::size_t k = 0; k < read_indexes.size(); ++k) {
-                auto found = read_indexes[k].find(entry.first);
-                if (found == read_indexes[k].end()) continue;
-                pending_positions[k].push_back(found->second);
-                break;
-            }
+            const int k = lookup.find(entry.first, pos);
+            if (k >= 0) pending_positions[static_cast<std::size_t>(k)].push_back(pos);
         }
     }
 
     void write_records(const contig& c, output_file& reads_file) {
         look_up(c);
-        for (std::size_t k = 0; k < sff_names.size(); ++k) {
+        for (std::size_t k = 0; k < lookup.sff_names.size(); ++k) {
             if (pending_positions[k].empty()) continue;
-            reader rd(sff_names[k]);
+            reader rd(lookup.sff_names[k]);
             rd.get_header();
             seqRead read;
             for (std::int64_t pos : pending_positions[k]) {

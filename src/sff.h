@@ -120,6 +120,7 @@ struct record_pass {
 inline constexpr record_pass index_walk{true, false, false};
 inline constexpr record_pass sequential_read{true, true, false};
 inline constexpr record_pass positioned_fetch{false, true, true};
+inline constexpr record_pass whole_fetch{false, true, false};
 
 class reader {
   public:
@@ -173,8 +174,14 @@ class reader {
     // cur_read empty with a zero flowgram, never the previous read's data.
     void get_read(const std::int64_t& pos, seqRead& out);
 
+    // Reads the whole record at `pos` into cur_read: every per-base value, as far as the file
+    // holds them (what lies past its end reads as zero). False, with cur_read emptied, when
+    // the stream has failed.
+    bool get_record(const std::int64_t& pos);
+
   private:
     bool read_fixed(void* dst, std::size_t n);
+    bool fetch(const record_pass& pass, std::int64_t pos);
     bool decode_record(const record_pass& pass, std::int64_t& pos, std::string* key);
     void read_name_and_data(const record_pass& pass);
 };

@@ -74,15 +74,25 @@ bool reader::get_next_read() {
 }
 
 void reader::get_read(const std::int64_t& pos, seqRead& out) {
+    if (!fetch(positioned_fetch, pos)) return;
+    out.assign(cur_read);
+}
+
+bool reader::get_record(const std::int64_t& pos) {
+    return fetch(whole_fetch, pos);
+}
+
+// A fetch from a failed stream leaves cur_read empty with a zero flowgram, never the
+// previous read's data.
+bool reader::fetch(const record_pass& pass, std::int64_t pos) {
     sff_file.seek(pos);
     if (sff_file.fail()) {
         std::fill(cur_read.flowgram_values.begin(), cur_read.flowgram_values.end(), 0);
         unsigned char zero[sff_read::header_size] = {};
         cur_read.load_header(zero);
         cur_read.set_read_space();
-        return;
+        return false;
     }
-    std::int64_t at = pos;
-    decode_record(positioned_fetch, at, nullptr);
-    out.assign(cur_read);
+    decode_record(pass, pos, nullptr);
+    return true;
 }

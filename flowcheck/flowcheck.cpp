@@ -1,0 +1,282 @@
+// sorvexa-flowcheck: every homopolymer run of an assembly's consensus weighed against the
+// flow values its 454 reads measured, reported as VCF and TSV, and applied to the consensus.
+#include "flowcheck.h"
+
+#include <unistd.h>
+
+#include <charconv>
+#include <chrono>
+#include <cmath>
+#include <cstdint>
+#include <iostream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "ace.h"
+#include "contig.h"
+#include "flowcheck_main.h"
+#include "output_file.h"
+#include "read_lookup.h"
+#include "sff.h"
+
+namespace {
+
+const char* const program = "sorvexa-flowcheck";
+
+}  // namespace
+
+const char* const flowcheck_version = SORVEXA_VERSION;
+
+namespace {
+
+const char* const usage_text =
+    "Usage: sorvexa-flowcheck [options] aceFile sffFile ...\n"
+    "Checks every homopolymer run of the assembly's consensus against the flow values its\n"
+    "reads measured, and writes PREFIX.flowcheck.vcf, PREFIX.flowcheck.tsv,\n"
+    "PREFIX.consensus.fa and PREFIX.polished.fa.\n"
+    "\n"
+    "  -o PREFIX          output prefix (default: the ACE path cut before its .ace)\n"
+    "  --min-signals N    fewest signals a run needs to be weighed (default 4)\n"
+    "  --min-score S      lowest score (log-likelihood ratio) of a call (default 10)\n"
+    "  --sigma-base A     model: spread of a flow value at run length 0 (default 0.10)\n"
+    "  --sigma-slope B    model: growth of that spread per base of run length (default 0.07)\n"
+    "  --all              list every weighed run in the TSV, not only the calls\n"
+    "  -h, --help         print this help and exit\n"
+    "  --version          print the version and exit\n";
+
+struct options {
+    std::string prefix;
+    flow_check check;
+    bool all = false;
+    bool help = false, version = false;
+    std::vector<std::string> operands;
+};
+
+// A bad command line: one line saying why, then the usage, status 2.
+int usage_error(const std::string& why) {
+    std::cerr << program << ": " << why << "\n" << usage_text << std::flush;
+    return 2;
+}
+
+bool parse_int(std::string_view s, std::int32_t& v) {
+    auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), v);
+    return ec == std::errc() && end == s.data() + s.size();
+}
+
+bool parse_double(std::string_view s, double& v) {
+    auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), v);
+    return ec == std::errc() && end == s.data() + s.size() && std::isfinite(v);
+}
+
+// Options may stand anywhere before a "--"; a value follows its option as the next argument
+// or after "=". Returns 0 when the run may go on, else the exit status.
+int parse_options(int argc, char** argv, options& o) {
+    bool options_done = false;
+    for (int i = 1; i < argc; ++i) {
+        std::string arg = argv[i];
+        if (options_done || arg.size() < 2 || arg[0] != '-') {
+            o.operands.push_back(arg);
+            continue;
+        }
+        if (arg == "--") {
+            options_done = true;
+            continue;
+        }
+        std::string value;
+        bool inline_value = false;
+        if (const auto eq = arg.find('='); arg.rfind("--", 0) == 0 && eq != std::string::npos) {
+            value = arg.substr(eq + 1);
+            arg.resize(eq);
+            inline_value = true;
+        }
+        auto take_value = [&]() {
+            if (inline_value) return true;
+            if (i + 1 >= argc) return false;
+            value = argv[++i];
+            return true;
+        };
+        const bool takes_value = arg == "-o" || arg == "--min-signals" || arg == "--min-score" ||
+                                 arg == "--sigma-base" || arg == "--sigma-slope";
+        if (!takes_value && inline_value) return usage_error("option " + arg + " takes no value");
+        if (arg == "-h" || arg == "--help") {
+            o.help = true;
+        } else if (arg == "--version") {
+            o.version = true;
+        } else if (arg == "--all") {
+            o.all = true;
+        } else if (!takes_value) {
+            return usage_error("unknown option " + arg);
+        } else if (!take_value()) {
+            return usage_error("option " + arg + " needs a value");
+        } else if (arg == "-o") {
+            if (value.empty()) return usage_error("option -o needs a non-empty prefix");
+            o.prefix = value;
+        } else if (arg == "--min-signals") {
+            if (!parse_int(value, o.check.min_signals) || o.check.min_signals < 1)
+                return usage_error("--min-signals takes a whole number of at least 1, not '" +
+                                   value + "'");
+        } else if (arg == "--min-score") {
+            if (!parse_double(value, o.check.min_score) || o.check.min_score < 0)
+                return usage_error("--min-score takes a number of at least 0, not '" + value + "'");
+        } else if (arg == "--sigma-base") {
+            if (!parse_double(value, o.check.model.sigma_base) || o.check.model.sigma_base <= 0)
+                return usage_error("--sigma-base takes a number above 0, not '" + value + "'");
+        } else if (!parse_double(value, o.check.model.sigma_slope) ||
+                   o.check.model.sigma_slope < 0) {
+            return usage_error("--sigma-slope takes a number of at least 0, not '" + value + "'");
+        }
+    }
+    if (o.help || o.version) return 0;
+    if (o.operands.size() < 2) return usage_error("needs an ACE file and at least one SFF file");
+    return 0;
+}
+
+// The ACE path cut before its last ".ace", else before its last ".ACE".
+std::string output_prefix(const std::string& ace_path) {
+    std::size_t cut = ace_path.rfind(".ace");
+    if (cut == std::string::npos) cut = ace_path.rfind(".ACE");
+    return cut == std::string::npos ? ace_path : ace_path.substr(0, cut);
+}
+
+struct totals {
+    std::int64_t contigs = 0, tested = 0, called = 0;
+    std::int64_t tied = 0, untied = 0, not_found = 0;
+};
+
+// While standard error is a terminal, a line that says how far the run has come, redrawn a
+// few times a second.
+struct progress {
+    bool shown = isatty(STDERR_FILENO) == 1;
+    std::chrono::steady_clock::time_point next = std::chrono::steady_clock::now();
+
+    void update(const totals& t) {
+        if (!shown) return;
+        const auto now = std::chrono::steady_clock::now();
+        if (now < next) return;
+        next = now + std::chrono::milliseconds(250);
+        std::cerr << "\r" << program << ": " << t.contigs << " contigs, " << t.tied + t.untied
+                  << " reads" << std::flush;
+    }
+    void clear() {
+        if (shown) std::cerr << "\r\033[K" << std::flush;
+    }
+};
+
+// The reads of one contig fetched file by file and tied to their flows; their signals go
+// into `check`.
+void weigh_reads(const contig& c, const read_lookup& lookup, flow_check& check, totals& t) {
+    std::vector<std::vector<std::pair<std::int64_t, const READ*>>> wanted(lookup.sff_names.size());
+    std::int64_t pos = 0;
+    for (const auto& [name, read] : c.reads) {
+        const int k = lookup.find(name, pos);
+        if (k < 0) {
+            ++t.not_found;
+            continue;
+        }
+        wanted[static_cast<std::size_t>(k)].emplace_back(pos, &read);
+    }
+    tied_read tied;
+    std::int32_t number = 0;
+    for (std::size_t k = 0; k < wanted.size(); ++k) {
+        if (wanted[k].empty()) continue;
+        reader rd(lookup.sff_names[k]);
+        rd.get_header();
+        const std::string_view flows(rd.header_p2.flow_chars.data(),
+                                     rd.header_p2.flow_chars.size());
+        for (const auto& [at, read] : wanted[k]) {
+            if (rd.get_record(at) && tie_read(*read, rd.cur_read, flows, tied)) {
+                check.add_read(c, *read, tied, number++);
+                ++t.tied;
+            } else {
+                ++t.untied;
+            }
+        }
+    }
+}
+
+}  // namespace
+
+int flowcheck_main(int argc, char** argv) {
+    options opt;
+    if (const int status = parse_options(argc, argv, opt); status != 0) return status;
+    if (opt.help) std::cout << usage_text << std::flush;
+    if (opt.version) std::cout << program << " " << flowcheck_version << "\n" << std::flush;
+    if (opt.help || opt.version) return 0;
+
+    const std::string& ace_path = opt.operands[0];
+    const std::string prefix = opt.prefix.empty() ? output_prefix(ace_path) : opt.prefix;
+    read_lookup lookup;
+    lookup.index_files(std::vector<std::string>(opt.operands.begin() + 1, opt.operands.end()));
+    aceReader ace(ace_path);
+
+    const std::string vcf_path = prefix + ".flowcheck.vcf", tsv_path = prefix + ".flowcheck.tsv";
+    const std::string consensus_path = prefix + ".consensus.fa";
+    const std::string polished_path = prefix + ".polished.fa";
+    output_file vcf(vcf_path), tsv(tsv_path), consensus_fa(consensus_path),
+        polished_fa(polished_path);
+    for (const auto* f : {&vcf, &tsv, &consensus_fa, &polished_fa}) {
+        if (f->is_open()) continue;
+        const std::string& path = f == &vcf            ? vcf_path
+                                  : f == &tsv          ? tsv_path
+                                  : f == &consensus_fa ? consensus_path
+                                                       : polished_path;
+        std::cerr << "can not open file " << path << std::endl;
+        return 1;
+    }
+
+    flow_check& check = opt.check;
+    totals t;
+    progress shown;
+    std::vector<vcf_contig> contigs;
+    std::string records, text;
+    append_tsv_header(text);
+    tsv.text(text);
+    for (;;) {
+        contig c;
+        if (ace.next_contig(c) == 0) break;
+        check.create_runs(c);
+        weigh_reads(c, lookup, check, t);
+        check.call_runs();
+
+        const std::string unpadded = unpadded_consensus(c);
+        std::vector<consensus_edit> edits;
+        check.edits(unpadded, edits);
+        contigs.push_back({c.name, static_cast<std::int64_t>(unpadded.size())});
+        append_vcf_records(records, c.name, unpadded, edits, check);
+
+        text.clear();
+        std::vector<char> applied(check.runs.size(), 0);
+        for (const consensus_edit& e : edits) applied[static_cast<std::size_t>(e.run)] = 1;
+        for (std::size_t i = 0; i < check.runs.size(); ++i) {
+            const hp_run& r = check.runs[i];
+            if (check.tested(r)) ++t.tested;
+            if (applied[i] || (opt.all && check.tested(r))) append_tsv_line(text, c.name, r);
+        }
+        tsv.text(text);
+        t.called += static_cast<std::int64_t>(edits.size());
+        text.clear();
+        append_fasta(text, c.name, unpadded);
+        consensus_fa.text(text);
+        text.clear();
+        append_fasta(text, c.name, apply_edits(unpadded, edits));
+        polished_fa.text(text);
+        ++t.contigs;
+        shown.update(t);
+    }
+    shown.clear();
+
+    text.clear();
+    const std::size_t slash = consensus_path.rfind('/');
+    append_vcf_header(
+        text, std::string(program) + " " + flowcheck_version,
+        slash == std::string::npos ? consensus_path : consensus_path.substr(slash + 1), contigs);
+    vcf.text(text);
+    vcf.text(records);
+    for (auto* f : {&vcf, &tsv, &consensus_fa, &polished_fa}) f->close();
+
+    std::cerr << program << ": " << t.contigs << " contigs, " << t.tested << " runs tested, "
+              << t.called << " called different; reads: " << t.tied << " tied, " << t.untied
+              << " untied, " << t.not_found << " in no SFF file" << std::endl;
+    return 0;
+}

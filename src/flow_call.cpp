@@ -1,0 +1,116 @@
+// The length call of each run from its signals, and the calls as edits of the consensus.
+#include <algorithm>
+#include <cctype>
+#include <cmath>
+#include <numeric>
+#include <set>
+#include <utility>
+
+#include "flowcheck.h"
+
+double flow_model::log_likelihood(std::int32_t n, double k, double s1, double s2) const {
+    // A model with no spread at some length would make every likelihood infinite; a tiny
+    // floor keeps the comparison finite and still decisive.
+    const double sd = std::max(sigma(n), 1e-6);
+    const double nd = n;
+    return -k * std::log(sd) - (s2 - 2.0 * nd * s1 + k * nd * nd) / (2.0 * sd * sd);
+}
+
+// The most likely length, the consensus length winning ties, and its log-likelihood ratio
+// against the consensus length. Lengths beyond one past the largest value cannot be more
+// likely than that one, so the search stops there.
+void flow_check::call_runs() {
+    for (hp_run& r : runs) {
+        r.called_length = r.consensus_length;
+        r.score = 0.0;
+        if (r.signals == 0) continue;
+        const double k = r.signals;
+        const double at_consensus =
+            model.log_likelihood(r.consensus_length, k, r.sum, r.sum_squares);
+        double best = at_consensus;
+        const auto top = static_cast<std::int32_t>(std::ceil(r.max_value)) + 1;
+        for (std::int32_t n = 0; n <= top; ++n) {
+            if (n == r.consensus_length) continue;
+            const double ll = model.log_likelihood(n, k, r.sum, r.sum_squares);
+            if (ll > best) {
+                best = ll;
+                r.called_length = n;
+            }
+        }
+        r.score = best - at_consensus;
+    }
+}
+
+namespace {
+
+bool conflict(const consensus_edit& x, const consensus_edit& y) {
+    const bool xe = x.begin == x.end, ye = y.begin == y.end;
+    if (xe && ye) return x.begin == y.begin;
+    if (xe) return y.begin < x.begin && x.begin < y.end;
+    if (ye) return x.begin < y.begin && y.begin < x.end;
+    return x.begin < y.end && y.begin < x.end;
+}
+
+using edit_key = std::pair<std::int64_t, std::int64_t>;
+
+}  // namespace
+
+void flow_check::edits(const std::string& unpadded, std::vector<consensus_edit>& out) const {
+    std::vector<consensus_edit> wanted;
+    for (std::size_t i = 0; i < runs.size(); ++i) {
+        const hp_run& r = runs[i];
+        if (!differs(r)) continue;
+        consensus_edit e;
+        e.begin = r.position - 1;
+        e.end = e.begin + r.consensus_length;
+        if (e.begin < 0 || e.end > static_cast<std::int64_t>(unpadded.size())) continue;
+        // The called run keeps the case the consensus wrote it in.
+        char x = r.letter;
+        if (r.consensus_length > 0 &&
+            std::islower(static_cast<unsigned char>(unpadded[static_cast<std::size_t>(e.begin)])))
+            x = static_cast<char>(std::tolower(static_cast<unsigned char>(x)));
+        e.bases.assign(static_cast<std::size_t>(r.called_length), x);
+        e.run = static_cast<std::int32_t>(i);
+        wanted.push_back(std::move(e));
+    }
+    // The strongest calls first; a weaker one that collides with a kept one is dropped.
+    std::vector<std::size_t> order(wanted.size());
+    std::iota(order.begin(), order.end(), std::size_t{0});
+    std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
+        return runs[static_cast<std::size_t>(wanted[a].run)].score >
+               runs[static_cast<std::size_t>(wanted[b].run)].score;
+    });
+    std::map<edit_key, std::size_t> kept;
+    for (std::size_t w : order) {
+        const consensus_edit& e = wanted[w];
+        // Kept edits do not overlap, so only the one starting before e and those starting
+        // inside it can collide with it.
+        auto it = kept.lower_bound({e.begin, e.begin});
+        bool clash = it != kept.begin() && conflict(wanted[std::prev(it)->second], e);
+        for (; !clash && it != kept.end() && it->first.first <= e.end; ++it)
+            clash = conflict(wanted[it->second], e);
+        if (!clash) kept.emplace(edit_key{e.begin, e.end}, w);
+    }
+    for (const auto& entry : kept) out.push_back(wanted[entry.second]);
+}
+
+std::string unpadded_consensus(const contig& c) {
+    std::string s;
+    s.reserve(c.consensus.size());
+    for (char x : c.consensus)
+        if (x != '*') s.push_back(x);
+    return s;
+}
+
+std::string apply_edits(const std::string& unpadded, const std::vector<consensus_edit>& edits) {
+    std::string out;
+    out.reserve(unpadded.size() + edits.size());
+    std::size_t at = 0;
+    for (const consensus_edit& e : edits) {
+        out.append(unpadded, at, static_cast<std::size_t>(e.begin) - at);
+        out += e.bases;
+        at = static_cast<std::size_t>(e.end);
+    }
+    out.append(unpadded, at, std::string::npos);
+    return out;
+}

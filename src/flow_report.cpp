@@ -1,0 +1,154 @@
+// The texts that report the calls (VCF, TSV) and the consensus before and after them (FASTA).
+#include <charconv>
+
+#include "flowcheck.h"
+
+namespace {
+
+void put(std::string& out, std::int64_t v) {
+    char buf[24];
+    out.append(buf, static_cast<std::size_t>(std::to_chars(buf, buf + sizeof buf, v).ptr - buf));
+}
+
+// Two decimals; a value that rounds to zero is written 0.00, never -0.00.
+void put_fixed(std::string& out, double v) {
+    if (v > -0.005 && v < 0.005) v = 0.0;
+    char buf[64];
+    auto res = std::to_chars(buf, buf + sizeof buf, v, std::chars_format::fixed, 2);
+    out.append(buf, static_cast<std::size_t>(res.ptr - buf));
+}
+
+// A VCF record in the making: REF is unpadded[first, last], ALT its replacement.
+struct vcf_record {
+    std::int64_t first = 0, last = 0;
+    std::string alt;
+    std::vector<std::int32_t> runs;
+};
+
+template <class Field>
+void info_list(std::string& out, const char* key, const vcf_record& rec, const flow_check& check,
+               Field field) {
+    out += key;
+    out += '=';
+    for (std::size_t i = 0; i < rec.runs.size(); ++i) {
+        if (i > 0) out += ',';
+        field(check.runs[static_cast<std::size_t>(rec.runs[i])]);
+    }
+}
+
+void append_record(std::string& out, std::string_view contig_name, const std::string& unpadded,
+                   const vcf_record& rec, const flow_check& check) {
+    out += contig_name;
+    out += '\t';
+    put(out, rec.first + 1);
+    out += "\t.\t";
+    out.append(unpadded, static_cast<std::size_t>(rec.first),
+               static_cast<std::size_t>(rec.last - rec.first + 1));
+    out += '\t';
+    out += rec.alt;
+    out += "\t.\tPASS\t";
+    info_list(out, "DP", rec, check, [&](const hp_run& r) { put(out, r.signals); });
+    info_list(out, ";FWD", rec, check, [&](const hp_run& r) { put(out, r.forward); });
+    info_list(out, ";REV", rec, check, [&](const hp_run& r) { put(out, r.reverse); });
+    info_list(out, ";CL", rec, check, [&](const hp_run& r) { put(out, r.consensus_length); });
+    info_list(out, ";HL", rec, check, [&](const hp_run& r) { put(out, r.called_length); });
+    info_list(out, ";SC", rec, check, [&](const hp_run& r) { put_fixed(out, r.score); });
+    out += '\n';
+}
+
+}  // namespace
+
+void append_fasta(std::string& out, std::string_view name, std::string_view sequence) {
+    out += '>';
+    out += name;
+    out += '\n';
+    for (std::size_t i = 0; i < sequence.size(); i += 60) {
+        out += sequence.substr(i, 60);
+        out += '\n';
+    }
+}
+
+void append_vcf_header(std::string& out, std::string_view source, std::string_view reference,
+                       const std::vector<vcf_contig>& contigs) {
+    out += "##fileformat=VCFv4.2\n##source=";
+    out += source;
+    out += "\n##reference=file:";
+    out += reference;
+    out += '\n';
+    for (const vcf_contig& c : contigs) {
+        out += "##contig=<ID=";
+        out += c.name;
+        out += ",length=";
+        put(out, c.length);
+        out += ">\n";
+    }
+    out +=
+        "##INFO=<ID=DP,Number=.,Type=Integer,Description=\"Reads whose flows gave a signal for "
+        "the run\">\n"
+        "##INFO=<ID=FWD,Number=.,Type=Integer,Description=\"Signals from forward reads\">\n"
+        "##INFO=<ID=REV,Number=.,Type=Integer,Description=\"Signals from complemented "
+        "reads\">\n"
+        "##INFO=<ID=CL,Number=.,Type=Integer,Description=\"Run length in the consensus\">\n"
+        "##INFO=<ID=HL,Number=.,Type=Integer,Description=\"Run length the flow signals "
+        "call\">\n"
+        "##INFO=<ID=SC,Number=.,Type=Float,Description=\"Log-likelihood ratio (natural log) of "
+        "the called length against the consensus length\">\n"
+        "#CHROM\tPOS\tID\tREF\tALT\tQUAL\tFILTER\tINFO\n";
+}
+
+// An edit is anchored on the base before it (on the base after it at the contig's start).
+// When the next edit's anchor is the last base of the record so far, it joins the record.
+void append_vcf_records(std::string& out, std::string_view contig_name, const std::string& unpadded,
+                        const std::vector<consensus_edit>& edits, const flow_check& check) {
+    const auto size = static_cast<std::int64_t>(unpadded.size());
+    vcf_record rec;
+    bool open = false;
+    for (const consensus_edit& e : edits) {
+        if (open && e.begin - 1 == rec.last) {
+            rec.alt += e.bases;
+            rec.last = std::max(rec.last, e.end - 1);
+            rec.runs.push_back(e.run);
+            continue;
+        }
+        if (open) append_record(out, contig_name, unpadded, rec, check);
+        open = true;
+        rec.runs.assign(1, e.run);
+        if (e.begin > 0) {
+            rec.first = e.begin - 1;
+            rec.last = e.end - 1;
+            rec.alt = unpadded.substr(static_cast<std::size_t>(rec.first), 1) + e.bases;
+        } else if (e.end < size) {
+            rec.first = e.begin;
+            rec.last = e.end;
+            rec.alt = e.bases + unpadded.substr(static_cast<std::size_t>(e.end), 1);
+        } else {
+            open = false;  // the whole contig is the run: there is no base to anchor on
+        }
+    }
+    if (open) append_record(out, contig_name, unpadded, rec, check);
+}
+
+void append_tsv_header(std::string& out) {
+    out +=
+        "contig\tcolumn\tposition\tletter\tconsensus_length\tcalled_length\tsignals\tforward\t"
+        "reverse\tmean_signal\tscore\n";
+}
+
+void append_tsv_line(std::string& out, std::string_view contig_name, const hp_run& r) {
+    out += contig_name;
+    for (std::int64_t v : {std::int64_t{r.column}, std::int64_t{r.position}}) {
+        out += '\t';
+        put(out, v);
+    }
+    out += '\t';
+    out += r.letter;
+    for (std::int64_t v : {r.consensus_length, r.called_length, r.signals, r.forward, r.reverse}) {
+        out += '\t';
+        put(out, v);
+    }
+    out += '\t';
+    put_fixed(out, r.mean_signal());
+    out += '\t';
+    put_fixed(out, r.score);
+    out += '\n';
+}

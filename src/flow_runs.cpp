@@ -1,0 +1,210 @@
+// The homopolymer runs of a contig's consensus and the flow signals that tied reads give
+// each of them.
+#include <algorithm>
+#include <cctype>
+
+#include "flowcheck.h"
+
+namespace {
+
+char upper(char c) {
+    return static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+}
+
+int letter_bit(char x) {
+    switch (x) {
+        case 'T':
+            return 1;
+        case 'A':
+            return 2;
+        case 'C':
+            return 4;
+        case 'G':
+            return 8;
+        default:
+            return 0;
+    }
+}
+
+char complement(char c) {
+    switch (c) {
+        case 'A':
+            return 'T';
+        case 'C':
+            return 'G';
+        case 'G':
+            return 'C';
+        default:
+            return 'A';
+    }
+}
+
+// A block of pad-only consensus columns between two bases, and the letters reads hold there
+// that neither base has.
+struct pad_block {
+    std::int32_t first, last;
+    char left, right;
+    std::int32_t position;  // of the base after the block
+    int letters = 0;
+};
+
+bool run_order(const hp_run& a, const hp_run& b) {
+    if (a.first_column != b.first_column) return a.first_column < b.first_column;
+    if (a.column != b.column) return a.column < b.column;
+    return letter_bit(a.letter) < letter_bit(b.letter);
+}
+
+}  // namespace
+
+void flow_check::create_runs(const contig& c) {
+    runs.clear();
+    signals.clear();
+    const auto L = static_cast<std::int32_t>(
+        std::min<std::size_t>(c.consensus.size(), static_cast<std::size_t>(INT32_MAX - 1)));
+    auto at = [&](std::int32_t column) {
+        return upper(c.consensus[static_cast<std::size_t>(column - 1)]);
+    };
+    std::vector<std::int32_t> bases;  // the columns that hold a consensus base
+    for (std::int32_t col = 1; col <= L; ++col)
+        if (c.consensus[static_cast<std::size_t>(col - 1)] != '*') bases.push_back(col);
+    const auto nb = static_cast<std::int32_t>(bases.size());
+
+    for (std::int32_t i = 0; i < nb;) {
+        const char letter = at(bases[i]);
+        std::int32_t j = i;
+        while (j + 1 < nb && at(bases[j + 1]) == letter) ++j;
+        if (letter_bit(letter) != 0) {
+            hp_run r;
+            r.first_column = i > 0 ? bases[i - 1] + 1 : 1;
+            r.last_column = j + 1 < nb ? bases[j + 1] - 1 : L;
+            r.column = bases[i];
+            r.position = i + 1;
+            r.letter = letter;
+            r.consensus_length = j - i + 1;
+            runs.push_back(r);
+        }
+        i = j + 1;
+    }
+
+    // Runs of length 0: letters that reads hold in pad-only columns between two bases.
+    std::vector<pad_block> blocks;
+    std::vector<std::int32_t> block_of(static_cast<std::size_t>(L), -1);
+    for (std::int32_t i = 0; i + 1 < nb; ++i) {
+        if (bases[i + 1] == bases[i] + 1) continue;
+        for (std::int32_t col = bases[i] + 1; col < bases[i + 1]; ++col)
+            block_of[static_cast<std::size_t>(col - 1)] = static_cast<std::int32_t>(blocks.size());
+        blocks.push_back({bases[i] + 1, bases[i + 1] - 1, at(bases[i]), at(bases[i + 1]), i + 2});
+    }
+    if (!blocks.empty()) {
+        for (const auto& [name, read] : c.reads) {
+            const std::int64_t n = std::min<std::int64_t>(
+                read.length, static_cast<std::int64_t>(read.sequence.size()));
+            const std::int64_t k0 =
+                std::max<std::int64_t>(0, 1 - static_cast<std::int64_t>(read.start));
+            const std::int64_t k1 =
+                std::min<std::int64_t>(n, L - static_cast<std::int64_t>(read.start) + 1);
+            for (std::int64_t k = k0; k < k1; ++k) {
+                const std::int32_t b = block_of[static_cast<std::size_t>(read.start + k - 1)];
+                if (b < 0) continue;
+                pad_block& block = blocks[static_cast<std::size_t>(b)];
+                const char x = upper(read.sequence[static_cast<std::size_t>(k)]);
+                if (x != block.left && x != block.right) block.letters |= letter_bit(x);
+            }
+        }
+    }
+    for (const pad_block& block : blocks) {
+        for (char x : fcycle) {
+            if (!(block.letters & letter_bit(x))) continue;
+            hp_run r;
+            r.first_column = block.first;
+            r.last_column = block.last;
+            r.column = block.first;
+            r.position = block.position;
+            r.letter = x;
+            runs.push_back(r);
+        }
+    }
+    std::sort(runs.begin(), runs.end(), run_order);
+}
+
+void flow_check::add_read(const contig& c, const READ& read, const tied_read& t,
+                          std::int32_t read_number) {
+    const auto L = static_cast<std::int64_t>(c.consensus.size());
+    const std::int64_t s = t.start;
+    const std::int64_t n = std::min<std::int64_t>(static_cast<std::int64_t>(t.base_flow.size()),
+                                                  static_cast<std::int64_t>(read.sequence.size()));
+    // Only bases on consensus columns count.
+    const std::int64_t k0 = std::max<std::int64_t>(0, 1 - s);
+    const std::int64_t k1 = std::min<std::int64_t>(n, L - s + 1);  // past the last
+    if (k0 >= k1) return;
+    auto flow_at = [&](std::int64_t k) { return t.base_flow[static_cast<std::size_t>(k)]; };
+
+    // For every offset, the nearest base at or before it and at or after it.
+    const auto span = static_cast<std::size_t>(k1 - k0);
+    std::vector<std::int64_t> before(span), after(span);
+    std::int64_t last = -1;
+    for (std::int64_t k = k0; k < k1; ++k) {
+        if (flow_at(k) >= 0) last = k;
+        before[static_cast<std::size_t>(k - k0)] = last;
+    }
+    last = -1;
+    for (std::int64_t k = k1 - 1; k >= k0; --k) {
+        if (flow_at(k) >= 0) last = k;
+        after[static_cast<std::size_t>(k - k0)] = last;
+    }
+    const std::int64_t first_base = after[0];
+    const std::int64_t last_base = before[span - 1];
+    if (first_base < 0 || first_base >= last_base) return;
+
+    // The runs that lie strictly between the read's first and last base.
+    const std::int64_t first_col = s + first_base, last_col = s + last_base;
+    auto it =
+        std::upper_bound(runs.begin(), runs.end(), first_col,
+                         [](std::int64_t col, const hp_run& r) { return col < r.first_column; });
+    for (; it != runs.end() && it->first_column < last_col; ++it) {
+        hp_run& r = *it;
+        if (r.last_column >= last_col) continue;
+        const std::int64_t kl = r.first_column - s, kr = r.last_column - s;
+        const std::int64_t left = before[static_cast<std::size_t>(kl - 1 - k0)];
+        const std::int64_t right = after[static_cast<std::size_t>(kr + 1 - k0)];
+        std::int32_t flow = -1;
+        bool split = false;
+        for (std::int64_t k = kl; k <= kr; ++k) {
+            if (flow_at(k) < 0 || upper(read.sequence[static_cast<std::size_t>(k)]) != r.letter)
+                continue;
+            if (flow >= 0 && flow_at(k) != flow) split = true;
+            flow = flow_at(k);
+        }
+        // Bases of the letter from two flows, or a flow that its neighbours share, measured
+        // more than this run: such a read says nothing clean about it.
+        if (split) continue;
+        const std::int32_t fl = flow_at(left), fr = flow_at(right);
+        if (flow >= 0 && (flow == fl || flow == fr)) continue;
+        std::uint16_t value = 0;
+        if (flow < 0) {
+            // No base of the letter: the read's first flow of it between its neighbours.
+            const char y = t.complemented ? complement(r.letter) : r.letter;
+            const std::int32_t lo = std::min(fl, fr), hi = std::max(fl, fr);
+            for (std::int32_t g = lo + 1; g < hi; ++g) {
+                if (static_cast<std::size_t>(g) < t.flow_chars.size() &&
+                    t.flow_chars[static_cast<std::size_t>(g)] == y) {
+                    flow = g;
+                    break;
+                }
+            }
+        }
+        if (flow >= 0) {
+            if (static_cast<std::size_t>(flow) >= t.flowgram.size()) continue;
+            value = t.flowgram[static_cast<std::size_t>(flow)];
+        }
+        const double v = value / 100.0;
+        ++r.signals;
+        ++(t.complemented ? r.reverse : r.forward);
+        r.sum += v;
+        r.sum_squares += v * v;
+        r.max_value = std::max(r.max_value, v);
+        if (keep_signals)
+            signals.push_back(
+                {static_cast<std::int32_t>(it - runs.begin()), read_number, value, t.complemented});
+    }
+}

@@ -1,0 +1,139 @@
+// Flow-signal evidence for a contig's homopolymer runs: every read tied to the flows of its
+// SFF record, every run of the consensus weighed against the flow values the reads measured
+// for it, and the length those values call, with the VCF, TSV and FASTA texts that report
+// and apply the calls.
+//
+// A run is a maximal stretch of one letter in the unpadded consensus, letters compared
+// without case, together with the pad columns around it; pad-only columns in which reads
+// hold a letter of neither neighbouring base form a run of length 0 (the consensus lacks a
+// run the reads have). A read that covers a run and has a base on both sides of it, inside
+// the consensus, gives the run one signal: the value of the flow that called its bases of
+// the run's letter there or, when it has none, the value of its first flow of that letter
+// (the complement for a complemented read) between the flows of its two neighbouring bases.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "contig.h"
+#include "sff.h"
+
+// The spread of a flow value around the length n of the run it measures: N(n, sigma(n)).
+struct flow_model {
+    double sigma_base = 0.10;
+    double sigma_slope = 0.07;
+
+    double sigma(std::int32_t n) const { return sigma_base + sigma_slope * n; }
+    // The log-likelihood of k values with sum s1 and sum of squares s2 (in bases) under
+    // length n, less the constant that every length shares.
+    double log_likelihood(std::int32_t n, double k, double s1, double s2) const;
+};
+
+// One read of a contig tied to its SFF record.
+struct tied_read {
+    std::int32_t start = 0;  // the read's first column
+    bool complemented = false;
+    // Per padded base of the read as the assembly shows it: the SFF flow that called it, or
+    // -1 for a pad (and for bases past the stored sequence).
+    std::vector<std::int32_t> base_flow;
+    std::vector<std::uint16_t> flowgram;
+    std::string flow_chars;  // the letter of each flow, upper case
+};
+
+// Finds the read's unpadded sequence (reverse-complemented for a complemented read) in the
+// record's called bases, ignoring case, preferring an occurrence that overlaps the kept
+// range. False when it is not there: the read was edited or trimmed otherwise, and is left
+// out rather than guessed. `flow_chars` is the file's flow order.
+bool tie_read(const READ& read, const sff_read& record, std::string_view flow_chars,
+              tied_read& out);
+
+// A homopolymer run of the consensus and what the reads say about it.
+struct hp_run {
+    std::int32_t first_column = 0;  // the columns it owns: its bases and the pads around them
+    std::int32_t last_column = 0;
+    std::int32_t column = 0;    // its first base; the first pad column for a run of length 0
+    std::int32_t position = 0;  // unpadded position of its first base (where it would start)
+    char letter = 'A';          // upper case
+    std::int32_t consensus_length = 0;
+
+    // Sums over its signals (values in bases).
+    std::int32_t signals = 0, forward = 0, reverse = 0;
+    double sum = 0.0, sum_squares = 0.0, max_value = 0.0;
+
+    // The call: the most likely length and the log-likelihood ratio (natural log) of that
+    // length against the consensus length, 0 when they agree.
+    std::int32_t called_length = 0;
+    double score = 0.0;
+
+    double mean_signal() const { return signals > 0 ? sum / signals : 0.0; }
+};
+
+// One signal, kept for callers that show them read by read.
+struct run_signal {
+    std::int32_t run = 0;     // index into flow_check::runs
+    std::int32_t read = 0;    // the caller's number for the read
+    std::uint16_t value = 0;  // hundredths, as in the flowgram
+    bool complemented = false;
+};
+
+// A change of the unpadded consensus: the bases [begin, end) replaced by `bases`.
+struct consensus_edit {
+    std::int64_t begin = 0, end = 0;
+    std::string bases;
+    std::int32_t run = 0;  // the run whose call it applies
+};
+
+class flow_check {
+  public:
+    flow_model model;
+    std::int32_t min_signals = 4;
+    double min_score = 10.0;
+    bool keep_signals = false;
+
+    std::vector<hp_run> runs;         // ordered by first owned column, then column and letter
+    std::vector<run_signal> signals;  // filled only with keep_signals
+
+    // The runs of the consensus, the runs of length 0 included (these need the reads' bases,
+    // not their flows). Clears what an earlier contig left.
+    void create_runs(const contig& c);
+    // The signals of one read tied to its record; `read_number` is what run_signal::read
+    // records.
+    void add_read(const contig& c, const READ& read, const tied_read& t, std::int32_t read_number);
+    // Calls the length of every run that has at least one signal.
+    void call_runs();
+
+    // A run with enough signals to be weighed.
+    bool tested(const hp_run& r) const { return r.signals >= min_signals && r.signals > 0; }
+    // A tested run whose call differs from the consensus with a score at the threshold.
+    bool differs(const hp_run& r) const {
+        return tested(r) && r.called_length != r.consensus_length && r.score >= min_score;
+    }
+
+    // The calls as edits of the unpadded consensus, in order. Two calls that would change
+    // the same bases (or insert inside a changed run) cannot both stand: the one with the
+    // higher score is kept.
+    void edits(const std::string& unpadded, std::vector<consensus_edit>& out) const;
+};
+
+// The consensus without its pads, case kept.
+std::string unpadded_consensus(const contig& c);
+// `unpadded` with the edits applied.
+std::string apply_edits(const std::string& unpadded, const std::vector<consensus_edit>& edits);
+
+// The report texts, appended to `out`.
+void append_fasta(std::string& out, std::string_view name, std::string_view sequence);
+struct vcf_contig {
+    std::string name;
+    std::int64_t length = 0;
+};
+void append_vcf_header(std::string& out, std::string_view source, std::string_view reference,
+                       const std::vector<vcf_contig>& contigs);
+// One record per edit, anchored on the base before it; edits that share that base go into
+// one record, so that no two records overlap.
+void append_vcf_records(std::string& out, std::string_view contig_name, const std::string& unpadded,
+                        const std::vector<consensus_edit>& edits, const flow_check& check);
+void append_tsv_header(std::string& out);
+void append_tsv_line(std::string& out, std::string_view contig_name, const hp_run& r);
