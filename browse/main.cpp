@@ -17,6 +17,7 @@
 #include "pages.h"
 #include "read_source.h"
 #include "server.h"
+#include "std_output.h"
 
 namespace {
 
@@ -94,9 +95,7 @@ int parse(int argc, char** argv, options& o) {
     return -1;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int serve(int argc, char** argv) {
     options o;
     if (int status = parse(argc, argv, o); status >= 0) return status;
 
@@ -165,4 +164,10 @@ int main(int argc, char** argv) {
     }
     std::cout << "sorvexa-browse: stopped" << std::endl;
     return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    return sorvexa::main_checking_stdout(serve, argc, argv, "sorvexa-browse");
 }

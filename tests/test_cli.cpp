@@ -111,6 +111,52 @@ TEST(Cli, OptionsDecideBetweenUsageVersionAndRun) {
     }
 }
 
+// A program built beside Sorvexa in the same build tree; empty when it was not built.
+std::string built_program(const std::string& relative_path) {
+    const std::filesystem::path p =
+        std::filesystem::path(SORVEXA_BIN).parent_path() / relative_path;
+    return exists(p) ? p.string() : "";
+}
+
+// Help and version texts into a full device and into a file, for every program: a text
+// that could not be written fails the program with one line, one that was written leaves
+// the status and standard error as they were.
+TEST(Cli, TextsThatCannotBeWrittenFailTheProgram) {
+    temp_dir d;
+    const std::string full = ": can not write standard output: No space left on device\n";
+    struct row {
+        std::string program, name;
+        std::vector<std::string> args;
+        std::string err;  // what the program says on standard error anyway
+    };
+    std::vector<row> rows = {
+        {SORVEXA_BIN, "", {"-v"}, ""},
+        {SORVEXA_BIN, "", {"-h"}, ""},
+        {SORVEXA_BIN, "", {}, ""},
+        // A bad switch prints the usage with status 0; its own message comes first.
+        {SORVEXA_BIN, "", {"-q"}, "Unreconized switch: q\n"},
+    };
+    if (const std::string browse = built_program("browse/sorvexa-browse"); !browse.empty()) {
+        rows.push_back({browse, "sorvexa-browse", {"--help"}, ""});
+        rows.push_back({browse, "sorvexa-browse", {"--version"}, ""});
+    }
+    for (const row& r : rows) {
+        SCOPED_TRACE(r.program + " " + ::testing::PrintToString(r.args));
+        const run_result captured = run_binary(r.program, r.args, d.path);
+        ASSERT_EQ(captured.status, 0);
+        ASSERT_NE(captured.out, "");
+
+        const run_result to_file = run_binary(r.program, r.args, d.path, stdout_to(d / "out"));
+        expect_result(to_file, 0, "", r.err);
+        EXPECT_EQ(read_file(d / "out"), captured.out);
+
+        const run_result to_full = run_binary(r.program, r.args, d.path, stdout_to("/dev/full"));
+        // Sorvexa's messages carry no program name.
+        const std::string line = r.name.empty() ? full.substr(2) : r.name + full;
+        expect_result(to_full, 1, "", r.err + line);
+    }
+}
+
 TEST(Run, OutputsAreNamedAfterTheAcePath) {
     temp_dir d;
     write_sff(d / "s.sff", {kRdA});

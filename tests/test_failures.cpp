@@ -74,11 +74,49 @@ TEST(WriteFailure, FileSizeLimitIsReportedInsteadOfKillingTheRun) {
     temp_dir d;
     write_reads(d, 15000);
     const long long limit = 100000;
-    const run_result res = run_mode3(d, {limit});
+    const run_result res = run_mode3(d, {limit, {}});
     EXPECT_EQ(res.status, 1);  // not killed by SIGXFSZ
     EXPECT_EQ(res.out, "");
     EXPECT_EQ(res.err, "can not write file run.reads\n");
     EXPECT_EQ(std::filesystem::file_size(d / "run.reads"), static_cast<std::uintmax_t>(limit));
+}
+
+// The summary, the last thing a run writes to standard output: a run whose summary could
+// not be written fails after its output files are complete. A run that already failed
+// keeps its status and its one message.
+TEST(WriteFailure, SummaryThatCannotBeWrittenFailsTheRun) {
+    temp_dir d;
+    write_reads(d, 3);
+    const run_result done = run_mode3(d);
+    ASSERT_EQ(done.status, 0);
+    const std::string reads = read_file(d / "run.reads"), krv = read_file(d / "run.krv");
+
+    const run_result to_file = run_mode3(d, stdout_to(d / "summary"));
+    EXPECT_EQ(to_file.status, 0);
+    EXPECT_EQ(to_file.err, "");
+    EXPECT_EQ(read_file(d / "summary"), done.out);
+
+    std::filesystem::remove(d / "run.reads");
+    std::filesystem::remove(d / "run.krv");
+    const run_result to_full = run_mode3(d, stdout_to("/dev/full"));
+    EXPECT_EQ(to_full.status, 1);
+    EXPECT_EQ(to_full.err, "can not write standard output: No space left on device\n");
+    EXPECT_EQ(read_file(d / "run.reads"), reads);
+    EXPECT_EQ(read_file(d / "run.krv"), krv);
+
+    struct row {
+        std::vector<std::string> args;
+        std::string err;
+    };
+    std::filesystem::create_symlink("/dev/full", d / "full.krv");
+    std::filesystem::copy_file(d / "run.ace", d / "full.ace");
+    for (const row& r : {row{{"run.ace", "run.sff", "nope.sff"}, "fail to open file nope.sff\n"},
+                         row{{"full.ace", "run.sff"}, "can not write file full.krv\n"}}) {
+        SCOPED_TRACE(r.err);
+        const run_result failed = run_tool(r.args, d.path, stdout_to("/dev/full"));
+        EXPECT_EQ(failed.status, 1);
+        EXPECT_EQ(failed.err, r.err);
+    }
 }
 
 // Two reads, 12 flows. The first read's kept range is its first 100 bases; the second read

@@ -1,5 +1,6 @@
 #include "run_tool.h"
 
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -36,7 +37,12 @@ run_result run_binary(const std::string& binary, const std::vector<std::string>&
     std::FILE* out = std::tmpfile();
     std::FILE* err = std::tmpfile();
     if (out == nullptr || err == nullptr) throw std::runtime_error("tmpfile failed");
-    const int out_fd = fileno(out), err_fd = fileno(err);
+    int out_fd = fileno(out);
+    const int err_fd = fileno(err);
+    if (!limits.stdout_path.empty()) {
+        out_fd = ::open(limits.stdout_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        if (out_fd < 0) throw std::runtime_error("cannot open " + limits.stdout_path);
+    }
     const pid_t pid = fork();
     if (pid < 0) throw std::runtime_error("fork failed");
     if (pid == 0) {
@@ -49,6 +55,7 @@ run_result run_binary(const std::string& binary, const std::vector<std::string>&
         execv(binary.c_str(), argv.data());
         _exit(127);
     }
+    if (out_fd != fileno(out)) ::close(out_fd);
     int wstatus = 0;
     rusage usage{};
     while (wait4(pid, &wstatus, 0, &usage) < 0 && errno == EINTR) {

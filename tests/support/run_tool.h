@@ -4,6 +4,7 @@
 
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace fixture {
@@ -14,10 +15,20 @@ struct run_result {
     long max_rss_kib = 0;  // the child's peak resident memory
 };
 
-// Set in the child before it starts: a file-size limit in bytes (RLIMIT_FSIZE), or none.
+// Set in the child before it starts: a file-size limit in bytes (RLIMIT_FSIZE), or none;
+// a file (a path as this process sees it, such as /dev/full) to take the child's standard
+// output in place of the captured one, which then stays empty.
 struct run_limits {
     long long file_size = -1;
+    std::string stdout_path;
 };
+
+// No limit, standard output sent to `path`.
+inline run_limits stdout_to(std::string path) {
+    run_limits limits;
+    limits.stdout_path = std::move(path);
+    return limits;
+}
 
 // Runs `binary` with `args` (argv[0] not included) in the directory `cwd`, no shell
 // involved. Output goes to unlinked temporary files rather than pipes so that a chatty
