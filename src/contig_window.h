@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <type_traits>
 
 #include "contig.h"
 
@@ -106,6 +107,8 @@ inline void widen(const std::vector<char>& seq, std::int64_t& i, std::int64_t& j
 // carries, calling emit(f, count). The offset carries over from flow to flow: a flow takes
 // the bases equal to its letter (pads pass uncounted) and leaves the first other base to
 // the next flow; an N at the start of a flow is passed over.
+// An emit that takes a third argument also gets the offset where the flow's part of the read
+// begins (past the N's passed over): its bases, if any, lie from there on.
 template <class F>
 void count_flows(const contig& c, const std::vector<char>& seq, std::int64_t i, std::int64_t j,
                  std::int64_t fs, std::int64_t fe, F emit) {
@@ -114,11 +117,15 @@ void count_flows(const contig& c, const std::vector<char>& seq, std::int64_t i, 
         char x = at(c.flow_consensus, f);
         int count = 0;
         while (o <= j && at(seq, o) == 'N') ++o;
+        const std::int64_t begin = o;
         while (o <= j && (at(seq, o) == x || at(seq, o) == '*')) {
             if (at(seq, o) == x) ++count;
             ++o;
         }
-        emit(f, count);
+        if constexpr (std::is_invocable_v<F, std::int64_t, int, std::int64_t>)
+            emit(f, count, begin);
+        else
+            emit(f, count);
     }
 }
 

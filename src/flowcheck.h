@@ -118,6 +118,25 @@ class flow_check {
     void edits(const std::string& unpadded, std::vector<consensus_edit>& out) const;
 };
 
+// A window of a contig in flow space with the flow values the reads measured: align_flow's
+// grid for the same window, and beside its counts the value of each row's read on each flow.
+struct flow_window {
+    std::vector<std::vector<std::int16_t>> counts;    // align_flow's flow_counts
+    std::vector<std::map<std::int32_t, fRead>> rows;  // align_flow's flow_rows
+    // signals[k][r]: the value (hundredths) that row r's read measured on window flow k; as
+    // in counts, -1 where the row has no read on the flow (or the read has no base on one
+    // side of it to place the flow between), and untied_read where the row's read is not tied.
+    std::vector<std::vector<std::int32_t>> signals;
+    // The runs of the flow_check that have columns in the window, in its order.
+    std::vector<std::int32_t> runs;
+    static constexpr std::int32_t untied_read = -2;
+};
+
+// Fills `out` (expected empty) for the window of `width` columns from `from`. `tied` holds the
+// reads that could be tied, by name; `check` the contig's runs and calls.
+void window_signals(contig& c, const std::map<std::string, tied_read>& tied,
+                    const flow_check& check, std::int32_t from, int width, flow_window& out);
+
 // The consensus without its pads, case kept.
 std::string unpadded_consensus(const contig& c);
 // `unpadded` with the edits applied.
