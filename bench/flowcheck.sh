@@ -1,0 +1,243 @@
+#!/usr/bin/env bash
+# Scores sorvexa-flowcheck on simulated assemblies of known truth, and times it against
+# Sorvexa -f on the benchmark data set.
+#
+#   bench/flowcheck.sh [--seeds K] [--runs K] [--data DIR] [--build DIR] [--only accuracy|speed]
+#
+# Accuracy: sim_assembly writes assemblies with errors planted in the consensus, for seeds
+# 1..K (default 5) of each scenario:
+#   clean      2 contigs x 15,000 bases, 12 deep, noise 1.0, 40 errors
+#   noisy-1.6  2 contigs x 15,000 bases, 6-8 deep, noise 1.6, 40 errors
+#   noisy-2.0  2 contigs x 15,000 bases, 6-8 deep, noise 2.0, 40 errors
+# Each set is checked first (its consensus is the truth once the planted errors are undone,
+# and Sorvexa -f finds every read with flow indexes that agree with the flowgrams). Then
+# sorvexa-flowcheck runs with its default options; a planted error counts as called when a
+# TSV line has its contig, position and letter and the true length as called length, every
+# other TSV line is a false call. PREFIX.polished.fa is compared with the truth byte for
+# byte. Targets: clean: every planted error called, no other call, polished = truth in every
+# set; noisy: >= 95% of the planted errors called, <= 1 false call per 10 kb. The errors
+# missed and the false calls are listed below the table, with what a run with --all says of
+# the run.
+#
+# Speed: the data set of bench/run.sh (200,000 reads, generated once into DIR/n200000, DIR
+# default /tmp/sorvexa-bench), K runs (default 5) each of Sorvexa -f and sorvexa-flowcheck,
+# in turn, from the page cache; medians of the wall time and peak RSS (GNU time). Targets:
+# flowcheck <= 2 x Sorvexa -f in time, its RSS within Sorvexa -f's.
+#
+# The bench preset (build/bench) is built with the targets needed, unless --build names
+# another configured build tree to take them from.
+set -euo pipefail
+
+seeds=5
+runs=5
+data=/tmp/sorvexa-bench
+build=
+only=
+
+usage() {
+    awk 'NR > 1 && /^#/ { sub(/^# ?/, ""); print; next } NR > 1 { exit }' "${BASH_SOURCE[0]}"
+}
+
+while (($# > 0)); do
+    case "$1" in
+        --seeds) seeds=${2:?--seeds needs a number}; shift 2 ;;
+        --runs) runs=${2:?--runs needs a number}; shift 2 ;;
+        --data) data=${2:?--data needs a directory}; shift 2 ;;
+        --build) build=${2:?--build needs a directory}; shift 2 ;;
+        --only) only=${2:?--only needs accuracy or speed}; shift 2 ;;
+        -h | --help) usage; exit 0 ;;
+        *) echo "flowcheck.sh: unknown argument $1" >&2; usage >&2; exit 2 ;;
+    esac
+done
+[[ $seeds =~ ^[0-9]+$ && $seeds -gt 0 ]] || { echo "flowcheck.sh: --seeds takes a positive number" >&2; exit 2; }
+[[ $runs =~ ^[0-9]+$ && $runs -gt 0 ]] || { echo "flowcheck.sh: --runs takes a positive number" >&2; exit 2; }
+[[ -z $only || $only == accuracy || $only == speed ]] || { echo "flowcheck.sh: --only takes accuracy or speed" >&2; exit 2; }
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+eval_py=$root/bench/flowcheck_eval.py
+targets=(Sorvexa sorvexa-flowcheck sim_assembly make_dataset)
+
+if [[ $only != accuracy && ! -x /usr/bin/time ]]; then
+    if [[ $(id -u) -eq 0 ]]; then
+        apt-get install -y time >/dev/null
+    else
+        echo "flowcheck.sh: needs GNU time as /usr/bin/time (Debian package 'time')" >&2
+        exit 1
+    fi
+fi
+
+if [[ -z $build ]]; then
+    echo "== building (preset bench)"
+    (
+        cd "$root"
+        cmake --preset bench >/dev/null
+        cmake --build --preset bench -j 2 --target "${targets[@]}"
+    )
+    build=$root/build/bench
+else
+    build=$(cd "$build" && pwd)
+    echo "== building in $build"
+    cmake --build "$build" -j 2 --target "${targets[@]}"
+fi
+tool=$build/Sorvexa
+sim=$build/tests/support/sim_assembly
+make_dataset=$build/examples/make_dataset
+flowcheck=$build/flowcheck/sorvexa-flowcheck
+[[ -x $flowcheck ]] || flowcheck=$build/sorvexa-flowcheck
+for b in "$tool" "$sim" "$make_dataset" "$flowcheck"; do
+    [[ -x $b ]] || { echo "flowcheck.sh: $b was not built" >&2; exit 1; }
+done
+
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+
+# run_or_fail LOG CMD...: runs CMD with its output in LOG; on failure shows LOG and stops.
+run_or_fail() {
+    local log=$1
+    shift
+    if ! "$@" >"$log" 2>&1; then
+        echo "flowcheck.sh: failed: $*" >&2
+        cat "$log" >&2
+        exit 1
+    fi
+}
+
+accuracy() {
+    local scenarios=(
+        "clean|--depth 12 --noise 1.0"
+        "noisy-1.6|--depth 6-8 --noise 1.6"
+        "noisy-2.0|--depth 6-8 --noise 2.0"
+    )
+    local contigs=2 length=15000 errors=40
+    echo "== accuracy: $seeds seeds per scenario, $contigs contigs x $length bases, $errors errors"
+    local rows=$scratch/rows details=$scratch/details
+    : >"$rows"
+    : >"$details"
+    local entry label simopts seed dir sets
+    for entry in "${scenarios[@]}"; do
+        label=${entry%%|*}
+        simopts=${entry#*|}
+        sets=()
+        for ((seed = 1; seed <= seeds; ++seed)); do
+            dir=$scratch/$label/s$seed
+            # shellcheck disable=SC2086  # the scenario's options are words
+            run_or_fail "$scratch/log" "$sim" --out "$dir" --prefix sim --contigs $contigs \
+                --length $length --errors $errors --seed "$seed" $simopts
+            run_or_fail "$scratch/log" python3 "$eval_py" check-sim "$dir" sim
+            run_or_fail "$scratch/log" "$tool" -f "$dir/sim.ace" "$dir/sim.sff"
+            run_or_fail "$scratch/log" python3 "$eval_py" check-records "$dir/sim.ace" "$dir/sim.reads"
+            run_or_fail "$dir/fc.log" "$flowcheck" "$dir/sim.ace" "$dir/sim.sff" -o "$dir/fc"
+            run_or_fail "$dir/all.log" "$flowcheck" --all "$dir/sim.ace" "$dir/sim.sff" -o "$dir/all"
+            sets+=("$dir/sim:$dir/fc:$dir/all")
+        done
+        echo "   $label: $(tail -n 1 "$scratch/$label/s1/fc.log")"
+        python3 "$eval_py" score "$label" $((contigs * length * seeds)) "${sets[@]}" >"$scratch/score"
+        head -n 1 "$scratch/score" >>"$rows"
+        if [[ $(wc -l <"$scratch/score") -gt 1 ]]; then
+            echo "$label:" >>"$details"
+            tail -n +2 "$scratch/score" | sed "s|$scratch/||" >>"$details"
+        fi
+    done
+
+    echo
+    printf '%-10s %5s %8s %7s %7s %6s %10s %10s  %s\n' scenario sets planted called missed \
+        false "false/10kb" "polished" verdict
+    local planted called missed false per10kb equal n verdict
+    while IFS=$'\t' read -r label planted called missed false per10kb equal n; do
+        if [[ $label == clean ]]; then
+            verdict=ok
+            ((called == planted && false == 0 && equal == n)) || verdict=MISSED
+        else
+            verdict=$(awk -v c="$called" -v p="$planted" -v f="$per10kb" \
+                'BEGIN { print (c >= 0.95 * p && f <= 1 ? "ok" : "MISSED") }')
+        fi
+        printf '%-10s %5s %8s %7s %7s %6s %10s %10s  %s\n' "$label" "$n" "$planted" "$called" \
+            "$missed" "$false" "$per10kb" "$equal/$n" "$verdict"
+    done <"$rows"
+    echo
+    echo "Targets: clean: every planted error called, no other call, polished = truth in every"
+    echo "set; noisy: >= 95% called, <= 1 false call per 10 kb. 'polished': sets whose"
+    echo "PREFIX.polished.fa equals the truth byte for byte."
+    if [[ -s $details ]]; then
+        echo
+        echo "Missed planted errors and false calls (sNUMBER is the seed):"
+        cat "$details"
+    fi
+}
+
+# dataset N: sets dir to DIR/nN, generating the set there unless it is already complete (the
+# convention of bench/run.sh, which shares the directory).
+dataset() {
+    dir=$data/n$1
+    if [[ ! -f $dir/.complete ]]; then
+        echo "== generating $1 reads into $dir"
+        rm -rf "$dir"
+        "$make_dataset" --reads "$1" --seed 1 --out "$dir" --prefix run
+        printf 'AS 0 0\n' >"$dir/empty.ace"
+        touch "$dir/.complete"
+    fi
+}
+
+# measure NAME CMD...: one run, appending "seconds rss_kib" to $scratch/NAME.
+measure() {
+    local name=$1
+    shift
+    rm -f "$dir/run.reads" "$dir/run.krv" "$scratch"/fc.*
+    sync
+    if ! /usr/bin/time -f '%e %M' -o "$scratch/time" "$@" >/dev/null 2>"$scratch/stderr"; then
+        echo "flowcheck.sh: failed: $*" >&2
+        cat "$scratch/stderr" >&2
+        exit 1
+    fi
+    tail -n 1 "$scratch/time" >>"$scratch/$name"
+}
+
+# median FILE COLUMN
+median() {
+    sort -n -k"$2","$2" "$1" | awk -v c="$2" '{ v[NR] = $c }
+        END { if (NR % 2) print v[(NR + 1) / 2]; else print (v[NR / 2] + v[NR / 2 + 1]) / 2 }'
+}
+
+speed() {
+    mkdir -p "$data"
+    data=$(cd "$data" && pwd)
+    dataset 200000
+    local sffs=("$dir/run_a.sff" "$dir/run_b.sff")
+    echo "== warming the page cache"
+    cat "${sffs[@]}" "$dir/run.ace" >/dev/null
+    echo "== $runs runs each on 200000 reads ($(du -shc "${sffs[@]}" | tail -1 | cut -f1) of SFF)"
+    local i
+    for ((i = 1; i <= runs; ++i)); do
+        measure sorvexa "$tool" -f "$dir/run.ace" "${sffs[@]}"
+        measure flowcheck "$flowcheck" "$dir/run.ace" "${sffs[@]}" -o "$scratch/fc"
+        echo "   run $i of $runs done"
+    done
+    echo "   flowcheck: $(tail -n 1 "$scratch/stderr")"
+    rm -f "$dir/run.reads" "$dir/run.krv"
+
+    local ts tf rs rf
+    ts=$(median "$scratch/sorvexa" 1)
+    tf=$(median "$scratch/flowcheck" 1)
+    rs=$(median "$scratch/sorvexa" 2)
+    rf=$(median "$scratch/flowcheck" 2)
+    echo
+    printf '%-20s %10s %10s %10s\n' measure "wall s" "max wall s" "RSS MiB"
+    printf '%-20s %10s %10s %10.1f\n' "Sorvexa -f" "$ts" "$(sort -n "$scratch/sorvexa" | tail -1 | cut -d' ' -f1)" \
+        "$(awk -v k="$rs" 'BEGIN { print k / 1024 }')"
+    printf '%-20s %10s %10s %10.1f\n' "sorvexa-flowcheck" "$tf" "$(sort -n "$scratch/flowcheck" | tail -1 | cut -d' ' -f1)" \
+        "$(awk -v k="$rf" 'BEGIN { print k / 1024 }')"
+    local time_ratio rss_ratio
+    time_ratio=$(awk -v a="$tf" -v b="$ts" 'BEGIN { printf "%.2f", (b > 0 ? a / b : 0) }')
+    rss_ratio=$(awk -v a="$rf" -v b="$rs" 'BEGIN { printf "%.2f", a / b }')
+    echo
+    printf '%-34s %7s %9s  %s\n' ratio value target verdict
+    printf '%-34s %7s %9s  %s\n' "time flowcheck / Sorvexa -f" "$time_ratio" "<= 2" \
+        "$(awk -v v="$time_ratio" 'BEGIN { print (v <= 2 ? "ok" : "OVER") }')"
+    printf '%-34s %7s %9s  %s\n' "RSS flowcheck / Sorvexa -f" "$rss_ratio" "<= 1" \
+        "$(awk -v v="$rss_ratio" 'BEGIN { print (v <= 1 ? "ok" : "OVER") }')"
+    echo
+    echo "Medians of $runs runs; wall times as GNU time gives them (10 ms steps)."
+}
+
+[[ $only == speed ]] || accuracy
+[[ $only == accuracy ]] || speed
