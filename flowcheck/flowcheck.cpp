@@ -213,8 +213,10 @@ int flowcheck_main(int argc, char** argv) {
     const std::string vcf_path = prefix + ".flowcheck.vcf", tsv_path = prefix + ".flowcheck.tsv";
     const std::string consensus_path = prefix + ".consensus.fa";
     const std::string polished_path = prefix + ".polished.fa";
-    output_file vcf(vcf_path), tsv(tsv_path), consensus_fa(consensus_path),
-        polished_fa(polished_path);
+    // A smaller buffer than the default: these files take a contig's text at a time.
+    constexpr std::size_t buffer = 64 << 10;
+    output_file vcf(vcf_path, buffer), tsv(tsv_path, buffer), consensus_fa(consensus_path, buffer),
+        polished_fa(polished_path, buffer);
     for (const auto* f : {&vcf, &tsv, &consensus_fa, &polished_fa}) {
         if (f->is_open()) continue;
         const std::string& path = f == &vcf            ? vcf_path

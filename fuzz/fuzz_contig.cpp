@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "contig.h"
+#include "flowcheck.h"
 #include "fuzz_support.h"
 
 namespace {
@@ -139,10 +140,94 @@ std::string drawing(contig& c, window w) {
     return out;
 }
 
+// An SFF record for a read of the contig: mostly its own bases (turned back for a
+// complemented read) inside a few others, now and then changed, with any flows and clips.
+sff_read make_record(FuzzedDataProvider& in, const READ& r) {
+    std::vector<char> bases = sequence(in, in.ConsumeIntegralInRange<std::size_t>(0, 6));
+    const bool own = in.ConsumeBool() || in.ConsumeBool();
+    std::vector<char> read;
+    if (own) {
+        for (char x : r.sequence)
+            if (x != '*') read.push_back(x);
+        if (r.uncomplemented == 0) {
+            std::vector<char> rc(read.rbegin(), read.rend());
+            for (char& x : rc)
+                x = x == 'A' ? 'T' : x == 'T' ? 'A' : x == 'C' ? 'G' : x == 'G' ? 'C' : x;
+            read = rc;
+        }
+        if (!read.empty() && in.ConsumeIntegralInRange<int>(0, 7) == 0)
+            read[in.ConsumeIntegralInRange<std::size_t>(0, read.size() - 1)] = 'T';
+    } else {
+        read = sequence(in, in.ConsumeIntegralInRange<std::size_t>(0, 60));
+    }
+    bases.insert(bases.end(), read.begin(), read.end());
+    const std::vector<char> tail = sequence(in, in.ConsumeIntegralInRange<std::size_t>(0, 6));
+    bases.insert(bases.end(), tail.begin(), tail.end());
+
+    sff_read rec;
+    rec.numOfFlows = in.ConsumeIntegralInRange<std::uint16_t>(0, 1200);
+    rec.flowgram_values.resize(in.ConsumeBool() ? rec.numOfFlows
+                                                : in.ConsumeIntegralInRange<std::size_t>(0, 1200));
+    for (auto& v : rec.flowgram_values) v = in.ConsumeIntegral<std::uint16_t>();
+    rec.number_of_bases = static_cast<std::uint32_t>(bases.size());
+    rec.bases = bases;
+    for (std::size_t k = 0; k < bases.size(); ++k)
+        rec.flow_index_per_base.push_back(in.ConsumeIntegralInRange<std::uint8_t>(0, 5));
+    rec.quality_scores.assign(bases.size(), 30);
+    rec.clip_qual_left = in.ConsumeIntegral<std::uint16_t>() % 80;
+    rec.clip_qual_right = in.ConsumeIntegral<std::uint16_t>() % 400;
+    rec.clip_adapter_right = in.ConsumeBool() ? 0 : in.ConsumeIntegral<std::uint16_t>();
+    return rec;
+}
+
+// The flow-signal check over the contig: every read tied where it can be, the runs called,
+// the edits applied and reported, and a window's signals laid on align_flow's grid. The
+// edits must not overlap and the polished consensus must be exactly their result.
+void flow_evidence(FuzzedDataProvider& in, contig& c, const std::string& flows) {
+    flow_check check;
+    check.min_signals = in.ConsumeIntegralInRange<std::int32_t>(1, 5);
+    check.min_score = in.ConsumeFloatingPointInRange<double>(0, 20);
+    check.model.sigma_base = in.ConsumeFloatingPointInRange<double>(0.01, 1);
+    check.model.sigma_slope = in.ConsumeFloatingPointInRange<double>(0, 1);
+    check.keep_signals = in.ConsumeBool();
+    check.create_runs(c);
+    std::map<std::string, tied_read> tied;
+    std::int32_t n = 0;
+    for (const auto& [name, r] : c.reads) {
+        tied_read t;
+        if (!tie_read(r, make_record(in, r), flows, t)) continue;
+        check.add_read(c, r, t, n++);
+        tied[name] = t;
+    }
+    check.call_runs();
+    const std::string unpadded = unpadded_consensus(c);
+    std::vector<consensus_edit> edits;
+    check.edits(unpadded, edits);
+    std::int64_t size = static_cast<std::int64_t>(unpadded.size()), at = 0;
+    for (const consensus_edit& e : edits) {
+        if (e.begin < at || e.end < e.begin || e.end > static_cast<std::int64_t>(unpadded.size()))
+            broken("edits overlap or leave the consensus");
+        at = e.end;
+        size += static_cast<std::int64_t>(e.bases.size()) - (e.end - e.begin);
+    }
+    if (static_cast<std::int64_t>(apply_edits(unpadded, edits).size()) != size)
+        broken("the polished consensus is not the edits' result");
+    std::string text;
+    append_vcf_records(text, c.name, unpadded, edits, check);
+    for (const hp_run& r : check.runs) append_tsv_line(text, c.name, r);
+
+    flow_window w;
+    const window win = pick_window(in, c);
+    window_signals(c, tied, check, win.from, win.width, w);
+    if (w.signals.size() != w.counts.size()) broken("signal grid and count grid differ");
+    for (std::size_t k = 0; k < w.signals.size(); ++k)
+        if (w.signals[k].size() != w.counts[k].size()) broken("signal grid and count grid differ");
+}
+
 void operate(FuzzedDataProvider& in, std::deque<contig>& contigs, outputs& out) {
     contig& c = contigs.back();
     out.maybe_clear(in);
-    switch (in.ConsumeIntegralInRange<int>(0, 15)) {
+    switch (in.ConsumeIntegralInRange<int>(0, 16)) {
         // The builders are meant to run once, on an empty view; the operations that need a
         // view build it themselves when they find it empty.
         case 0:
@@ -216,6 +301,15 @@ void operate(FuzzedDataProvider& in, std::deque<contig>& contigs, outputs& out) 
             const color_map_t colors = make_colors(in);
             const std::vector<char> seq = sequence(in, in.ConsumeIntegralInRange<int>(0, 40));
             c.toHTML(out.text, seq, colors);
+            break;
+        }
+        case 15: {
+            static const std::string flows = [] {
+                std::string f;
+                for (int k = 0; k < 1000; ++k) f += "TACGtacgN"[k % (k % 97 == 0 ? 9 : 4)];
+                return f;
+            }();
+            flow_evidence(in, c, flows);
             break;
         }
         default: {

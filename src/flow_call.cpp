@@ -17,21 +17,23 @@ double flow_model::log_likelihood(std::int32_t n, double k, double s1, double s2
 }
 
 // The most likely length, the consensus length winning ties, and its log-likelihood ratio
-// against the consensus length. Lengths beyond one past the largest value cannot be more
-// likely than that one, so the search stops there.
+// against the consensus length. Above the largest value v, every value lies further from n,
+// in units of sigma(n), as n grows ((n - v) / (a + b n) grows with n), and sigma(n) grows
+// too, so no length above v can be more likely: the search stops at v rounded up.
 void flow_check::call_runs() {
     for (hp_run& r : runs) {
         r.called_length = r.consensus_length;
         r.score = 0.0;
         if (r.signals == 0) continue;
         const double k = r.signals;
-        const double at_consensus =
-            model.log_likelihood(r.consensus_length, k, r.sum, r.sum_squares);
+        const double s1 = static_cast<double>(r.sum) / 100.0;
+        const double s2 = static_cast<double>(r.sum_squares) / 10000.0;
+        const double at_consensus = model.log_likelihood(r.consensus_length, k, s1, s2);
         double best = at_consensus;
-        const auto top = static_cast<std::int32_t>(std::ceil(r.max_value)) + 1;
+        const std::int32_t top = (r.max_value + 99) / 100;
         for (std::int32_t n = 0; n <= top; ++n) {
             if (n == r.consensus_length) continue;
-            const double ll = model.log_likelihood(n, k, r.sum, r.sum_squares);
+            const double ll = model.log_likelihood(n, k, s1, s2);
             if (ll > best) {
                 best = ll;
                 r.called_length = n;

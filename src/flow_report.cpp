@@ -49,7 +49,7 @@ void append_record(std::string& out, std::string_view contig_name, const std::st
     out += "\t.\tPASS\t";
     info_list(out, "DP", rec, check, [&](const hp_run& r) { put(out, r.signals); });
     info_list(out, ";FWD", rec, check, [&](const hp_run& r) { put(out, r.forward); });
-    info_list(out, ";REV", rec, check, [&](const hp_run& r) { put(out, r.reverse); });
+    info_list(out, ";REV", rec, check, [&](const hp_run& r) { put(out, r.reverse()); });
     info_list(out, ";CL", rec, check, [&](const hp_run& r) { put(out, r.consensus_length); });
     info_list(out, ";HL", rec, check, [&](const hp_run& r) { put(out, r.called_length); });
     info_list(out, ";SC", rec, check, [&](const hp_run& r) { put_fixed(out, r.score); });
@@ -142,7 +142,8 @@ void append_tsv_line(std::string& out, std::string_view contig_name, const hp_ru
     }
     out += '\t';
     out += r.letter;
-    for (std::int64_t v : {r.consensus_length, r.called_length, r.signals, r.forward, r.reverse}) {
+    for (std::int64_t v :
+         {r.consensus_length, r.called_length, r.signals, r.forward, r.reverse()}) {
         out += '\t';
         put(out, v);
     }

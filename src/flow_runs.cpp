@@ -1,15 +1,15 @@
 // The homopolymer runs of a contig's consensus and the flow signals that tied reads give
 // each of them.
 #include <algorithm>
-#include <cctype>
+#include <bit>
 
+#include "flow_letters.h"
 #include "flowcheck.h"
 
 namespace {
 
-char upper(char c) {
-    return static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-}
+using flow_letters::complement;
+using flow_letters::upper;
 
 int letter_bit(char x) {
     switch (x) {
@@ -23,19 +23,6 @@ int letter_bit(char x) {
             return 8;
         default:
             return 0;
-    }
-}
-
-char complement(char c) {
-    switch (c) {
-        case 'A':
-            return 'T';
-        case 'C':
-            return 'G';
-        case 'G':
-            return 'C';
-        default:
-            return 'A';
     }
 }
 
@@ -56,6 +43,10 @@ bool run_order(const hp_run& a, const hp_run& b) {
 
 }  // namespace
 
+// Runs of bases are found in one walk over the consensus; the pad-only blocks between bases
+// then collect the letters reads hold in them, each a run of length 0. Everything is counted
+// before the runs are stored: a whole genome's contig has hundreds of thousands of them, and
+// a vector grown by doubling would hold half as many again, and briefly twice as many.
 void flow_check::create_runs(const contig& c) {
     runs.clear();
     signals.clear();
@@ -64,37 +55,42 @@ void flow_check::create_runs(const contig& c) {
     auto at = [&](std::int32_t column) {
         return upper(c.consensus[static_cast<std::size_t>(column - 1)]);
     };
-    std::vector<std::int32_t> bases;  // the columns that hold a consensus base
-    for (std::int32_t col = 1; col <= L; ++col)
-        if (c.consensus[static_cast<std::size_t>(col - 1)] != '*') bases.push_back(col);
-    const auto nb = static_cast<std::int32_t>(bases.size());
-
-    for (std::int32_t i = 0; i < nb;) {
-        const char letter = at(bases[i]);
-        std::int32_t j = i;
-        while (j + 1 < nb && at(bases[j + 1]) == letter) ++j;
-        if (letter_bit(letter) != 0) {
-            hp_run r;
-            r.first_column = i > 0 ? bases[i - 1] + 1 : 1;
-            r.last_column = j + 1 < nb ? bases[j + 1] - 1 : L;
-            r.column = bases[i];
-            r.position = i + 1;
-            r.letter = letter;
-            r.consensus_length = j - i + 1;
-            runs.push_back(r);
+    // Calls f(first base column, last base column, bases before, length, column of the base
+    // before or 0, column of the base after or L + 1) for each maximal stretch of one letter
+    // that a flow offers, and block(first, last, left, right, position) for each block of
+    // pads between two bases.
+    auto walk = [&](auto run, auto block) {
+        std::int32_t start = 0, last = 0, before = 0, count = 0, bases = 0;
+        char letter = 0;
+        auto close = [&](std::int32_t next) {
+            if (count > 0 && letter_bit(letter) != 0)
+                run(start, last, bases - count, count, before, next);
+        };
+        for (std::int32_t col = 1; col <= L; ++col) {
+            if (c.consensus[static_cast<std::size_t>(col - 1)] == '*') continue;
+            const char x = at(col);
+            if (last > 0 && col > last + 1) block(last + 1, col - 1, at(last), x, bases + 1);
+            if (count > 0 && x == letter) {
+                ++count;
+            } else {
+                close(col);
+                before = last;
+                start = col;
+                letter = x;
+                count = 1;
+            }
+            last = col;
+            ++bases;
         }
-        i = j + 1;
-    }
+        close(L + 1);
+    };
 
-    // Runs of length 0: letters that reads hold in pad-only columns between two bases.
+    std::size_t needed = 0;
     std::vector<pad_block> blocks;
-    std::vector<std::int32_t> block_of(static_cast<std::size_t>(L), -1);
-    for (std::int32_t i = 0; i + 1 < nb; ++i) {
-        if (bases[i + 1] == bases[i] + 1) continue;
-        for (std::int32_t col = bases[i] + 1; col < bases[i + 1]; ++col)
-            block_of[static_cast<std::size_t>(col - 1)] = static_cast<std::int32_t>(blocks.size());
-        blocks.push_back({bases[i] + 1, bases[i + 1] - 1, at(bases[i]), at(bases[i + 1]), i + 2});
-    }
+    walk([&](auto...) { ++needed; },
+         [&](std::int32_t first, std::int32_t last, char left, char right, std::int32_t position) {
+             blocks.push_back({first, last, left, right, position});
+         });
     if (!blocks.empty()) {
         for (const auto& [name, read] : c.reads) {
             const std::int64_t n = std::min<std::int64_t>(
@@ -104,14 +100,37 @@ void flow_check::create_runs(const contig& c) {
             const std::int64_t k1 =
                 std::min<std::int64_t>(n, L - static_cast<std::int64_t>(read.start) + 1);
             for (std::int64_t k = k0; k < k1; ++k) {
-                const std::int32_t b = block_of[static_cast<std::size_t>(read.start + k - 1)];
-                if (b < 0) continue;
-                pad_block& block = blocks[static_cast<std::size_t>(b)];
+                const std::int64_t col = read.start + k;
+                if (c.consensus[static_cast<std::size_t>(col - 1)] != '*') continue;
+                auto b = std::upper_bound(
+                    blocks.begin(), blocks.end(), col,
+                    [](std::int64_t v, const pad_block& p) { return v < p.first; });
+                if (b == blocks.begin() || (--b)->last < col)
+                    continue;  // pads before the first base or after the last
                 const char x = upper(read.sequence[static_cast<std::size_t>(k)]);
-                if (x != block.left && x != block.right) block.letters |= letter_bit(x);
+                if (x != b->left && x != b->right) b->letters |= letter_bit(x);
             }
         }
     }
+    for (const pad_block& block : blocks)
+        needed += static_cast<std::size_t>(std::popcount(static_cast<unsigned>(block.letters)));
+    if (runs.capacity() < needed) std::vector<hp_run>().swap(runs);
+    runs.reserve(needed);
+
+    walk(
+        [&](std::int32_t first, std::int32_t last_base, std::int32_t before, std::int32_t length,
+            std::int32_t prev, std::int32_t next) {
+            (void)last_base;
+            hp_run r;
+            r.first_column = prev + 1;
+            r.last_column = next - 1;
+            r.column = first;
+            r.position = before + 1;
+            r.letter = at(first);
+            r.consensus_length = length;
+            runs.push_back(r);
+        },
+        [](auto...) {});
     for (const pad_block& block : blocks) {
         for (char x : fcycle) {
             if (!(block.letters & letter_bit(x))) continue;
@@ -197,12 +216,7 @@ void flow_check::add_read(const contig& c, const READ& read, const tied_read& t,
             if (static_cast<std::size_t>(flow) >= t.flowgram.size()) continue;
             value = t.flowgram[static_cast<std::size_t>(flow)];
         }
-        const double v = value / 100.0;
-        ++r.signals;
-        ++(t.complemented ? r.reverse : r.forward);
-        r.sum += v;
-        r.sum_squares += v * v;
-        r.max_value = std::max(r.max_value, v);
+        r.add(value, t.complemented);
         if (keep_signals)
             signals.push_back(
                 {static_cast<std::int32_t>(it - runs.begin()), read_number, value, t.complemented});

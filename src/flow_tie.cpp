@@ -1,30 +1,14 @@
 // Tying a read of a contig to the flows of its SFF record: where its sequence lies among the
 // record's called bases, and from there the flow of each of its bases.
 #include <algorithm>
-#include <cctype>
 
+#include "flow_letters.h"
 #include "flowcheck.h"
 
 namespace {
 
-char upper(char c) {
-    return static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-}
-
-char complement(char c) {
-    switch (c) {
-        case 'A':
-            return 'T';
-        case 'C':
-            return 'G';
-        case 'G':
-            return 'C';
-        case 'T':
-            return 'A';
-        default:
-            return c;
-    }
-}
+using flow_letters::complement;
+using flow_letters::upper;
 
 // Every occurrence of `pattern` in `text` in one linear pass (Knuth-Morris-Pratt), so that a
 // hostile record of repeated letters costs no more than a normal one. Stops when `take`
@@ -68,23 +52,35 @@ bool tie_read(const READ& read, const sff_read& record, std::string_view flow_ch
     }
 
     const std::size_t held = record.bases_held();
-    std::string called(held, '\0');
-    for (std::size_t i = 0; i < held; ++i) called[i] = upper(record.bases[i]);
-
+    const std::size_t m = wanted.size();
     // The kept range, 0-based; an occurrence overlapping it is the read the assembly used.
     const std::int64_t kept_first = std::max<std::int64_t>(record.get_base_start(), 1) - 1;
     const std::int64_t kept_last = static_cast<std::int64_t>(record.get_base_end()) - 1;
+    auto matches_at = [&](std::size_t at) {
+        if (at > held || held - at < m || m == 0) return false;
+        for (std::size_t u = 0; u < m; ++u)
+            if (upper(record.bases[at + u]) != wanted[u]) return false;
+        return true;
+    };
+    // Nearly always the assembly holds the kept bases from the first one on; otherwise the
+    // first occurrence that overlaps the kept range, else the first one anywhere.
     std::int64_t found = -1;
-    for_each_occurrence(called, wanted, [&](std::size_t at) {
-        const auto first = static_cast<std::int64_t>(at);
-        const std::int64_t last = first + static_cast<std::int64_t>(wanted.size()) - 1;
-        if (found < 0) found = first;
-        if (first <= kept_last && last >= kept_first) {
-            found = first;
-            return true;
-        }
-        return false;
-    });
+    if (matches_at(static_cast<std::size_t>(kept_first))) {
+        found = kept_first;
+    } else {
+        std::string called(held, '\0');
+        for (std::size_t i = 0; i < held; ++i) called[i] = upper(record.bases[i]);
+        for_each_occurrence(called, wanted, [&](std::size_t at) {
+            const auto first = static_cast<std::int64_t>(at);
+            const std::int64_t last = first + static_cast<std::int64_t>(m) - 1;
+            if (found < 0) found = first;
+            if (first <= kept_last && last >= kept_first) {
+                found = first;
+                return true;
+            }
+            return false;
+        });
+    }
     if (found < 0) return false;
 
     // The flow of every called base: the running sum of the per-base increments, from -1.
@@ -98,7 +94,6 @@ bool tie_read(const READ& read, const sff_read& record, std::string_view flow_ch
     out.start = read.start;
     out.complemented = complemented;
     out.base_flow.assign(read.sequence.size(), -1);
-    const std::size_t m = wanted.size();
     std::size_t u = 0;  // unpadded index of the read's next base
     for (std::size_t k = 0; k < padded; ++k) {
         if (read.sequence[k] == '*') continue;

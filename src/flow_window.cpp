@@ -4,22 +4,12 @@
 #include <algorithm>
 
 #include "contig_window.h"
+#include "flow_letters.h"
 #include "flowcheck.h"
 
 namespace {
 
-char complement(char c) {
-    switch (c) {
-        case 'A':
-            return 'T';
-        case 'C':
-            return 'G';
-        case 'G':
-            return 'C';
-        default:
-            return 'A';
-    }
-}
+using flow_letters::complement;
 
 // The value a tied read measured for one flow of the grid: the flow that called its bases
 // there or, with none, its first flow of the letter between the flows of the bases on either

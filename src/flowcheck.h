@@ -23,8 +23,8 @@
 
 // The spread of a flow value around the length n of the run it measures: N(n, sigma(n)).
 struct flow_model {
-    double sigma_base = 0.10;
-    double sigma_slope = 0.07;
+    double sigma_base = 0.12;
+    double sigma_slope = 0.09;
 
     double sigma(std::int32_t n) const { return sigma_base + sigma_slope * n; }
     // The log-likelihood of k values with sum s1 and sum of squares s2 (in bases) under
@@ -44,31 +44,46 @@ struct tied_read {
 };
 
 // Finds the read's unpadded sequence (reverse-complemented for a complemented read) in the
-// record's called bases, ignoring case, preferring an occurrence that overlaps the kept
-// range. False when it is not there: the read was edited or trimmed otherwise, and is left
-// out rather than guessed. `flow_chars` is the file's flow order.
+// record's called bases, ignoring case: where the kept range begins when it stands there,
+// else the first occurrence that overlaps the kept range, else the first anywhere. False when it is
+// not there: the read was edited or trimmed otherwise, and is left out rather than guessed.
+// `flow_chars` is the file's flow order.
 bool tie_read(const READ& read, const sff_read& record, std::string_view flow_chars,
               tied_read& out);
 
-// A homopolymer run of the consensus and what the reads say about it.
+// A homopolymer run of the consensus and what the reads say about it. A contig of a whole
+// genome has hundreds of thousands of them, so the record is kept small and the sums exact
+// (values in hundredths, as the flowgram holds them).
 struct hp_run {
     std::int32_t first_column = 0;  // the columns it owns: its bases and the pads around them
     std::int32_t last_column = 0;
     std::int32_t column = 0;    // its first base; the first pad column for a run of length 0
     std::int32_t position = 0;  // unpadded position of its first base (where it would start)
-    char letter = 'A';          // upper case
     std::int32_t consensus_length = 0;
-
-    // Sums over its signals (values in bases).
-    std::int32_t signals = 0, forward = 0, reverse = 0;
-    double sum = 0.0, sum_squares = 0.0, max_value = 0.0;
 
     // The call: the most likely length and the log-likelihood ratio (natural log) of that
     // length against the consensus length, 0 when they agree.
     std::int32_t called_length = 0;
     double score = 0.0;
 
-    double mean_signal() const { return signals > 0 ? sum / signals : 0.0; }
+    std::int32_t signals = 0, forward = 0;
+    std::uint64_t sum = 0, sum_squares = 0;  // of the values in hundredths
+    std::uint16_t max_value = 0;
+    char letter = 'A';  // upper case
+
+    std::int32_t reverse() const { return signals - forward; }
+    // In bases.
+    double mean_signal() const {
+        return signals > 0 ? static_cast<double>(sum) / 100.0 / signals : 0.0;
+    }
+    // Adds one value (hundredths).
+    void add(std::uint16_t value, bool complemented) {
+        ++signals;
+        if (!complemented) ++forward;
+        sum += value;
+        sum_squares += std::uint64_t{value} * value;
+        if (value > max_value) max_value = value;
+    }
 };
 
 // One signal, kept for callers that show them read by read.

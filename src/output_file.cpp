@@ -36,7 +36,7 @@ void report_write_failure(const std::string& path) {
 
 }  // namespace
 
-output_file::output_file(const std::string& path)
+output_file::output_file(const std::string& path, std::size_t buffer)
     : path_(path), fd_(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)) {
     if (fd_ < 0) return;
     // A file-size limit then fails the write with EFBIG, which is reported, instead of
@@ -45,8 +45,8 @@ output_file::output_file(const std::string& path)
     static const bool handler = std::atexit(flush_at_exit) == 0;
     (void)handler;
     // Not zero-filled: only the bytes written are ever touched.
-    buf_ = std::make_unique_for_overwrite<char[]>(buffer_size);
-    capacity_ = buffer_size;
+    buf_ = std::make_unique_for_overwrite<char[]>(buffer);
+    capacity_ = buffer;
     track(this, nullptr);
 }
 

@@ -48,8 +48,10 @@ char* put_decimal(char* out, T v) {
 
 class output_file {
   public:
-    // Opens with truncation; is_open() tells whether that worked.
-    explicit output_file(const std::string& path);
+    // Opens with truncation; is_open() tells whether that worked. A write larger than the
+    // buffer grows it to that size.
+    explicit output_file(const std::string& path, std::size_t buffer = default_buffer_size);
+    static constexpr std::size_t default_buffer_size = 1 << 20;
     // Flushes and closes a file still open; a failure is reported but, this being a
     // destructor, cannot end the run: close() explicitly to have it do that.
     ~output_file();
@@ -85,7 +87,6 @@ class output_file {
     void close();
 
   private:
-    static constexpr std::size_t buffer_size = 1 << 20;
 
     // Room for n more bytes; the caller writes there and hands the end back to commit().
     char* reserve(std::size_t n);

@@ -153,7 +153,7 @@ TEST(Signals, ARunGetsTheFlowOfItsBasesOrTheFlowBetweenItsNeighbours) {
     EXPECT_EQ(t.consensus_length, 3);
     EXPECT_EQ(values_of(k, t), (std::vector<std::uint16_t>{310, 190, 40, 290}));
     EXPECT_EQ(t.forward, 3);
-    EXPECT_EQ(t.reverse, 1);
+    EXPECT_EQ(t.reverse(), 1);
     EXPECT_NEAR(t.mean_signal(), 2.075, 1e-9);
     // The first and last runs have no base before or after them: never weighed.
     EXPECT_EQ(run_at(k, 1, 'A').signals, 0);
@@ -243,12 +243,7 @@ TEST(Call, TheMostLikelyLengthAndItsRatioAgainstTheConsensus) {
         flow_check check;
         hp_run run;
         run.consensus_length = r.consensus;
-        for (double v : r.values) {
-            ++run.signals;
-            run.sum += v;
-            run.sum_squares += v * v;
-            run.max_value = std::max(run.max_value, v);
-        }
+        for (double v : r.values) run.add(static_cast<std::uint16_t>(std::lround(v * 100)), false);
         check.runs = {run};
         check.call_runs();
         const hp_run& got = check.runs[0];
@@ -302,7 +297,7 @@ report report_of(const std::string& consensus, const std::map<std::int32_t, std:
     return out;
 }
 
-const std::string kInfo = "\t.\tPASS\tDP=10;FWD=0;REV=0;";
+const std::string kInfo = "\t.\tPASS\tDP=10;FWD=0;REV=10;";
 
 TEST(Vcf, RecordsAreAnchoredOnTheBaseBeforeTheRun) {
     // Next to the contig's first base; behind pad columns; a run removed.
@@ -318,14 +313,14 @@ TEST(Vcf, RecordsAreAnchoredOnTheBaseBeforeTheRun) {
 TEST(Vcf, CallsSharingAnAnchorBaseBecomeOneRecord) {
     const report both = report_of("AC**GGTA", {{2, 2}, {5, 3}});
     EXPECT_EQ(both.vcf,
-              "c1\t1\t.\tACGG\tACCGGG\t.\tPASS\tDP=10,10;FWD=0,0;REV=0,0;CL=1,2;HL=2,3;"
+              "c1\t1\t.\tACGG\tACCGGG\t.\tPASS\tDP=10,10;FWD=0,0;REV=10,10;CL=1,2;HL=2,3;"
               "SC=20.00,20.00\n");
     EXPECT_EQ(both.polished, "ACCGGGTA");
     // A run the consensus lacks goes in after the base before its pad columns.
     const report inserted = report_of("AC**GGTA", {{3, 1}, {5, 1}}, {{"r", 1, "ACTTGGTA"}});
     EXPECT_EQ(
         inserted.vcf,
-        "c1\t2\t.\tCGG\tCTG\t.\tPASS\tDP=10,10;FWD=0,0;REV=0,0;CL=0,2;HL=1,1;SC=20.00,20.00\n");
+        "c1\t2\t.\tCGG\tCTG\t.\tPASS\tDP=10,10;FWD=0,0;REV=10,10;CL=0,2;HL=1,1;SC=20.00,20.00\n");
     EXPECT_EQ(inserted.polished, "ACTGTA");
 }
 
@@ -358,10 +353,9 @@ TEST(Report, FastaAndTsvLines) {
     r.letter = 'G';
     r.consensus_length = 2;
     r.called_length = 3;
-    r.signals = 3;
-    r.forward = 1;
-    r.reverse = 2;
-    r.sum = 9.1;
+    r.add(300, false);
+    r.add(310, true);
+    r.add(300, true);
     r.score = 12.346;
     std::string tsv;
     append_tsv_line(tsv, "c1", r);

@@ -426,8 +426,9 @@ bool fits(const std::vector<genome_run>& runs, std::uint32_t i, error_kind kind,
     if (r.start < kEndMargin || r.start + r.length + kEndMargin > length) return false;
     switch (kind) {
         case error_kind::remove:
-            // Neighbours of one letter would merge into a run the genome does not have.
-            return r.length == 1 && runs[i - 1].letter != runs[i + 1].letter;
+            // Neighbours of one letter then show as one run in the consensus (ACA as AA), and
+            // only the reads' flows tell that the run between them is missing.
+            return r.length == 1;
         case error_kind::shorten:
             return r.length >= 2;
         default:
