@@ -18,7 +18,6 @@
 #include "flowcheck_main.h"
 #include "output_file.h"
 #include "read_lookup.h"
-#include "sff.h"
 
 namespace {
 
@@ -141,7 +140,7 @@ std::string output_prefix(const std::string& ace_path) {
 
 struct totals {
     std::int64_t contigs = 0, tested = 0, called = 0;
-    std::int64_t tied = 0, untied = 0, not_found = 0;
+    tie_counts reads;
 };
 
 // While standard error is a terminal, a line that says how far the run has come, redrawn a
@@ -155,45 +154,13 @@ struct progress {
         const auto now = std::chrono::steady_clock::now();
         if (now < next) return;
         next = now + std::chrono::milliseconds(250);
-        std::cerr << "\r" << program << ": " << t.contigs << " contigs, " << t.tied + t.untied
-                  << " reads" << std::flush;
+        std::cerr << "\r" << program << ": " << t.contigs << " contigs, "
+                  << t.reads.tied + t.reads.untied << " reads" << std::flush;
     }
     void clear() {
         if (shown) std::cerr << "\r\033[K" << std::flush;
     }
 };
-
-// The reads of one contig fetched file by file and tied to their flows; their signals go
-// into `check`.
-void weigh_reads(const contig& c, const read_lookup& lookup, flow_check& check, totals& t) {
-    std::vector<std::vector<std::pair<std::int64_t, const READ*>>> wanted(lookup.sff_names.size());
-    std::int64_t pos = 0;
-    for (const auto& [name, read] : c.reads) {
-        const int k = lookup.find(name, pos);
-        if (k < 0) {
-            ++t.not_found;
-            continue;
-        }
-        wanted[static_cast<std::size_t>(k)].emplace_back(pos, &read);
-    }
-    tied_read tied;
-    std::int32_t number = 0;
-    for (std::size_t k = 0; k < wanted.size(); ++k) {
-        if (wanted[k].empty()) continue;
-        reader rd(lookup.sff_names[k]);
-        rd.get_header();
-        const std::string_view flows(rd.header_p2.flow_chars.data(),
-                                     rd.header_p2.flow_chars.size());
-        for (const auto& [at, read] : wanted[k]) {
-            if (rd.get_record(at) && tie_read(*read, rd.cur_read, flows, tied)) {
-                check.add_read(c, *read, tied, number++);
-                ++t.tied;
-            } else {
-                ++t.untied;
-            }
-        }
-    }
-}
 
 }  // namespace
 
@@ -237,9 +204,7 @@ int flowcheck_main(int argc, char** argv) {
     for (;;) {
         contig c;
         if (ace.next_contig(c) == 0) break;
-        check.create_runs(c);
-        weigh_reads(c, lookup, check, t);
-        check.call_runs();
+        check.check_contig(c, lookup, t.reads);
 
         const std::string unpadded = unpadded_consensus(c);
         std::vector<consensus_edit> edits;
@@ -278,7 +243,8 @@ int flowcheck_main(int argc, char** argv) {
     for (auto* f : {&vcf, &tsv, &consensus_fa, &polished_fa}) f->close();
 
     std::cerr << program << ": " << t.contigs << " contigs, " << t.tested << " runs tested, "
-              << t.called << " called different; reads: " << t.tied << " tied, " << t.untied
-              << " untied, " << t.not_found << " in no SFF file" << std::endl;
+              << t.called << " called different; reads: " << t.reads.tied << " tied, "
+              << t.reads.untied << " untied, " << t.reads.not_found << " in no SFF file"
+              << std::endl;
     return 0;
 }

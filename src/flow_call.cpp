@@ -43,6 +43,46 @@ void flow_check::call_runs() {
     }
 }
 
+// Records are fetched file by file in name order, so that each file is opened once per
+// contig, as the run of Sorvexa does.
+void flow_check::check_contig(const contig& c, const read_lookup& lookup, tie_counts& counts) {
+    create_runs(c);
+    struct wanted_read {
+        std::int64_t pos;
+        const READ* read;
+        std::int32_t number;
+    };
+    std::vector<std::vector<wanted_read>> wanted(lookup.sff_names.size());
+    std::int64_t pos = 0;
+    std::int32_t number = 0;
+    for (const auto& [name, read] : c.reads) {
+        const int k = lookup.find(name, pos);
+        if (k < 0) {
+            ++counts.not_found;
+        } else {
+            wanted[static_cast<std::size_t>(k)].push_back({pos, &read, number});
+        }
+        ++number;
+    }
+    tied_read tied;
+    for (std::size_t k = 0; k < wanted.size(); ++k) {
+        if (wanted[k].empty()) continue;
+        reader rd(lookup.sff_names[k]);
+        rd.get_header();
+        const std::string_view flows(rd.header_p2.flow_chars.data(),
+                                     rd.header_p2.flow_chars.size());
+        for (const wanted_read& w : wanted[k]) {
+            if (rd.get_record(w.pos) && tie_read(*w.read, rd.cur_read, flows, tied)) {
+                add_read(c, *w.read, tied, w.number);
+                ++counts.tied;
+            } else {
+                ++counts.untied;
+            }
+        }
+    }
+    call_runs();
+}
+
 namespace {
 
 bool conflict(const consensus_edit& x, const consensus_edit& y) {

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "contig.h"
+#include "read_lookup.h"
 #include "sff.h"
 
 // The spread of a flow value around the length n of the run it measures: N(n, sigma(n)).
@@ -101,6 +102,12 @@ struct consensus_edit {
     std::int32_t run = 0;  // the run whose call it applies
 };
 
+// What became of a contig's reads: tied to their records, found but not tied (edited or
+// trimmed otherwise in the assembly, or a record that could not be read), in no SFF file.
+struct tie_counts {
+    std::int64_t tied = 0, untied = 0, not_found = 0;
+};
+
 class flow_check {
   public:
     flow_model model;
@@ -119,6 +126,10 @@ class flow_check {
     void add_read(const contig& c, const READ& read, const tied_read& t, std::int32_t read_number);
     // Calls the length of every run that has at least one signal.
     void call_runs();
+    // The whole check of one contig: its runs, every read's record fetched through `lookup`
+    // (file by file, each file opened once) and tied, the signals, the calls. A read's number
+    // in run_signal is its place in the contig's name order. Adds to `counts`.
+    void check_contig(const contig& c, const read_lookup& lookup, tie_counts& counts);
 
     // A run with enough signals to be weighed.
     bool tested(const hp_run& r) const { return r.signals >= min_signals && r.signals > 0; }
