@@ -7,20 +7,22 @@
 #     on its own with only <prefix>/include on the path; a downstream CMake project
 #     (tests/consumer) and a pkg-config build against it, run on the example ACE file;
 #  2. Debian packages: `dpkg-buildpackage -us -uc -b` (the README's command) on a copy of the
-#     tree, lintian on both packages (any error or warning fails), their metadata and contents,
-#     dpkg -i, Sorvexa from PATH on the bundled example, tests/consumer built against the
-#     installed packages with CMake and with pkg-config, the man page, dpkg -r;
+#     tree, lintian on the three packages (any error or warning fails), their metadata and
+#     contents, dpkg -i, Sorvexa and sorvexa-flowcheck from PATH on the bundled example,
+#     tests/consumer built against the installed packages with CMake and with pkg-config, the
+#     man pages, dpkg -r;
 #  3. example page: contig_page rendered by headless Chromium, the screenshot must not be blank.
 #
 # The screenshot goes to a temporary directory; SORVEXA_SCREENSHOT=FILE keeps it instead
 # (SORVEXA_SCREENSHOT=docs/contig_page.png regenerates the README's picture).
+# SORVEXA_BUILD_DIR=DIR takes the release build from DIR instead of build/release.
 # 'test && pass ... || fail ...' is safe here: pass always succeeds.
 # shellcheck disable=SC2015
 set -euo pipefail
 cd "$(dirname "$0")/.."
 export DEBIAN_FRONTEND=noninteractive
 
-build=build/release
+build=${SORVEXA_BUILD_DIR:-build/release}
 ace=$build/example/example.ace
 failures=0
 debs_installed=0
@@ -44,7 +46,7 @@ die() {
     exit 1
 }
 
-for f in "$build/Sorvexa" "$build/examples/contig_page" "$ace"; do
+for f in "$build/Sorvexa" "$build/flowcheck/sorvexa-flowcheck" "$build/examples/contig_page" "$ace"; do
     [ -e "$f" ] || die "$f is missing: run 'cmake --preset release && cmake --build --preset release' first"
 done
 
@@ -91,9 +93,10 @@ check_ids() {
 echo "== install tree"
 prefix=$tmp/prefix
 cmake --install "$build" --prefix "$prefix" >"$tmp/install.log"
-for f in bin/Sorvexa lib/libsorvexa.a include/sorvexa/ace.h include/sorvexa/contig.h \
-    lib/cmake/Sorvexa/SorvexaConfig.cmake lib/cmake/Sorvexa/SorvexaConfigVersion.cmake \
-    lib/pkgconfig/sorvexa.pc share/man/man1/Sorvexa.1; do
+for f in bin/Sorvexa bin/sorvexa-flowcheck lib/libsorvexa.a include/sorvexa/ace.h \
+    include/sorvexa/contig.h include/sorvexa/flowcheck.h lib/cmake/Sorvexa/SorvexaConfig.cmake \
+    lib/cmake/Sorvexa/SorvexaConfigVersion.cmake lib/pkgconfig/sorvexa.pc \
+    share/man/man1/Sorvexa.1 share/man/man1/sorvexa-flowcheck.1; do
     [ -e "$prefix/$f" ] || fail "install tree lacks $f"
 done
 pass "cmake --install into a temporary prefix"
@@ -103,7 +106,7 @@ pass "cmake --install into a temporary prefix"
 check_headers() {
     local root=$1 h rel bad=0 public
     public=$(cd "$root/sorvexa" && find . -maxdepth 1 -name '*.h' -printf '%f\n' | sort | tr '\n' ' ')
-    [ "$public" = "ace.h contig.h process_exit.h sff.h " ] ||
+    [ "$public" = "ace.h contig.h flowcheck.h process_exit.h sff.h " ] ||
         { fail "public headers in $root/sorvexa: $public"; bad=1; }
     while IFS= read -r h; do
         rel=${h#"$root"/}
@@ -220,11 +223,12 @@ extra=$(field "$tool_deb" Depends | tr ',|' '\n' | sed -e 's/(.*)//' -e 's/[[:sp
     grep -v -x -e '' -e libc6 -e libstdc++6 -e libgcc-s1 || true)
 [ -z "$extra" ] && pass "sorvexa Depends: $(field "$tool_deb" Depends)" ||
     fail "sorvexa depends on more than the C/C++ runtime: $extra"
-for f in /usr/bin/Sorvexa /usr/share/man/man1/Sorvexa.1.gz; do
+for f in /usr/bin/Sorvexa /usr/share/man/man1/Sorvexa.1.gz /usr/bin/sorvexa-flowcheck \
+    /usr/share/man/man1/sorvexa-flowcheck.1.gz; do
     grep -q -x -F "$f" "$tmp/sorvexa.list" || fail "sorvexa lacks $f"
 done
 for f in /usr/include/sorvexa/ace.h /usr/include/sorvexa/contig.h /usr/include/sorvexa/sff.h \
-    "/usr/lib/$multiarch/libsorvexa.a" "/usr/lib/$multiarch/pkgconfig/sorvexa.pc" \
+    /usr/include/sorvexa/flowcheck.h "/usr/lib/$multiarch/libsorvexa.a" "/usr/lib/$multiarch/pkgconfig/sorvexa.pc" \
     "/usr/lib/$multiarch/cmake/Sorvexa/SorvexaConfig.cmake"; do
     grep -q -x -F "$f" "$tmp/libsorvexa-dev.list" || fail "libsorvexa-dev lacks $f"
 done
@@ -279,6 +283,41 @@ else
     fail "Sorvexa on PATH is '$(command -v Sorvexa || true)', not /usr/bin/Sorvexa"
 fi
 
+if [ "$(command -v sorvexa-flowcheck)" = /usr/bin/sorvexa-flowcheck ]; then
+    readelf -S /usr/bin/sorvexa-flowcheck | grep -q -e '\.symtab' -e '\.debug_' &&
+        fail "/usr/bin/sorvexa-flowcheck is not stripped" || pass "/usr/bin/sorvexa-flowcheck is stripped"
+    # The same example through the installed checker: status 0, its four files, each as the
+    # build tree's program writes it, and the summary line.
+    tool=$PWD/$build/flowcheck/sorvexa-flowcheck
+    sffs=("$PWD/$build/example/example_a.sff" "$PWD/$build/example/example_b.sff")
+    mkdir -p "$tmp/flow" "$tmp/flow_ref"
+    cp "$ace" "$tmp/flow/"
+    cp "$ace" "$tmp/flow_ref/"
+    flow_ok=1 status=0 ref_status=0
+    (cd "$tmp/flow" && sorvexa-flowcheck example.ace "${sffs[@]}" >"$tmp/flow.out" 2>"$tmp/flow.err") ||
+        status=$?
+    (cd "$tmp/flow_ref" && "$tool" example.ace "${sffs[@]}" >/dev/null 2>&1) || ref_status=$?
+    [ "$status" -eq 0 ] || { flow_ok=0; fail "sorvexa-flowcheck from PATH exited with status $status"; }
+    [ "$ref_status" -eq 0 ] || { flow_ok=0; fail "$tool exited with status $ref_status"; }
+    for f in example.flowcheck.vcf example.flowcheck.tsv example.consensus.fa example.polished.fa; do
+        if [ ! -s "$tmp/flow/$f" ]; then
+            flow_ok=0
+            fail "sorvexa-flowcheck from PATH wrote no $f"
+        elif ! cmp -s "$tmp/flow/$f" "$tmp/flow_ref/$f"; then
+            flow_ok=0
+            fail "sorvexa-flowcheck from PATH: $f differs from the build tree's"
+        fi
+    done
+    head -n 1 "$tmp/flow/example.flowcheck.vcf" | grep -q -x '##fileformat=VCFv4.2' ||
+        { flow_ok=0; fail "example.flowcheck.vcf does not begin as VCF 4.2"; }
+    grep -q '^sorvexa-flowcheck: .* runs tested, ' "$tmp/flow.err" ||
+        { flow_ok=0; fail "sorvexa-flowcheck printed no summary: $(cat "$tmp/flow.err")"; }
+    [ "$flow_ok" -eq 1 ] &&
+        pass "sorvexa-flowcheck from PATH on the bundled example: $(grep -c -v '^#' "$tmp/flow/example.flowcheck.vcf") calls, four files as the build tree's"
+else
+    fail "sorvexa-flowcheck on PATH is '$(command -v sorvexa-flowcheck || true)', not /usr/bin/sorvexa-flowcheck"
+fi
+
 # The packaged CMake package, found in the multiarch directory (CMAKE_PREFIX_PATH=/usr named,
 # so that an install under /usr/local on a developer's machine is not picked up instead).
 if cmake -S tests/consumer -B "$tmp/consumer_deb" -G Ninja -DCMAKE_BUILD_TYPE=Release \
@@ -307,7 +346,7 @@ else
 fi
 check_headers /usr/include
 
-for page in Sorvexa sorvexa-browse; do
+for page in Sorvexa sorvexa-browse sorvexa-flowcheck; do
     manpage=$(man -w "$page" 2>/dev/null || true)
     if [ "$manpage" = "/usr/share/man/man1/$page.1.gz" ]; then
         warnings=$(man --warnings -l "$manpage" 2>&1 >/dev/null || true)
@@ -320,7 +359,8 @@ done
 
 if dpkg -r sorvexa sorvexa-browse libsorvexa-dev >"$tmp/dpkg-r.log" 2>&1; then
     debs_installed=0
-    [ ! -e /usr/bin/Sorvexa ] && [ ! -e /usr/bin/sorvexa-browse ] && [ ! -e /usr/include/sorvexa ] &&
+    [ ! -e /usr/bin/Sorvexa ] && [ ! -e /usr/bin/sorvexa-browse ] &&
+        [ ! -e /usr/bin/sorvexa-flowcheck ] && [ ! -e /usr/include/sorvexa ] &&
         [ ! -e "/usr/lib/$multiarch/libsorvexa.a" ] &&
         pass "dpkg -r removed the three packages" || fail "files left behind after dpkg -r"
 else

@@ -1,4 +1,4 @@
-# Installation: the tool and its man page, the library with its headers, a CMake package
+# Installation: the tools Sorvexa and sorvexa-flowcheck with their man pages, the library with its headers, a CMake package
 # (Sorvexa::core) and a pkg-config file. The Debian packages are built from this by debian/
 # (dpkg-buildpackage); see the README.
 #
@@ -12,7 +12,7 @@
 # the include root (the header check in tests/ compiles each one alone that way).
 include(CMakePackageConfigHelpers)
 
-set(SORVEXA_PUBLIC_HEADERS ace.h contig.h sff.h process_exit.h)
+set(SORVEXA_PUBLIC_HEADERS ace.h contig.h sff.h flowcheck.h process_exit.h)
 set(SORVEXA_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/Sorvexa)
 set(SORVEXA_HEADER_SOURCE ${PROJECT_SOURCE_DIR}/src)
 set(SORVEXA_HEADER_STAGE ${PROJECT_BINARY_DIR}/include)
@@ -48,9 +48,9 @@ endwhile()
 
 string(CONCAT SORVEXA_INTERNAL_NOTE
        "// Internal header of the Sorvexa library, installed only because a public header\n"
-       "// (<sorvexa/ace.h>, <sorvexa/contig.h>, <sorvexa/sff.h>, <sorvexa/process_exit.h>)\n"
-       "// includes it. It is not part of the library's interface and may change in any\n"
-       "// release: include the public headers instead.\n"
+       "// (<sorvexa/ace.h>, <sorvexa/contig.h>, <sorvexa/sff.h>, <sorvexa/flowcheck.h>,\n"
+       "// <sorvexa/process_exit.h>) includes it. It is not part of the library's interface\n"
+       "// and may change in any release: include the public headers instead.\n"
        "//\n")
 
 set(SORVEXA_INSTALLED_HEADERS)
@@ -90,6 +90,13 @@ list(TRANSFORM SORVEXA_INTERNAL_HEADERS PREPEND ${SORVEXA_HEADER_STAGE}/sorvexa/
 
 install(TARGETS Sorvexa RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES ${PROJECT_SOURCE_DIR}/man/Sorvexa.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+# This file is read before the subdirectory that defines sorvexa-flowcheck, so its rule is
+# added once the whole tree has been read. Same component as Sorvexa: the Debian package
+# sorvexa ships both.
+cmake_language(DEFER DIRECTORY ${PROJECT_SOURCE_DIR} CALL
+               install TARGETS sorvexa-flowcheck RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(FILES ${PROJECT_SOURCE_DIR}/man/sorvexa-flowcheck.1
+        DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 
 install(TARGETS sorvexa_core EXPORT SorvexaTargets ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(FILES ${staged_public} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/sorvexa)
