@@ -1,5 +1,6 @@
 #include "flowcheck_main.h"
+#include "std_output.h"
 
 int main(int argc, char** argv) {
-    return flowcheck_main(argc, argv);
+    return sorvexa::main_checking_stdout(flowcheck_main, argc, argv, "sorvexa-flowcheck");
 }

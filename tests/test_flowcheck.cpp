@@ -380,8 +380,9 @@ void write_assembly(const temp_dir& d) {
     ASSERT_TRUE(write_file(d / "asm.ace", ace_file_text({c})));
 }
 
-run_result flowcheck(const std::vector<std::string>& args, const std::string& cwd) {
-    return run_binary(SORVEXA_FLOWCHECK_BIN, args, cwd);
+run_result flowcheck(const std::vector<std::string>& args, const std::string& cwd,
+                     const run_limits& limits = {}) {
+    return run_binary(SORVEXA_FLOWCHECK_BIN, args, cwd, limits);
 }
 
 TEST(Program, WritesTheFourFilesAndASummary) {
@@ -453,6 +454,9 @@ TEST(Program, BadCommandLinesAndInputs) {
     EXPECT_EQ(help.status, 0);
     EXPECT_EQ(help.out.substr(0, 25), "Usage: sorvexa-flowcheck ");
     EXPECT_EQ(flowcheck({"--version"}, d.path).out, "sorvexa-flowcheck 1.1\n");
+    const run_result full = flowcheck({"--version"}, d.path, stdout_to("/dev/full"));
+    EXPECT_EQ(full.status, 1);
+    EXPECT_EQ(full.err, "sorvexa-flowcheck: can not write standard output: No space left on device\n");
 }
 
 }  // namespace
