@@ -11,6 +11,7 @@
 
 #include "ace.h"
 #include "process_exit.h"
+#include "run_tool.h"
 #include "sff.h"
 
 namespace {
@@ -116,6 +117,32 @@ TEST(RealData, AceContigsThroughEveryContigOperation) {
     }
     sorvexa::process_exit = saved;
     EXPECT_GT(complete, 0);
+}
+
+// The flow-signal check on every sample ACE file with every sample SFF file: it ends as the
+// tool does (the files the ACE reader accepts run to the end, the one out of its grammar
+// stops with its message), and a completed run says what became of every read.
+TEST(RealData, FlowcheckEndsAsTheToolDoes) {
+    const std::vector<std::string> aces = sample_files(".ace");
+    const std::vector<std::string> sffs = sample_files(".sff");
+    if (aces.empty() || sffs.empty()) GTEST_SKIP() << "no sample files";
+    fixture::temp_dir d;
+    int completed = 0;
+    for (const std::string& path : aces) {
+        SCOPED_TRACE(path);
+        // A copy, since the tool writes beside its ACE file and the samples stay untouched.
+        const std::string ace = d / std::filesystem::path(path).filename().string();
+        std::filesystem::copy_file(path, ace, std::filesystem::copy_options::overwrite_existing);
+        std::vector<std::string> args{ace};
+        args.insert(args.end(), sffs.begin(), sffs.end());
+        const fixture::run_result checked =
+            fixture::run_binary(SORVEXA_FLOWCHECK_BIN, args, d.path);
+        EXPECT_EQ(checked.status, fixture::run_tool(args, d.path).status);
+        if (checked.status != 0) continue;
+        ++completed;
+        EXPECT_NE(checked.err.find(" in no SFF file\n"), std::string::npos) << checked.err;
+    }
+    EXPECT_GT(completed, 0);
 }
 
 }  // namespace
