@@ -43,37 +43,47 @@ void flow_check::call_runs() {
     }
 }
 
-// Records are fetched file by file in name order, so that each file is opened once per
-// contig, as the run of Sorvexa does.
 void flow_check::check_contig(const contig& c, const read_lookup& lookup, tie_counts& counts) {
+    check_contig(
+        c, lookup.sff_names,
+        [&lookup](const std::string& name, std::int64_t& pos) { return lookup.find(name, pos); },
+        counts);
+}
+
+// Records are fetched file by file, in name order within a file, so that each file is opened
+// once per contig, as Sorvexa's run does.
+void flow_check::check_contig(const contig& c, const std::vector<std::string>& sff_paths,
+                              const read_finder& find, tie_counts& counts,
+                              std::map<std::string, tied_read>* tied) {
     create_runs(c);
     struct wanted_read {
         std::int64_t pos;
         const READ* read;
         std::int32_t number;
     };
-    std::vector<std::vector<wanted_read>> wanted(lookup.sff_names.size());
+    std::vector<std::vector<wanted_read>> wanted(sff_paths.size());
     std::int64_t pos = 0;
     std::int32_t number = 0;
     for (const auto& [name, read] : c.reads) {
-        const int k = lookup.find(name, pos);
-        if (k < 0) {
+        const int k = find(name, pos);
+        if (k < 0 || static_cast<std::size_t>(k) >= sff_paths.size()) {
             ++counts.not_found;
         } else {
             wanted[static_cast<std::size_t>(k)].push_back({pos, &read, number});
         }
         ++number;
     }
-    tied_read tied;
+    tied_read t;
     for (std::size_t k = 0; k < wanted.size(); ++k) {
         if (wanted[k].empty()) continue;
-        reader rd(lookup.sff_names[k]);
+        reader rd(sff_paths[k]);
         rd.get_header();
         const std::string_view flows(rd.header_p2.flow_chars.data(),
                                      rd.header_p2.flow_chars.size());
         for (const wanted_read& w : wanted[k]) {
-            if (rd.get_record(w.pos) && tie_read(*w.read, rd.cur_read, flows, tied)) {
-                add_read(c, *w.read, tied, w.number);
+            if (rd.get_record(w.pos) && tie_read(*w.read, rd.cur_read, flows, t)) {
+                add_read(c, *w.read, t, w.number);
+                if (tied != nullptr) (*tied)[w.read->name] = t;
                 ++counts.tied;
             } else {
                 ++counts.untied;

@@ -13,6 +13,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <string_view>
@@ -130,6 +131,13 @@ class flow_check {
     // (file by file, each file opened once) and tied, the signals, the calls. A read's number
     // in run_signal is its place in the contig's name order. Adds to `counts`.
     void check_contig(const contig& c, const read_lookup& lookup, tie_counts& counts);
+    // The same with any index of the files `sff_paths`: `find` gives the number of the file
+    // that holds a read and the record's position there, or -1. With `tied`, the reads that
+    // could be tied are kept there by name (for window_signals).
+    using read_finder = std::function<int(const std::string& name, std::int64_t& pos)>;
+    void check_contig(const contig& c, const std::vector<std::string>& sff_paths,
+                      const read_finder& find, tie_counts& counts,
+                      std::map<std::string, tied_read>* tied = nullptr);
 
     // A run with enough signals to be weighed.
     bool tested(const hp_run& r) const { return r.signals >= min_signals && r.signals > 0; }
