@@ -140,6 +140,10 @@ TEST(Cli, TextsThatCannotBeWrittenFailTheProgram) {
         rows.push_back({browse, "sorvexa-browse", {"--help"}, ""});
         rows.push_back({browse, "sorvexa-browse", {"--version"}, ""});
     }
+    if (const std::string check = built_program("flowcheck/sorvexa-flowcheck"); !check.empty()) {
+        rows.push_back({check, "sorvexa-flowcheck", {"--help"}, ""});
+        rows.push_back({check, "sorvexa-flowcheck", {"--version"}, ""});
+    }
     for (const row& r : rows) {
         SCOPED_TRACE(r.program + " " + ::testing::PrintToString(r.args));
         const run_result captured = run_binary(r.program, r.args, d.path);
