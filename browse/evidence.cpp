@@ -1,0 +1,146 @@
+#include "evidence.h"
+
+#include <algorithm>
+
+#include "ace.h"
+
+namespace browse {
+
+std::int32_t contig_evidence::run_at(std::int32_t column) const {
+    const auto& runs = check.runs;
+    for (std::size_t i = 0; i < runs.size(); ++i)
+        if (runs[i].column == column) return static_cast<std::int32_t>(i);
+    return -1;
+}
+
+bool contig_evidence::is_disputed(std::int32_t run) const {
+    return std::find(disputed.begin(), disputed.end(), run) != disputed.end();
+}
+
+std::shared_ptr<const contig_evidence> build_evidence(const contig& c, const read_source& sff,
+                                                      bool for_pages) {
+    auto e = std::make_shared<contig_evidence>();
+    e->check.keep_signals = for_pages;
+    std::vector<std::string> paths;
+    std::vector<bool> unchanged;
+    for (const read_source::sff_file& f : sff.files) {
+        paths.push_back(f.path);
+        file_stamp now;
+        unchanged.push_back(stamp_of(f.path, now) && now == f.stamp);
+    }
+    e->check.check_contig(
+        c, paths,
+        [&](const std::string& name, std::int64_t& pos) {
+            const read_source::entry* found = sff.find(name);
+            if (found == nullptr || !unchanged[found->file]) return -1;
+            pos = found->pos;
+            return static_cast<int>(found->file);
+        },
+        e->counts, for_pages ? &e->tied : nullptr);
+    e->unpadded = unpadded_consensus(c);
+    e->check.edits(e->unpadded, e->edits);
+    for (const consensus_edit& edit : e->edits) e->disputed.push_back(edit.run);
+    std::stable_sort(e->disputed.begin(), e->disputed.end(), [&](std::int32_t a, std::int32_t b) {
+        return e->check.runs[static_cast<std::size_t>(a)].score >
+               e->check.runs[static_cast<std::size_t>(b)].score;
+    });
+    for (const auto& [name, r] : c.reads) {
+        e->read_names.push_back(name);
+        e->read_starts.push_back(r.start);
+    }
+    e->bytes = e->check.runs.size() * sizeof(hp_run) +
+               e->check.signals.size() * sizeof(run_signal) + e->unpadded.size() +
+               e->read_names.size() * 48;
+    for (const auto& [name, t] : e->tied)
+        e->bytes += 96 + t.base_flow.size() * 4 + t.flowgram.size() * 2 + t.flow_chars.size();
+    return e;
+}
+
+signal_class classify(std::int32_t value, std::int32_t count) {
+    const std::int32_t off = value > 100 * count ? value - 100 * count : 100 * count - value;
+    if (off <= close_within) return signal_class::close;
+    if (off < borderline_within) return signal_class::borderline;
+    return signal_class::disputed;
+}
+
+evidence_store::evidence_store(assembly& a, const read_source& s, std::size_t cache_size,
+                               std::size_t cache_bytes)
+    : ace_(a),
+      sff_(s),
+      cache_size_(std::max<std::size_t>(cache_size, 1)),
+      cache_bytes_(cache_bytes),
+      counts_(std::make_unique<std::atomic<std::int32_t>[]>(a.contigs.size())) {
+    for (std::size_t i = 0; i < a.contigs.size(); ++i) counts_[i] = -1;
+}
+
+evidence_store::~evidence_store() {
+    stop_ = true;
+    if (counter_.joinable()) counter_.join();
+}
+
+namespace {
+
+// Parses contig `index` again from the ACE file, unless the file changed since start-up.
+bool parse_again(const assembly& a, std::size_t index, contig& c) {
+    file_stamp now;
+    if (!stamp_of(a.ace_path, now) || !(now == a.ace_stamp)) return false;
+    aceReader ace(a.ace_path);
+    return ace.next_contig_at(a.contigs[index].offset, c) == 1;
+}
+
+}  // namespace
+
+std::shared_ptr<const contig_evidence> evidence_store::get(std::size_t index) {
+    if (index >= ace_.contigs.size()) return nullptr;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (cached& e : cache_) {
+            if (e.index != index) continue;
+            e.used = ++clock_;
+            return e.evidence;
+        }
+    }
+    // One build at a time: requests for the same contig wait for the first instead of
+    // repeating its work, and the memory of builds does not add up.
+    std::lock_guard<std::mutex> build(build_mutex_);
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (cached& e : cache_)
+            if (e.index == index) return e.evidence;
+    }
+    contig c;
+    if (!parse_again(ace_, index, c)) return nullptr;
+    std::shared_ptr<const contig_evidence> built = build_evidence(c, sff_);
+    counts_[index] = static_cast<std::int32_t>(built->disputed.size());
+    std::lock_guard<std::mutex> lock(mutex_);
+    // The most recently used stay, within both bounds (the newest always).
+    std::size_t bytes = built->bytes;
+    for (const cached& e : cache_) bytes += e.evidence->bytes;
+    while (!cache_.empty() && (cache_.size() >= cache_size_ || bytes > cache_bytes_)) {
+        auto oldest =
+            std::min_element(cache_.begin(), cache_.end(),
+                             [](const cached& x, const cached& y) { return x.used < y.used; });
+        bytes -= oldest->evidence->bytes;
+        cache_.erase(oldest);
+    }
+    cache_.push_back({index, built, ++clock_});
+    return built;
+}
+
+void evidence_store::count_in_background() {
+    if (counter_.joinable()) return;
+    counter_ = std::thread([this] {
+        for (std::size_t i = 0; i < ace_.contigs.size() && !stop_; ++i) {
+            if (counts_[i] >= 0) continue;
+            contig c;
+            if (!parse_again(ace_, i, c)) return;
+            counts_[i] = static_cast<std::int32_t>(build_evidence(c, sff_, false)->disputed.size());
+        }
+    });
+}
+
+std::int32_t evidence_store::disputed_runs(std::size_t index) const {
+    return index < ace_.contigs.size() ? counts_[index].load() : -1;
+}
+
+}  // namespace browse
