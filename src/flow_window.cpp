@@ -57,6 +57,17 @@ struct flow_reader {
 
 void window_signals(contig& c, const std::map<std::string, tied_read>& tied,
                     const flow_check& check, std::int32_t from, int width, flow_window& out) {
+    window_signals(
+        c,
+        [&tied](const std::string& name) -> const tied_read* {
+            auto it = tied.find(name);
+            return it == tied.end() ? nullptr : &it->second;
+        },
+        check, from, width, out);
+}
+
+void window_signals(contig& c, const tied_lookup& tied, const flow_check& check, std::int32_t from,
+                    int width, flow_window& out) {
     c.align_flow(out.counts, out.rows, from, width);
     if (c.flow_consensus.empty()) return;
 

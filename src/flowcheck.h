@@ -166,8 +166,12 @@ struct flow_window {
     static constexpr std::int32_t untied_read = -2;
 };
 
-// Fills `out` (expected empty) for the window of `width` columns from `from`. `tied` holds the
-// reads that could be tied, by name; `check` the contig's runs and calls.
+// Fills `out` (expected empty) for the window of `width` columns from `from`. `tied` gives a
+// read's tie by name, or null for a read that is not tied; `check` the contig's runs.
+using tied_lookup = std::function<const tied_read*(const std::string& name)>;
+void window_signals(contig& c, const tied_lookup& tied, const flow_check& check, std::int32_t from,
+                    int width, flow_window& out);
+// The same with the tied reads in a map by name.
 void window_signals(contig& c, const std::map<std::string, tied_read>& tied,
                     const flow_check& check, std::int32_t from, int width, flow_window& out);
 
