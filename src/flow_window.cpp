@@ -89,13 +89,13 @@ void window_signals(contig& c, const tied_lookup& tied, const flow_check& check,
             c, c.print_map[r], w, [&](const contig_window::shown_read& s) {
                 contig_window::flow_part p;
                 if (!contig_window::clip_to_flows(c, s, p)) return;
-                const auto found = tied.find(s.name);
-                if (found == tied.end()) {
+                const tied_read* found = tied(s.name);
+                if (found == nullptr) {
                     for (std::int64_t f = p.fs; f <= p.fe; ++f)
                         store(f, r, flow_window::untied_read);
                     return;
                 }
-                flow_reader fr{found->second, s.read.sequence};
+                flow_reader fr{*found, s.read.sequence};
                 // The flow of the read's last base before the window's part of it.
                 for (std::int64_t o = p.i - 1; o >= 0 && fr.last_flow < 0; --o)
                     fr.last_flow = fr.flow_of(o);
