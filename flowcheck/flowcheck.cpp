@@ -21,6 +21,12 @@
 
 namespace {
 
+std::string fixed2(double v, int decimals) {
+    char buf[32];
+    const auto res = std::to_chars(buf, buf + sizeof buf, v, std::chars_format::fixed, decimals);
+    return std::string(buf, res.ptr);
+}
+
 const char* const program = "sorvexa-flowcheck";
 
 }  // namespace
@@ -29,20 +35,31 @@ const char* const flowcheck_version = SORVEXA_VERSION;
 
 namespace {
 
-const char* const usage_text =
-    "Usage: sorvexa-flowcheck [options] aceFile sffFile ...\n"
-    "Checks every homopolymer run of the assembly's consensus against the flow values its\n"
-    "reads measured, and writes PREFIX.flowcheck.vcf, PREFIX.flowcheck.tsv,\n"
-    "PREFIX.consensus.fa and PREFIX.polished.fa.\n"
-    "\n"
-    "  -o PREFIX          output prefix (default: the ACE path cut before its .ace)\n"
-    "  --min-signals N    fewest signals a run needs to be weighed (default 4)\n"
-    "  --min-score S      lowest score (log-likelihood ratio) of a call (default 10)\n"
-    "  --sigma-base A     model: spread of a flow value at run length 0 (default 0.10)\n"
-    "  --sigma-slope B    model: growth of that spread per base of run length (default 0.07)\n"
-    "  --all              list every weighed run in the TSV, not only the calls\n"
-    "  -h, --help         print this help and exit\n"
-    "  --version          print the version and exit\n";
+// The defaults come from the library's own, so that the text cannot drift from them.
+std::string usage_text() {
+    const flow_check d;
+    return "Usage: sorvexa-flowcheck [options] aceFile sffFile ...\n"
+           "Checks every homopolymer run of the assembly's consensus against the flow values its\n"
+           "reads measured, and writes PREFIX.flowcheck.vcf, PREFIX.flowcheck.tsv,\n"
+           "PREFIX.consensus.fa and PREFIX.polished.fa.\n"
+           "\n"
+           "  -o PREFIX          output prefix (default: the ACE path cut before its .ace)\n"
+           "  --min-signals N    fewest signals a run needs to be weighed (default " +
+           std::to_string(d.min_signals) +
+           ")\n"
+           "  --min-score S      lowest score (log-likelihood ratio) of a call (default " +
+           fixed2(d.min_score, 0) +
+           ")\n"
+           "  --sigma-base A     model: spread of a flow value at run length 0 (default " +
+           fixed2(d.model.sigma_base, 2) +
+           ")\n"
+           "  --sigma-slope B    model: growth of that spread per base of run length (default " +
+           fixed2(d.model.sigma_slope, 2) +
+           ")\n"
+           "  --all              list every weighed run in the TSV, not only the calls\n"
+           "  -h, --help         print this help and exit\n"
+           "  --version          print the version and exit\n";
+}
 
 struct options {
     std::string prefix;
@@ -54,7 +71,7 @@ struct options {
 
 // A bad command line: one line saying why, then the usage, status 2.
 int usage_error(const std::string& why) {
-    std::cerr << program << ": " << why << "\n" << usage_text << std::flush;
+    std::cerr << program << ": " << why << "\n" << usage_text() << std::flush;
     return 2;
 }
 
@@ -167,7 +184,7 @@ struct progress {
 int flowcheck_main(int argc, char** argv) {
     options opt;
     if (const int status = parse_options(argc, argv, opt); status != 0) return status;
-    if (opt.help) std::cout << usage_text << std::flush;
+    if (opt.help) std::cout << usage_text() << std::flush;
     if (opt.version) std::cout << program << " " << flowcheck_version << "\n" << std::flush;
     if (opt.help || opt.version) return 0;
 

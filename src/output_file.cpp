@@ -12,8 +12,9 @@
 
 namespace {
 
-// The files open now (a run has two), for the flush on the way out of the process.
-output_file* open_files[2] = {nullptr, nullptr};
+// The files open now (Sorvexa's run has two, sorvexa-flowcheck's four), for the flush on the
+// way out of the process.
+output_file* open_files[4] = {nullptr, nullptr, nullptr, nullptr};
 
 void track(output_file* added, output_file* removed) {
     for (auto& slot : open_files) {

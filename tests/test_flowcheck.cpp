@@ -449,6 +449,13 @@ TEST(Program, BadCommandLinesAndInputs) {
     }
     ASSERT_TRUE(write_file(d / "bad.ace", "AS 1 1\n\nCO c 4 1 1 U\nACGT\n\nXX\n"));
     EXPECT_EQ(flowcheck({"bad.ace", "a.sff"}, d.path).status, 1);
+    // A contig out of grammar after a good one: what was written for the first stays, in all
+    // four files.
+    ASSERT_TRUE(
+        write_file(d / "late.ace", read_file(d / "asm.ace") + "CO c 4 1 1 U\nACGT\n\nXX\n"));
+    EXPECT_EQ(flowcheck({"late.ace", "a.sff"}, d.path).status, 1);
+    EXPECT_EQ(read_file(d / "late.consensus.fa"), ">Contig1\nACGTTCAGGTACA\n");
+    EXPECT_EQ(read_file(d / "late.polished.fa"), ">Contig1\nACGTTTCAGGTACA\n");
 
     const run_result help = flowcheck({"-h"}, d.path);
     EXPECT_EQ(help.status, 0);
@@ -456,7 +463,8 @@ TEST(Program, BadCommandLinesAndInputs) {
     EXPECT_EQ(flowcheck({"--version"}, d.path).out, "sorvexa-flowcheck 1.1\n");
     const run_result full = flowcheck({"--version"}, d.path, stdout_to("/dev/full"));
     EXPECT_EQ(full.status, 1);
-    EXPECT_EQ(full.err, "sorvexa-flowcheck: can not write standard output: No space left on device\n");
+    EXPECT_EQ(full.err,
+              "sorvexa-flowcheck: can not write standard output: No space left on device\n");
 }
 
 }  // namespace
