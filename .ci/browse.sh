@@ -88,7 +88,7 @@ chromium contig '/contig/Contig2?from=600&width=100' 1200 900
 has contig '<div class="map align">' "alignment map rendered"
 has contig '<div class="map flow">' "flow map rendered"
 has contig '<svg class="depth"' "depth chart rendered"
-has contig '<font color="#d73027">T</font>' "coloured bases"
+has contig '<span class="bT">T</span>' "coloured bases"
 read=$(grep -o 'href="/read/[A-Z0-9]*"' "$tmp/contig.html" | head -1 | sed 's/.*read\/\(.*\)"/\1/')
 [ -n "$read" ] && pass "contig: links to reads ($read first)" || fail "contig: no read links"
 

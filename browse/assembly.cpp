@@ -1,52 +1,92 @@
 #include "assembly.h"
 
 #include <algorithm>
+#include <cctype>
 
 #include "ace.h"
-#include "html.h"
 
 namespace browse {
 
 namespace {
 
-// The largest number of bases one flow could carry: the longest run of one letter in a read,
-// pads inside the run not breaking it.
-int longest_run(const std::vector<char>& seq) {
-    int best = 0, run = 0;
-    char letter = 0;
-    for (char ch : seq) {
-        if (ch == '*') continue;
-        run = ch == letter ? run + 1 : 1;
-        letter = ch;
-        best = std::max(best, run);
-    }
-    return best;
+char upper(char c) {
+    return static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
 }
 
-bool all_plain(const std::vector<char>& seq) {
-    return std::all_of(seq.begin(), seq.end(), plain_char);
+void upper_case(std::vector<char>& seq) {
+    for (char& ch : seq) ch = upper(ch);
+}
+
+// The display copy: see built_contig.
+void make_display_copy(contig& k, std::map<std::string, READ>& as_placed) {
+    upper_case(k.consensus);
+    for (auto it = k.reads.begin(); it != k.reads.end();) {
+        READ& r = it->second;
+        upper_case(r.sequence);
+        if (r.start >= 1) {
+            ++it;
+            continue;
+        }
+        READ placed = r;
+        placed.sequence.clear();
+        as_placed.emplace(it->first, std::move(placed));
+        const std::int64_t cut = 1 - std::int64_t{r.start};
+        if (std::int64_t{r.length} <= cut) {
+            it = k.reads.erase(it);  // it covers no column
+            continue;
+        }
+        const auto held = static_cast<std::int64_t>(r.sequence.size());
+        r.sequence.erase(r.sequence.begin(),
+                         r.sequence.begin() + static_cast<std::ptrdiff_t>(std::min(cut, held)));
+        r.length = static_cast<std::int16_t>(r.length - cut);
+        r.start = 1;
+        ++it;
+    }
 }
 
 }  // namespace
+
+const READ* built_contig::placed(const std::string& name) const {
+    if (auto it = as_placed.find(name); it != as_placed.end()) return &it->second;
+    if (auto it = c.reads.find(name); it != c.reads.end()) return &it->second;
+    return nullptr;
+}
+
+std::int64_t built_contig::unpadded_at(std::int64_t column) const {
+    const auto L = static_cast<std::int64_t>(c.consensus.size());
+    column = std::clamp<std::int64_t>(column, 0, L);
+    const std::int64_t mark = column / unpadded_step;
+    std::int64_t n = unpadded_marks.empty() ? 0 : unpadded_marks[static_cast<std::size_t>(mark)];
+    for (std::int64_t p = mark * unpadded_step; p < column; ++p)
+        if (c.consensus[static_cast<std::size_t>(p)] != '*') ++n;
+    return n;
+}
 
 std::shared_ptr<built_contig> prepare(contig&& c) {
     auto b = std::make_shared<built_contig>();
     b->c = std::move(c);
     contig& k = b->c;
+    make_display_copy(k, b->as_placed);
+    // The counts from the ACE file's CO line describe the file, not the copy.
+    k.num_reads = static_cast<std::int32_t>(k.reads.size());
+    k.pos_map.clear();
+    k.print_map.clear();
+    k.max_read_len = 0;
+    k.min_read_len = 5000;
     k.create_print_map();
     k.create_flow_concensus();
     b->views_complete = !k.print_map.empty() && !k.flow_consensus.empty();
 
-    bool safe = all_plain(k.consensus);
-    for (const auto& [name, r] : k.reads)
-        safe = safe && all_plain(r.sequence) && longest_run(r.sequence) <= 35;
-    b->html_safe = safe;
+    std::int32_t bases = 0;
+    for (std::size_t p = 0; p < k.consensus.size(); ++p) {
+        if (p % built_contig::unpadded_step == 0) b->unpadded_marks.push_back(bases);
+        if (k.consensus[p] != '*') ++bases;
+    }
 
     // Per column a flow-index map and a depth; per read its record, sequence, and its entries
     // in the position map and the layout, each with a copy of the name.
-    b->bytes = k.consensus.size() * 120 + k.flow_consensus.size();
+    b->bytes = k.consensus.size() * 120 + k.flow_consensus.size() + b->as_placed.size() * 128;
     for (const auto& [name, r] : k.reads) b->bytes += 3 * (name.size() + 96) + r.sequence.size();
-
     // Reads over each column, from the reads' spans cut to the consensus.
     const std::int64_t L = static_cast<std::int64_t>(k.consensus.size());
     std::vector<std::int32_t> delta(static_cast<std::size_t>(L) + 1, 0);

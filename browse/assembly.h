@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -27,21 +28,43 @@ struct contig_summary {
     std::int32_t rows = 0;  // layout rows
 };
 
-// A contig parsed and prepared for drawing. The layout and flow views are built before the
-// contig is shared between request threads; the library's drawing operations then only read
-// it. A contig whose views stay empty after building (no placed reads, no consensus) would
-// have them rebuilt on every call, so drawing on it holds `draw_mutex`.
+// A contig parsed and prepared for drawing. What is drawn is a display copy of the contig:
+// bases upper-cased (lower case would stop a read's flow count) and reads that start before
+// column 1 cut to begin there (the layout leaves them out otherwise), so that every read over
+// a shown column appears and its flows count its bases. The library's rules apply to the
+// copy unchanged.
+//
+// The layout and flow views are built before the contig is shared between request threads;
+// the library's drawing operations then only read it. A contig whose views stay empty after
+// building (no placed reads, no consensus) would have them rebuilt by the operations that
+// build on demand (align_flow, the print_ maps), so calling those holds `draw_mutex`
+// (draw_guard); draw_window only reads.
 struct built_contig {
     contig c;
     bool views_complete = false;
-    // Every character the library's HTML fragments can carry for this contig is plain (see
-    // plain_char), and no flow carries more than 35 bases (whose count would not be a digit
-    // or a capital letter).
-    bool html_safe = false;
+    // The reads the copy moved (or left out, lying wholly before column 1) as the ACE file
+    // places them, sequence not kept.
+    std::map<std::string, READ> as_placed;
+    // Bases before column 1 + k * unpadded_step: the unpadded position of any column.
+    std::vector<std::int32_t> unpadded_marks;
+    static constexpr std::int64_t unpadded_step = 4096;
     std::vector<std::int32_t> depth_bins;  // most reads over a column of each bin
     std::int32_t depth_max = 0;
     std::size_t bytes = 0;  // an estimate of the memory it holds
     std::mutex draw_mutex;
+
+    // The read as the ACE file places it (start column may be below 1); null when unknown.
+    const READ* placed(const std::string& name) const;
+    // Consensus bases (not pads) in columns 1..column.
+    std::int64_t unpadded_at(std::int64_t column) const;
+};
+
+// Holds a contig's draw_mutex while its views are incomplete.
+struct draw_guard {
+    std::unique_lock<std::mutex> lock;
+    explicit draw_guard(built_contig& b) {
+        if (!b.views_complete) lock = std::unique_lock<std::mutex>(b.draw_mutex);
+    }
 };
 
 class assembly {
@@ -53,6 +76,9 @@ class assembly {
     // contigs is shown in the first).
     std::vector<std::pair<std::string, std::uint32_t>> placements;
     std::int64_t reads_placed = 0, reads_found = 0, columns = 0;
+    // What the files suggest doing about an assembly the browser can show little of (set by
+    // the program at start-up; the overview shows it).
+    std::string start_up_hint;
 
     // Reads the whole ACE file once; a file out of the reader's grammar ends the process with
     // the reader's message and status 1.
@@ -87,8 +113,8 @@ class assembly {
     std::shared_ptr<built_contig> find_cached(std::size_t index);
 };
 
-// Builds the views and the depth profile of a freshly parsed contig (used by load, and by
-// tests on contigs assembled in code).
+// Makes the display copy of a freshly parsed contig and builds its views and depth profile
+// (used by load, and by tests on contigs assembled in code).
 std::shared_ptr<built_contig> prepare(contig&& c);
 
 }  // namespace browse

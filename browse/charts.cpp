@@ -2,8 +2,6 @@
 
 #include <algorithm>
 
-#include "html.h"
-
 namespace browse {
 
 namespace {
@@ -12,51 +10,63 @@ std::string num(double v) {
     return fixed(v, 1);
 }
 
+std::string letter_class(char letter) {
+    const std::string_view c = base_class(letter);
+    return c.empty() ? "bN" : std::string(c);
+}
+
+html& svg_open(html& out, std::string_view cls, double w, double h, std::string_view label) {
+    return out.open("svg", {{"class", cls},
+                            {"viewBox", "0 0 " + num(w) + " " + num(h)},
+                            {"width", num(w)},
+                            {"height", num(h)},
+                            {"role", "img"},
+                            {"aria-label", label}});
+}
+
+void label(html& out, double x, double y, std::string_view anchor, std::string_view text) {
+    out.element("text",
+                {{"x", num(x)},
+                 {"y", num(y)},
+                 {"text-anchor", anchor},
+                 {"font-size", "11"},
+                 {"fill", "#666"}},
+                text);
+}
+
 // Horizontal grid lines with their values on the left, `step` apart up to `top`.
-void grid(std::string& out, double top, double step, double x0, double x1, double y0,
-          double height) {
+void grid(html& out, double top, double step, double x0, double x1, double y0, double height) {
     for (double v = 0; v <= top + 1e-9; v += step) {
         const double y = y0 + height - v / top * height;
-        out += "<line x1=\"" + num(x0) + "\" x2=\"" + num(x1) + "\" y1=\"" + num(y) + "\" y2=\"" +
-               num(y) + "\" stroke=\"#e3e3e3\"/>";
-        out += "<text x=\"" + num(x0 - 4) + "\" y=\"" + num(y + 4) +
-               "\" text-anchor=\"end\" font-size=\"11\" fill=\"#666\">" + fixed(v, 0) + "</text>";
+        out.empty("line", {{"x1", num(x0)},
+                           {"x2", num(x1)},
+                           {"y1", num(y)},
+                           {"y2", num(y)},
+                           {"stroke", "#e3e3e3"}});
+        label(out, x0 - 4, y + 4, "end", fixed(v, 0));
     }
 }
 
 }  // namespace
 
-const char* letter_colour(char letter) {
-    switch (letter) {
-        case 'A':
-        case 'a':
-            return "#1a9850";
-        case 'C':
-        case 'c':
-            return "#2166ac";
-        case 'G':
-        case 'g':
-            return "#444444";
-        case 'T':
-        case 't':
-            return "#d73027";
-        default:
-            return "#999999";
-    }
-}
-
-std::string depth_chart(const built_contig& b, std::int64_t from, std::int64_t last, int width,
-                        const std::string& href) {
+html depth_chart(const built_contig& b, std::int64_t from, std::int64_t last, int width,
+                 const std::string& href) {
     const double W = 1000, H = 110, left = 40, top = 8, plot_h = H - 30;
     const auto L = static_cast<double>(b.c.consensus.size());
     const auto bins = b.depth_bins.size();
     const double peak = std::max(1, b.depth_max);
-    std::string out = "<svg class=\"depth\" viewBox=\"0 0 " + num(W + left + 10) + " " + num(H) +
-                      "\" width=\"" + num(W + left + 10) + "\" height=\"" + num(H) +
-                      "\" role=\"img\" aria-label=\"reads over each column\" data-columns=\"" +
-                      std::to_string(b.c.consensus.size()) + "\" data-width=\"" +
-                      std::to_string(width) + "\" data-left=\"" + num(left) + "\" data-plot=\"" +
-                      num(W) + "\" data-href=\"" + href + "\">";
+    html out;
+    out.open("svg", {{"class", "depth"},
+                     {"viewBox", "0 0 " + num(W + left + 10) + " " + num(H)},
+                     {"width", num(W + left + 10)},
+                     {"height", num(H)},
+                     {"role", "img"},
+                     {"aria-label", "reads over each column"},
+                     {"data-columns", std::to_string(b.c.consensus.size())},
+                     {"data-width", std::to_string(width)},
+                     {"data-left", num(left)},
+                     {"data-plot", num(W)},
+                     {"data-href", href}});
     grid(out, peak, std::max(1.0, static_cast<double>(static_cast<int>(peak / 4))), left, left + W,
          top, plot_h);
     if (bins > 0) {
@@ -68,69 +78,71 @@ std::string depth_chart(const built_contig& b, std::int64_t from, std::int64_t l
             path += "L" + num(x0) + "," + num(y) + "L" + num(x1) + "," + num(y);
         }
         path += "L" + num(left + W) + "," + num(top + plot_h) + "Z";
-        out +=
-            "<path d=\"" + path + "\" fill=\"#9fb8d6\" stroke=\"#4a78b5\" stroke-width=\"0.6\"/>";
+        out.empty(
+            "path",
+            {{"d", path}, {"fill", "#9fb8d6"}, {"stroke", "#4a78b5"}, {"stroke-width", "0.6"}});
     }
     if (L > 0) {
         const double x = left + W * static_cast<double>(from - 1) / L;
         const double w = std::max(2.0, W * static_cast<double>(last - from + 1) / L);
-        out += "<rect class=\"window\" x=\"" + num(x) + "\" y=\"" + num(top) + "\" width=\"" +
-               num(w) + "\" height=\"" + num(plot_h) +
-               "\" fill=\"#f4a261\" fill-opacity=\"0.35\" stroke=\"#e76f51\"/>";
+        out.empty("rect", {{"class", "window"},
+                           {"x", num(x)},
+                           {"y", num(top)},
+                           {"width", num(w)},
+                           {"height", num(plot_h)},
+                           {"fill", "#f4a261"},
+                           {"fill-opacity", "0.35"},
+                           {"stroke", "#e76f51"}});
     }
-    out += "<text x=\"" + num(left) + "\" y=\"" + num(H - 6) +
-           "\" font-size=\"11\" fill=\"#666\">1</text>";
-    out += "<text x=\"" + num(left + W) + "\" y=\"" + num(H - 6) +
-           "\" text-anchor=\"end\" font-size=\"11\" fill=\"#666\">" +
-           grouped(static_cast<std::int64_t>(L)) + "</text>";
-    out += "<text x=\"" + num(left + W / 2) + "\" y=\"" + num(H - 6) +
-           "\" text-anchor=\"middle\" font-size=\"11\" fill=\"#666\">reads over each column "
-           "(peak " +
-           grouped(b.depth_max) + "); click to move the window</text>";
-    out += "</svg>";
+    label(out, left, H - 6, "start", "1");
+    label(out, left + W, H - 6, "end", grouped(static_cast<std::int64_t>(L)));
+    label(out, left + W / 2, H - 6, "middle",
+          "reads over each column (peak " + grouped(b.depth_max) + "); click to move the window");
+    out.close("svg");
     return out;
 }
 
-std::string quality_chart(const sff_record& r) {
-    const int first = r.kept_first,
+html quality_chart(const sff_record& r) {
+    const int first = std::max(r.kept_first, 1),
               last = std::min<int>(r.kept_last, static_cast<int>(r.quality.size()));
     const int n = std::max(0, last - first + 1);
     const double W = 1000, H = 170, left = 36, top = 8, plot_h = H - 34;
     int peak = 40;
     for (int i = first; i <= last; ++i)
         peak = std::max<int>(peak, r.quality[static_cast<std::size_t>(i - 1)]);
-    std::string out = "<svg class=\"quality\" viewBox=\"0 0 " + num(W + left + 10) + " " + num(H) +
-                      "\" width=\"" + num(W + left + 10) + "\" height=\"" + num(H) +
-                      "\" role=\"img\" aria-label=\"quality of each kept base\">";
+    html out;
+    svg_open(out, "quality", W + left + 10, H, "quality of each kept base");
     grid(out, peak, 10, left, left + W, top, plot_h);
     const double bar = n > 0 ? W / n : 0;
     for (int k = 0; k < n; ++k) {
         const std::size_t i = static_cast<std::size_t>(first - 1 + k);
         const double h = r.quality[i] / static_cast<double>(peak) * plot_h;
-        out += "<rect x=\"" + num(left + k * bar) + "\" y=\"" + num(top + plot_h - h) +
-               "\" width=\"" + num(std::max(bar - 0.3, 0.3)) + "\" height=\"" + num(h) +
-               "\" fill=\"" + letter_colour(r.bases[i]) + "\"><title>base " +
-               std::to_string(i + 1) + " ";
-        append_escaped(out, std::string_view(&r.bases[i], 1));
-        out += ": quality " + std::to_string(r.quality[i]) + "</title></rect>";
+        out.open("rect", {{"x", num(left + k * bar)},
+                          {"y", num(top + plot_h - h)},
+                          {"width", num(std::max(bar - 0.3, 0.3))},
+                          {"height", num(h)},
+                          {"class", letter_class(r.bases[i])}});
+        out.open("title")
+            .text("base " + std::to_string(i + 1) + " ")
+            .text(r.bases[i])
+            .text(": quality " + std::to_string(r.quality[i]))
+            .close("title")
+            .close("rect");
     }
-    out += "<text x=\"" + num(left) + "\" y=\"" + num(H - 8) +
-           "\" font-size=\"11\" fill=\"#666\">base " + std::to_string(first) + "</text><text x=\"" +
-           num(left + W) + "\" y=\"" + num(H - 8) +
-           "\" text-anchor=\"end\" font-size=\"11\" fill=\"#666\">base " + std::to_string(last) +
-           "</text></svg>";
+    label(out, left, H - 8, "start", "base " + std::to_string(first));
+    label(out, left + W, H - 8, "end", "base " + std::to_string(last));
+    out.close("svg");
     return out;
 }
 
-std::string flowgram_chart(const sff_record& r) {
+html flowgram_chart(const sff_record& r) {
     const std::size_t n = r.flowgram.size();
     const double W = 1000, H = 200, left = 36, top = 14, plot_h = H - 44;
     double peak = 4;
     for (std::uint16_t v : r.flowgram) peak = std::max(peak, v / 100.0);
     peak = static_cast<double>(static_cast<int>(peak + 0.999));
-    std::string out = "<svg class=\"flowgram\" viewBox=\"0 0 " + num(W + left + 10) + " " + num(H) +
-                      "\" width=\"" + num(W + left + 10) + "\" height=\"" + num(H) +
-                      "\" role=\"img\" aria-label=\"flowgram\">";
+    html out;
+    svg_open(out, "flowgram", W + left + 10, H, "flowgram");
     const double bar = n > 0 ? W / static_cast<double>(n) : 0;
     auto flow_x = [&](std::int64_t f) { return left + static_cast<double>(f) * bar; };
     // The key's flows and the flows of the kept bases, as bands behind the bars.
@@ -138,32 +150,45 @@ std::string flowgram_chart(const sff_record& r) {
     if (r.key_length > 0 && bases >= r.key_length) {
         const double w =
             flow_x(r.flow_of_base[static_cast<std::size_t>(r.key_length - 1)] + 1) - left;
-        out += "<rect x=\"" + num(left) + "\" y=\"" + num(top) + "\" width=\"" + num(w) +
-               "\" height=\"" + num(plot_h) + "\" fill=\"#fde9c8\"><title>key flows</title></rect>";
+        out.open("rect", {{"x", num(left)},
+                          {"y", num(top)},
+                          {"width", num(w)},
+                          {"height", num(plot_h)},
+                          {"fill", "#fde9c8"}})
+            .element("title", "key flows")
+            .close("rect");
     }
-    if (r.kept_first <= r.kept_last && r.kept_last <= bases) {
+    if (r.kept_first >= 1 && r.kept_first <= r.kept_last && r.kept_last <= bases) {
         const double x0 = flow_x(r.flow_of_base[static_cast<std::size_t>(r.kept_first - 1)]);
         const double x1 = flow_x(r.flow_of_base[static_cast<std::size_t>(r.kept_last - 1)] + 1);
-        out += "<rect x=\"" + num(x0) + "\" y=\"" + num(top + plot_h + 2) + "\" width=\"" +
-               num(x1 - x0) +
-               "\" height=\"6\" fill=\"#4a78b5\"><title>flows of the kept bases</title></rect>";
+        out.open("rect", {{"x", num(x0)},
+                          {"y", num(top + plot_h + 2)},
+                          {"width", num(x1 - x0)},
+                          {"height", "6"},
+                          {"fill", "#4a78b5"}})
+            .element("title", "flows of the kept bases")
+            .close("rect");
     }
     grid(out, peak, 1, left, left + W, top, plot_h);
     for (std::size_t f = 0; f < n; ++f) {
         const double v = r.flowgram[f] / 100.0;
         const double h = std::min(v, peak) / peak * plot_h;
         const char letter = f < r.flow_chars.size() ? r.flow_chars[f] : '?';
-        out += "<rect x=\"" + num(flow_x(static_cast<std::int64_t>(f))) + "\" y=\"" +
-               num(top + plot_h - h) + "\" width=\"" + num(std::max(bar - 0.2, 0.2)) +
-               "\" height=\"" + num(h) + "\" fill=\"" + letter_colour(letter) + "\"><title>flow " +
-               std::to_string(f) + " ";
-        append_escaped(out, std::string_view(&letter, 1));
-        out += ": " + fixed(v, 2) + "</title></rect>";
+        out.open("rect", {{"x", num(flow_x(static_cast<std::int64_t>(f)))},
+                          {"y", num(top + plot_h - h)},
+                          {"width", num(std::max(bar - 0.2, 0.2))},
+                          {"height", num(h)},
+                          {"class", letter_class(letter)}});
+        out.open("title")
+            .text("flow " + std::to_string(f) + " ")
+            .text(letter)
+            .text(": " + fixed(v, 2))
+            .close("title")
+            .close("rect");
     }
-    out += "<text x=\"" + num(left) + "\" y=\"" + num(H - 10) +
-           "\" font-size=\"11\" fill=\"#666\">flow 0</text><text x=\"" + num(left + W) + "\" y=\"" +
-           num(H - 10) + "\" text-anchor=\"end\" font-size=\"11\" fill=\"#666\">flow " +
-           std::to_string(n == 0 ? 0 : n - 1) + "</text></svg>";
+    label(out, left, H - 10, "start", "flow 0");
+    label(out, left + W, H - 10, "end", "flow " + std::to_string(n == 0 ? 0 : n - 1));
+    out.close("svg");
     return out;
 }
 

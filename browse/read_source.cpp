@@ -23,6 +23,35 @@ struct entry_list {
 
 }  // namespace
 
+void from_record(const reader& r, sff_record& out) {
+    const sff_read& rd = r.cur_read;
+    out = sff_record{};
+    out.name.assign(rd.name.begin(),
+                    rd.name.begin() + static_cast<std::ptrdiff_t>(
+                                          std::min<std::size_t>(rd.name_length, rd.name.size())));
+    out.flow_chars.assign(r.header_p2.flow_chars.begin(), r.header_p2.flow_chars.end());
+    out.key_length = r.header_p1.key_length;
+    out.clip_qual_left = rd.clip_qual_left;
+    out.clip_qual_right = rd.clip_qual_right;
+    out.clip_adapter_left = rd.clip_adapter_left;
+    out.clip_adapter_right = rd.clip_adapter_right;
+    out.flowgram.assign(
+        rd.flowgram_values.begin(),
+        rd.flowgram_values.begin() + static_cast<std::ptrdiff_t>(std::min<std::size_t>(
+                                         rd.numOfFlows, rd.flowgram_values.size())));
+    // Every base the record holds, through the library's rule for a read's bases and flows:
+    // the same record with no clip set keeps them all.
+    sff_read whole = rd;
+    whole.clip_qual_left = whole.clip_qual_right = 0;
+    whole.clip_adapter_left = whole.clip_adapter_right = 0;
+    const seqRead all(whole);
+    out.bases.assign(all.bases.begin(), all.bases.end());
+    out.quality.assign(all.quality_scores.begin(), all.quality_scores.end());
+    out.flow_of_base.assign(all.flow_indexes.begin(), all.flow_indexes.end());
+    out.kept_first = rd.get_base_start();
+    out.kept_last = std::min<int>(rd.get_base_end(), static_cast<int>(out.bases.size()));
+}
+
 bool stamp_of(const std::string& path, file_stamp& out) {
     struct stat st {};
     if (::stat(path.c_str(), &st) != 0) return false;
@@ -112,40 +141,9 @@ read_source::fetch_result read_source::fetch(std::string_view name, sff_record& 
     if (!stamp_of(f.path, now) || !(now == f.stamp)) return fetch_result::file_changed;
 
     reader r(f.path);
-    if (!r.get_header()) return fetch_result::file_changed;
-    seqRead kept;
-    r.get_read(e->pos, kept);
-
-    const sff_read& rd = r.cur_read;
-    out = sff_record{};
+    if (!r.get_header() || !r.get_record(e->pos)) return fetch_result::file_changed;
+    from_record(r, out);
     out.file = f.path;
-    out.name.assign(rd.name.begin(), rd.name.end());
-    out.flow_chars.assign(r.header_p2.flow_chars.begin(), r.header_p2.flow_chars.end());
-    out.key_length = r.header_p1.key_length;
-    out.clip_qual_left = rd.clip_qual_left;
-    out.clip_qual_right = rd.clip_qual_right;
-    out.clip_adapter_left = rd.clip_adapter_left;
-    out.clip_adapter_right = rd.clip_adapter_right;
-    out.flowgram.assign(rd.flowgram_values.begin(),
-                        rd.flowgram_values.begin() +
-                            std::min<std::size_t>(rd.numOfFlows, rd.flowgram_values.size()));
-    const std::size_t n = std::min({static_cast<std::size_t>(rd.number_of_bases), rd.bases.size(),
-                                    rd.quality_scores.size(), rd.flow_index_per_base.size()});
-    out.bases.assign(rd.bases.begin(), rd.bases.begin() + static_cast<std::ptrdiff_t>(n));
-    out.quality.assign(rd.quality_scores.begin(),
-                       rd.quality_scores.begin() + static_cast<std::ptrdiff_t>(n));
-    std::int32_t flow = -1;
-    for (std::size_t i = 0; i < n; ++i) {
-        flow += rd.flow_index_per_base[i];
-        out.flow_of_base.push_back(flow);
-    }
-    // The kept bases lie between the larger left clip and the smaller right clip; a clip of 0
-    // is not set.
-    const int bases = static_cast<int>(rd.number_of_bases);
-    out.kept_first = std::max({1, int{rd.clip_qual_left}, int{rd.clip_adapter_left}});
-    out.kept_last = std::min({rd.clip_qual_right != 0 ? int{rd.clip_qual_right} : bases,
-                              rd.clip_adapter_right != 0 ? int{rd.clip_adapter_right} : bases,
-                              static_cast<int>(n)});
     return fetch_result::ok;
 }
 

@@ -27,6 +27,10 @@ struct sff_record {
     std::vector<std::int32_t> flow_of_base;  // 0-based flow that called each base
 };
 
+// The record `r` last read (cur_read), every base of it, with the kept range and the flow of
+// each base as the library's reads have them.
+void from_record(const reader& r, sff_record& out);
+
 // The identity of a file when it was indexed; a fetch from a file that no longer matches
 // is refused rather than read.
 struct file_stamp {

@@ -10,11 +10,13 @@ void send(const response& page, httplib::Response& res, double build_ms) {
     res.status = page.status;
     res.set_header("X-Content-Type-Options", "nosniff");
     res.set_header("Cache-Control", "no-store");
-    // Only this page's own script runs, and the page fetches nothing from anywhere else.
+    // Only this page's own script runs (under the nonce drawn for this response; none when
+    // the page has no script), and the page fetches nothing from anywhere else.
     res.set_header("Content-Security-Policy",
                    "default-src 'none'; style-src 'unsafe-inline'; img-src 'self'; "
-                   "form-action 'self'; base-uri 'none'; script-src 'nonce-" +
-                       script_nonce() + "'");
+                   "form-action 'self'; base-uri 'none'; script-src " +
+                       (page.nonce.empty() ? std::string("'none'")
+                                           : "'nonce-" + page.nonce + "'"));
     res.set_header("Server-Timing", "page;dur=" + fixed(build_ms, 3));
     if (!page.attachment.empty())
         res.set_header("Content-Disposition", "attachment; filename=\"" + page.attachment + "\"");
@@ -34,25 +36,20 @@ httplib::Server::Handler timed(Build build) {
     };
 }
 
-window_query query_of(const httplib::Request& req) {
-    window_query q;
-    if (req.has_param("from")) q.from = req.get_param_value("from");
-    if (req.has_param("width")) q.width = req.get_param_value("width");
-    return q;
+// The path and query as the pages take them.
+request request_of(const httplib::Request& req) {
+    request r;
+    r.path = req.path;
+    for (const auto& [key, value] : req.params) r.params.emplace_back(key, value);
+    return r;
 }
 
 }  // namespace
 
 void add_routes(httplib::Server& server, const site& s) {
-    server.Get("/", timed([&s](const httplib::Request&) { return s.overview(); }));
-    server.Get(R"(/contig/(.+))", timed([&s](const httplib::Request& req) {
-                   return s.contig(req.matches[1].str(), query_of(req));
-               }));
-    server.Get(R"(/read/(.+))",
-               timed([&s](const httplib::Request& req) { return s.read(req.matches[1].str()); }));
-    server.Get(R"(.*)", timed([&s](const httplib::Request& req) {
-                   return s.not_found("Nothing is served at " + req.path + ".");
-               }));
+    // Which page answers a path is the pages' own business (routes.cpp).
+    server.Get(R"(.*)",
+               timed([&s](const httplib::Request& req) { return s.serve(request_of(req)); }));
 }
 
 }  // namespace browse

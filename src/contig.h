@@ -28,6 +28,30 @@ struct fRead {
     std::int32_t flow_end = 0;
 };
 
+// One read of a window drawn by contig::draw_window.
+struct window_read {
+    std::string name;
+    std::int32_t start = 0;            // the read's first column in the contig
+    std::int32_t first = 0, last = 0;  // the columns of the window it covers
+    std::int32_t first_flow = -1;      // the window flows its counts fill (0: the window's
+    std::int32_t last_flow = -1;       // first flow); -1 when it has none
+    bool complemented = false;
+};
+
+// A window of exactly the columns asked for, with every read that covers one of them: the
+// selection, clipping and flow counting are the rules of the library's other window
+// operations, without their bound on where a read may start. Rows are layout rows.
+struct window_grid {
+    std::int32_t from = 1, last = 0;              // columns (last < from: none)
+    std::int32_t first_flow = 0, flows = 0;       // the contig flow of window flow 0, and how many
+    std::string consensus;                        // one character per column
+    std::string flow_letters;                     // one letter per window flow
+    std::vector<std::int32_t> layout_rows;        // the print_map row of each grid row
+    std::vector<std::vector<window_read>> reads;  // per grid row, by start
+    std::vector<std::string> bases;               // per grid row, ' ' where no read
+    std::vector<std::vector<std::int16_t>> counts;  // per grid row and window flow, -1: no read
+};
+
 // The flow order: the nucleotide offered by each flow, cycling.
 extern const char fcycle[4];
 
@@ -81,4 +105,16 @@ class contig {
     void align_seq(std::vector<std::vector<char>>& base_columns,
                    std::vector<std::map<std::int32_t, std::string>>& seq_rows, std::int32_t from,
                    int width);
+
+    // Exact windows (contig_render.cpp). They only read the contig: its layout and flow
+    // consensus have to be built first (create_print_map, create_flow_concensus); without
+    // them a window has no rows, and without a flow consensus no flows.
+    // The layout rows with at least one read over columns from..last (held to the consensus),
+    // and how many reads those are.
+    std::int64_t window_rows(std::int64_t from, std::int64_t last,
+                             std::vector<std::int32_t>& rows) const;
+    // Columns from..last (held to the consensus) drawn for the given layout rows, in the order
+    // given; a row without a read over the window stays empty.
+    void draw_window(std::int64_t from, std::int64_t last, const std::vector<std::int32_t>& rows,
+                     window_grid& out) const;
 };

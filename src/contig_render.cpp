@@ -235,3 +235,92 @@ void contig::align_seq(std::vector<std::vector<char>>& base_columns,
             });
     }
 }
+
+namespace {
+
+// Every read that covers a column of from..last, wherever it starts: the start columns to
+// look at reach back by the longest read and forward to the window's end.
+contig_window::bounds exact_bounds(const contig& c, std::int64_t from, std::int64_t last) {
+    const contig_window::span cols = contig_window::consensus_part(c, from, last);
+    return {cols.first, cols.last, std::max<std::int64_t>(1, cols.first - c.max_read_len + 1),
+            cols.last};
+}
+
+}  // namespace
+
+std::int64_t contig::window_rows(std::int64_t from, std::int64_t last,
+                                 std::vector<std::int32_t>& rows) const {
+    const contig_window::bounds w = exact_bounds(*this, from, last);
+    std::int64_t shown = 0;
+    for (std::size_t r = 0; r < print_map.size(); ++r) {
+        std::int64_t in_row = 0;
+        contig_window::for_each_shown(*this, print_map[r], w,
+                                      [&](const contig_window::shown_read&) { ++in_row; });
+        if (in_row == 0) continue;
+        rows.push_back(static_cast<std::int32_t>(r));
+        shown += in_row;
+    }
+    return shown;
+}
+
+void contig::draw_window(std::int64_t from, std::int64_t last,
+                         const std::vector<std::int32_t>& rows, window_grid& out) const {
+    const contig_window::bounds w = exact_bounds(*this, from, last);
+    const std::int64_t columns = std::max<std::int64_t>(w.last - w.from + 1, 0);
+    out.from = static_cast<std::int32_t>(w.from);
+    out.last = static_cast<std::int32_t>(w.last);
+    out.consensus.clear();
+    for (std::int64_t p = w.from; p <= w.last; ++p)
+        out.consensus += consensus[static_cast<std::size_t>(p - 1)];
+
+    out.first_flow = 0;
+    out.flows = 0;
+    out.flow_letters.clear();
+    const bool has_flows = !flow_consensus.empty() && columns > 0;
+    if (has_flows) {
+        const contig_window::span f = contig_window::flow_range(*this, w.from, w.last);
+        out.first_flow = static_cast<std::int32_t>(f.first);
+        out.flows = static_cast<std::int32_t>(std::max<std::int64_t>(f.last - f.first + 1, 0));
+        for (std::int64_t k = f.first; k <= f.last; ++k)
+            out.flow_letters += contig_window::at(flow_consensus, k);
+    }
+
+    out.layout_rows = rows;
+    out.reads.assign(rows.size(), {});
+    out.bases.assign(rows.size(), std::string(static_cast<std::size_t>(columns), ' '));
+    out.counts.assign(rows.size(),
+                      std::vector<std::int16_t>(static_cast<std::size_t>(out.flows), -1));
+    if (columns == 0) return;
+    for (std::size_t g = 0; g < rows.size(); ++g) {
+        if (rows[g] < 0 || static_cast<std::size_t>(rows[g]) >= print_map.size()) continue;
+        std::string& line = out.bases[g];
+        std::vector<std::int16_t>& counts = out.counts[g];
+        contig_window::for_each_shown(
+            *this, print_map[static_cast<std::size_t>(rows[g])], w,
+            [&](const contig_window::shown_read& s) {
+                window_read r;
+                r.name = s.name;
+                r.start = static_cast<std::int32_t>(s.s);
+                r.first = static_cast<std::int32_t>(s.a);
+                r.last = static_cast<std::int32_t>(s.e);
+                r.complemented = s.read.uncomplemented == 0;
+                const auto held = static_cast<std::int64_t>(s.read.sequence.size());
+                for (std::int64_t p = s.a; p <= s.e && p - s.s < held; ++p)
+                    line[static_cast<std::size_t>(p - w.from)] =
+                        s.read.sequence[static_cast<std::size_t>(p - s.s)];
+                contig_window::flow_part part;
+                if (has_flows && contig_window::clip_to_flows(*this, s, part)) {
+                    r.first_flow = static_cast<std::int32_t>(part.fs - out.first_flow);
+                    r.last_flow = static_cast<std::int32_t>(part.fe - out.first_flow);
+                    contig_window::count_flows(*this, s.read.sequence, part.i, part.j, part.fs,
+                                               part.fe, [&](std::int64_t f, int n) {
+                                                   const std::int64_t k = f - out.first_flow;
+                                                   if (k >= 0 && k < out.flows)
+                                                       counts[static_cast<std::size_t>(k)] =
+                                                           static_cast<std::int16_t>(n);
+                                               });
+                }
+                out.reads[g].push_back(std::move(r));
+            });
+    }
+}

@@ -1,6 +1,7 @@
 // The browser's pages, built without a server: escaping of everything that comes from the
-// input files, windows (reads that start inside them, clamps, both ends of a contig), the
-// read page with its SFF record, and the 400 and 404 answers.
+// input files, windows (reads that start inside them or before the contig, lower-case reads,
+// clamps, both ends of a contig, bounded rows), the read page with its SFF record, the
+// contig cache, and the 400 and 404 answers.
 
 #include <gtest/gtest.h>
 
@@ -16,12 +17,17 @@
 #include "read_source.h"
 #include "run_tool.h"
 #include "sff_builder.h"
-#include "window_maps.h"
+#include "window_view.h"
 
 namespace {
 
 using namespace fixture;
 using browse::window_query;
+
+browse::request get(std::string path,
+                    std::vector<std::pair<std::string, std::string>> params = {}) {
+    return {std::move(path), std::move(params)};
+}
 
 // A read name that is markup: ACE names cannot hold blanks, so the attribute separators are
 // slashes, which HTML parsers take as blanks all the same.
@@ -60,9 +66,15 @@ struct site_fixture {
         return paths;
     }
     browse::response contig(const std::string& name, std::optional<std::string> from = {},
-                            std::optional<std::string> width = {}) {
-        return site.contig(name, window_query{std::move(from), std::move(width)});
+                            std::optional<std::string> width = {},
+                            std::optional<std::string> rows = {}) {
+        browse::request r = get("/contig/" + name);
+        if (from) r.params.emplace_back("from", *from);
+        if (width) r.params.emplace_back("width", *width);
+        if (rows) r.params.emplace_back("rows", *rows);
+        return site.serve(r);
     }
+    browse::response read(const std::string& name) { return site.serve(get("/read/" + name)); }
 };
 
 // Contig "w" of 400 columns whose reads are 100 long: r1 starts before the window 101..200,
@@ -84,6 +96,13 @@ bool contains(const std::string& s, const std::string& part) {
     return s.find(part) != std::string::npos;
 }
 
+std::vector<std::string> names_of(const window_grid& g) {
+    std::vector<std::string> names;
+    for (const auto& row : g.reads)
+        for (const window_read& r : row) names.push_back(r.name);
+    return names;
+}
+
 TEST(BrowseWindow, EveryReadOverTheShownColumnsIsDrawnAndNothingBeyond) {
     site_fixture f({window_contig()});
     browse::assembly::load_result loaded;
@@ -96,65 +115,72 @@ TEST(BrowseWindow, EveryReadOverTheShownColumnsIsDrawnAndNothingBeyond) {
     b->c.print_align_map_plain(text, drawn, 101, 100);
     EXPECT_EQ(drawn, (std::vector<std::string>{"r1", "r2"}));
 
-    for (bool html : {false, true}) {
-        SCOPED_TRACE(html);
-        const browse::drawn_map a = browse::align_map(*b, 101, 200, html);
-        const browse::drawn_map fl = browse::flow_map(*b, 101, 200, html);
-        std::vector<std::string> names;
-        for (const auto& row : a.names) names.insert(names.end(), row.begin(), row.end());
-        // Rows: r1 then r4; r2; r3; r5.
-        EXPECT_EQ(names, (std::vector<std::string>{"r1", "r4", "r2", "r3", "r5"}));
-        EXPECT_EQ(fl.names, a.names);
-        if (!html) {
-            EXPECT_EQ(a.lines[0], window_contig().consensus.substr(100, 100));
-            for (const std::string& line : a.lines) EXPECT_LE(line.size(), 100u);
-            EXPECT_EQ(a.lines[2].find_first_not_of(' '), 0u);   // r2 starts in the first column
-            EXPECT_EQ(a.lines[4].find_first_not_of(' '), 99u);  // r5 in the last
-            EXPECT_EQ(a.lines[4].size(), 100u);
-            EXPECT_EQ(a.lines[1].size(), 100u);  // r4 cut at the window's end
-        }
+    browse::window_view v;
+    ASSERT_TRUE(browse::build_view(*b, 101, 200, 1, v));
+    const window_grid& g = v.grid;
+    // Rows: r1 then r4; r2; r3; r5.
+    EXPECT_EQ(names_of(g), (std::vector<std::string>{"r1", "r4", "r2", "r3", "r5"}));
+    EXPECT_EQ(v.reads_over, 5);
+    EXPECT_EQ(v.reads_shown, 5);
+    EXPECT_EQ(g.consensus, window_contig().consensus.substr(100, 100));
+    for (const std::string& line : g.bases) EXPECT_EQ(line.size(), 100u);
+    EXPECT_EQ(g.bases[1].find_first_not_of(' '), 0u);   // r2 starts in the first column
+    EXPECT_EQ(g.bases[3].find_first_not_of(' '), 99u);  // r5 in the last
+    EXPECT_EQ(g.bases[0].find_last_not_of(' '), 99u);   // r4 cut at the window's end
+    EXPECT_EQ(g.reads[0][0].first, 101);                // r1 cut at its start
+    for (std::size_t r = 0; r < g.counts.size(); ++r) {
+        ASSERT_EQ(g.counts[r].size(), static_cast<std::size_t>(g.flows));
+        EXPECT_GT(*std::max_element(g.counts[r].begin(), g.counts[r].end()), 0) << r;
     }
-    // The names the library drew with the widened window are those listed per line.
-    text.clear();
-    drawn.clear();
-    b->c.print_align_map_plain(text, drawn, 101, browse::library_width(b->c, 101, 200));
-    std::vector<std::string> by_row;
-    for (const auto& row : browse::reads_by_row(b->c, 101, 200))
-        by_row.insert(by_row.end(), row.begin(), row.end());
-    EXPECT_EQ(drawn, by_row);
+
+    // The plain text lists the same reads row by row.
+    const auto page = f.contig("w.txt", "101", "100");
+    EXPECT_TRUE(contains(page.body, "showing 5 of 5 reads"));
+    EXPECT_TRUE(contains(page.body, "\nr1 r4\nr2\nr3\nr5\n"));
 }
 
-TEST(BrowseWindow, LibraryHtmlAndPlainDrawTheSameCharacters) {
-    site_fixture f({window_contig()});
+// The exact window keeps the library's rules: where the library's widened window selects a
+// read, both give it the same bases and the same flow counts.
+TEST(BrowseWindow, ExactWindowAgreesWithTheLibrarysOperations) {
+    ace_contig c = window_contig();
+    c.reads.push_back({"pads", 120, "GTTG**CAACGTTGCAACG*TTGCA"});
+    c.reads.push_back({"runs", 170, "CAAAACGGGT"});
+    site_fixture f({c});
     browse::assembly::load_result loaded;
     auto b = f.ace.load(0, loaded);
-    ASSERT_TRUE(b->html_safe);
-    auto strip = [](const std::string& html) {
-        std::string out;
-        bool tag = false;
-        for (char c : html) {
-            if (c == '<') tag = true;
-            if (!tag) out += c;
-            if (c == '>') tag = false;
+    contig& k = b->c;
+    const std::int64_t from = 115, last = 180;
+    const int wide = static_cast<int>(last - from + 1 + k.min_read_len - 1);
+
+    std::vector<std::int32_t> rows;
+    k.window_rows(from, last, rows);
+    window_grid g;
+    k.draw_window(from, last, rows, g);
+
+    std::vector<std::vector<char>> columns;
+    std::vector<std::map<std::int32_t, std::string>> seq_rows;
+    k.align_seq(columns, seq_rows, static_cast<std::int32_t>(from), wide);
+    std::vector<std::vector<std::int16_t>> counts;
+    std::vector<std::map<std::int32_t, fRead>> flow_rows;
+    k.align_flow(counts, flow_rows, static_cast<std::int32_t>(from), wide);
+    ASSERT_GE(counts.size(), static_cast<std::size_t>(g.flows));
+    for (std::size_t gr = 0; gr < rows.size(); ++gr) {
+        const auto r = static_cast<std::size_t>(rows[gr]);
+        for (std::int64_t col = from; col <= last; ++col) {
+            const auto& column = columns[static_cast<std::size_t>(col - from)];
+            const char lib = r < column.size() && column[r] != '0' ? column[r] : ' ';
+            EXPECT_EQ(g.bases[gr][static_cast<std::size_t>(col - from)], lib) << r << " " << col;
         }
-        return out;
-    };
-    const auto plain = browse::align_map(*b, 150, 230, false);
-    const auto html = browse::align_map(*b, 150, 230, true);
-    EXPECT_TRUE(html.from_library_html);
-    ASSERT_EQ(plain.lines.size(), html.lines.size());
-    for (std::size_t i = 0; i < plain.lines.size(); ++i)
-        EXPECT_EQ(strip(html.lines[i]), plain.lines[i]);
-
-    // Flow maps: the spaced HTML map has no blank before its first cell.
-    const auto fplain = browse::flow_map(*b, 150, 230, false);
-    const auto fhtml = browse::flow_map(*b, 150, 230, true);
-    ASSERT_EQ(fplain.lines.size(), fhtml.lines.size());
-    EXPECT_EQ(" " + strip(fhtml.lines[0]), fplain.lines[0]);
-
-    EXPECT_EQ(browse::cut_line("<font color=red>AAA</font><font color=blue>C</font>", 2, true),
-              "<font color=red>AA</font>");
-    EXPECT_EQ(browse::cut_line("<font color=red>AA</font>C", 2, true), "<font color=red>AA</font>");
+        // Flows of the read's last column may carry bases past the window, which the library's
+        // wider window counts too: the reads' inner flows are compared.
+        for (const window_read& rd : g.reads[gr]) {
+            for (std::int32_t fl = rd.first_flow; fl < rd.last_flow; ++fl) {
+                const auto& column = counts[static_cast<std::size_t>(fl)];
+                ASSERT_LT(r, column.size());
+                EXPECT_EQ(g.counts[gr][static_cast<std::size_t>(fl)], column[r]) << rd.name << fl;
+            }
+        }
+    }
 }
 
 TEST(BrowseWindow, QueriesAreCheckedAndClampedAtTheContigEnd) {
@@ -179,7 +205,7 @@ TEST(BrowseWindow, QueriesAreCheckedAndClampedAtTheContigEnd) {
         {{}, "wide", 0, 0, "whole number"},
     };
     for (const row& r : rows) {
-        const browse::window w = browse::check_window({r.from, r.width}, 400);
+        const browse::window w = browse::check_window({r.from, r.width, {}}, 400);
         SCOPED_TRACE(r.from.value_or("-") + " " + r.width.value_or("-"));
         if (*r.error != '\0') {
             EXPECT_TRUE(contains(w.error, r.error)) << w.error;
@@ -202,19 +228,19 @@ TEST(BrowseWindow, NavigationAtBothEnds) {
     site_fixture f({window_contig()});
     const auto first = f.contig("w", "1", "100");
     ASSERT_EQ(first.status, 200);
-    EXPECT_TRUE(contains(first.body, "<span class=\"off\">&#8592; previous 100</span>"));
+    EXPECT_TRUE(contains(first.body, "<span class=\"off\">← previous 100</span>"));
     EXPECT_TRUE(contains(first.body, "href=\"/contig/w?from=101&amp;width=100\">next 100"));
     EXPECT_TRUE(contains(first.body, "Columns 1 to 100 are drawn"));
 
     const auto middle = f.contig("w", "50", "100");
-    EXPECT_TRUE(contains(middle.body, "href=\"/contig/w?from=1&amp;width=100\">&#8592; previous"));
+    EXPECT_TRUE(contains(middle.body, "href=\"/contig/w?from=1&amp;width=100\">← previous"));
 
     const auto last = f.contig("w", "351", "100");
     ASSERT_EQ(last.status, 200);
-    EXPECT_TRUE(contains(last.body, "href=\"/contig/w?from=251&amp;width=100\">&#8592; previous"));
-    EXPECT_TRUE(contains(last.body, "<span class=\"off\">next 100 &#8594;</span>"));
+    EXPECT_TRUE(contains(last.body, "href=\"/contig/w?from=251&amp;width=100\">← previous"));
+    EXPECT_TRUE(contains(last.body, "<span class=\"off\">next 100 →</span>"));
     EXPECT_TRUE(contains(last.body, "Columns 351 to 400 are drawn"));
-    EXPECT_TRUE(contains(last.body, "cut at the contig's last column"));
+    EXPECT_TRUE(contains(last.body, "cut at the contig&#39;s last column"));
     for (const char* width : {"50", "100", "200", "500"})
         EXPECT_TRUE(contains(last.body, std::string("from=351&amp;width=") + width + "\""));
     EXPECT_TRUE(contains(last.body, "<svg class=\"depth\""));
@@ -222,7 +248,7 @@ TEST(BrowseWindow, NavigationAtBothEnds) {
 
     const auto text = f.contig("w.txt", "101", "100");
     EXPECT_EQ(text.content_type, "text/plain; charset=utf-8");
-    EXPECT_TRUE(contains(text.body, "columns 101 to 200 of 400, 5 reads"));
+    EXPECT_TRUE(contains(text.body, "columns 101 to 200 of 400, showing 5 of 5 reads"));
 }
 
 TEST(BrowsePages, UnknownNamesAreNotFound) {
@@ -317,6 +343,212 @@ TEST(BrowsePages, ChangedFilesAreRefusedNotRead) {
     const auto page = f.contig("w");
     EXPECT_EQ(page.status, 500);
     EXPECT_TRUE(contains(page.body, "restart the server"));
+}
+
+TEST(BrowseWindow, ReadsBeforeColumnOneAndLowerCaseBasesAreDrawn) {
+    // "early" starts 5 columns before the consensus, "lower" is lower case: the library's
+    // layout leaves the first out and its flow count stops at the second's first base.
+    const std::string cons = repeat("ACGTTGCA", 200);
+    std::string lower = cons.substr(9, 60);
+    for (char& ch : lower) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
+    site_fixture f({{"m",
+                     cons,
+                     {{"early", -4, "TTGCA" + cons.substr(0, 55)},
+                      {"lower", 10, lower},
+                      {"gone", -30, cons.substr(0, 20)}}}});
+    browse::assembly::load_result loaded;
+    auto b = f.ace.load(0, loaded);
+    browse::window_view v;
+    ASSERT_TRUE(browse::build_view(*b, 1, 100, 1, v));
+    EXPECT_EQ(names_of(v.grid), (std::vector<std::string>{"early", "lower"}));
+    EXPECT_EQ(v.grid.bases[0].substr(0, 55), cons.substr(0, 55));
+    EXPECT_EQ(v.grid.bases[1].substr(9, 60), cons.substr(9, 60));  // drawn in capitals
+    for (const auto& counts : v.grid.counts) {
+        int bases = 0;
+        for (std::int16_t n : counts) bases += std::max<int>(n, 0);
+        EXPECT_GE(bases, 55);  // every base counted, none stopped at a lower-case letter
+    }
+    EXPECT_EQ(b->depth_max, 2);
+
+    // The read's page tells where the file places it, and links to a window that draws it.
+    const auto page = f.read("early");
+    EXPECT_TRUE(contains(page.body, "<dd>-4 (before the consensus"));
+    EXPECT_TRUE(contains(page.body, "href=\"/contig/m?from=1&amp;width=100\""));
+    EXPECT_TRUE(contains(f.read("gone").body, "<dd>-30 (before the consensus"));
+    EXPECT_TRUE(contains(f.contig("m").body, "Bases are drawn in capitals"));
+}
+
+// A contig 450 reads deep over one window: pages of at most rows_per_page rows, each an even
+// sample of the whole depth, together every read once.
+TEST(BrowseWindow, DeepWindowsArePagedInBoundedRows) {
+    const std::string cons = repeat("ACGTTGCA", 320);
+    ace_contig deep{"deep", cons, {}};
+    for (int i = 0; i < 450; ++i)
+        deep.reads.push_back({"d" + std::to_string(1000 + i), 1 + i % 7, cons.substr(i % 7, 200)});
+    site_fixture f({deep});
+    EXPECT_EQ(browse::rows_per_page(100), browse::max_rows);
+    EXPECT_EQ(browse::rows_per_page(2000), browse::min_rows);
+
+    std::vector<std::string> seen;
+    for (int p = 1; p <= 3; ++p) {
+        const auto text = f.contig("deep.txt", "50", "100", std::to_string(p));
+        ASSERT_EQ(text.status, 200) << p << text.body;
+        const std::size_t at =
+            text.body.find("# reads of each row above", text.body.find("# alignment"));
+        std::size_t rows = 0;
+        for (std::size_t i = text.body.find('\n', at) + 1; i < text.body.size();) {
+            const std::size_t nl = text.body.find('\n', i);
+            seen.push_back(text.body.substr(i, nl - i));
+            ++rows;
+            i = nl + 1;
+        }
+        EXPECT_LE(rows, static_cast<std::size_t>(browse::max_rows));
+        EXPECT_GE(rows, 149u);
+        EXPECT_TRUE(contains(text.body, "of 450 reads (rows page " + std::to_string(p) + " of 3"));
+    }
+    std::sort(seen.begin(), seen.end());
+    EXPECT_EQ(std::unique(seen.begin(), seen.end()), seen.end());
+    EXPECT_EQ(seen.size(), 450u);
+    const auto first = f.contig("deep", "50", "100");
+    EXPECT_TRUE(contains(first.body, "showing 150 of 450 reads"));
+    EXPECT_TRUE(contains(first.body, "href=\"/contig/deep?from=50&amp;width=100&amp;rows=3\""));
+    EXPECT_TRUE(contains(first.body, ">d1000</a>"));
+    EXPECT_EQ(f.contig("deep", "50", "100", "4").status, 400);
+    EXPECT_EQ(f.contig("deep", "50", "100", "0").status, 400);
+    EXPECT_EQ(f.contig("deep.txt", "50", "100", "x").status, 400);
+}
+
+TEST(BrowsePages, EveryResponseHasItsOwnNonce) {
+    site_fixture f({window_contig()});
+    const auto a = f.site.serve(get("/")), b = f.site.serve(get("/"));
+    ASSERT_EQ(a.nonce.size(), 32u);
+    EXPECT_NE(a.nonce, b.nonce);
+    EXPECT_TRUE(contains(a.body, "<script nonce=\"" + a.nonce + "\">"));
+    EXPECT_EQ(f.read("r1").nonce, "");  // no script, none allowed
+    EXPECT_FALSE(contains(f.read("r1").body, "<script"));
+}
+
+TEST(BrowsePages, TheWriterEscapesTextAndAttributeValues) {
+    browse::html h;
+    h.open("a", {{"href", "/x?a=1&b=\"2\""}, {"title", "<i>'"}})
+        .text("<b>&</b>")
+        .close("a")
+        .markup("<br>");
+    EXPECT_EQ(h.str(),
+              "<a href=\"/x?a=1&amp;b=&quot;2&quot;\" "
+              "title=\"&lt;i&gt;&#39;\">&lt;b&gt;&amp;&lt;/b&gt;</a>"
+              "<br>");
+    browse::html c;
+    c.text(std::string("a\x01" "b", 3));
+    EXPECT_EQ(c.str(),
+              "a\xEF\xBF\xBD"
+              "b");
+}
+
+// Of a name held by two SFF files the first file named serves the read, as in the tool.
+TEST(BrowseRecords, DuplicateNamesComeFromTheFirstFile) {
+    const std::string flows = tacg_flows(40);
+    sff_file_layout first, second;
+    first.number_of_flows_per_read = second.number_of_flows_per_read = 40;
+    first.reads.push_back(make_read("r2", "TCAGACGTTG", flows, {11}, 1));
+    second.reads.push_back(make_read("r2", "TCAGTTTT", flows, {22}, 2));
+    second.reads.push_back(make_read("x", "TCAGA", flows, {}, 3));
+    // The reverse order too: the first file named wins, not the first or last sorted.
+    for (bool swap : {false, true}) {
+        SCOPED_TRACE(swap);
+        site_fixture f({window_contig()},
+                       swap ? std::vector{second, first} : std::vector{first, second});
+        browse::sff_record rec;
+        ASSERT_EQ(f.sff.fetch("r2", rec), browse::read_source::fetch_result::ok);
+        EXPECT_EQ(rec.file, f.dir / "r0.sff");
+        EXPECT_EQ(rec.bases, swap ? "TCAGTTTT" : "TCAGACGTTG");
+        EXPECT_EQ(rec.quality[0], swap ? 22 : 11);
+        EXPECT_EQ(f.sff.files[0].reads, swap ? 2u : 1u);
+        EXPECT_EQ(f.sff.files[1].reads, swap ? 1u : 2u);
+    }
+}
+
+// The kept range is the library's: the larger left clip, the smaller right clip, adapter
+// clips included; the page and the TSV still show every base of the record.
+TEST(BrowseRecords, KeptRangeTakesTheAdapterClipsAndEveryBaseIsShown) {
+    const std::string flows = tacg_flows(60);
+    sff_file_layout sff;
+    sff.number_of_flows_per_read = 60;
+    sff.reads.push_back(make_read("r2", "TCAGACGTTGCAACGTTGCAAC", flows, {}, 3));
+    auto& rd = sff.reads.back();
+    rd.clip_qual_left = 5;
+    rd.clip_qual_right = 20;
+    rd.clip_adapter_left = 7;
+    rd.clip_adapter_right = 15;
+    site_fixture f({window_contig()}, {sff});
+    const auto page = f.read("r2");
+    EXPECT_TRUE(contains(page.body, "<dd>22, kept 7 to 15</dd>"));
+    const auto tsv = f.read("r2.bases.tsv").body;
+    EXPECT_TRUE(contains(tsv, "\n6\tC\t30\t"));
+    EXPECT_TRUE(contains(tsv, "\t0\n7\t"));
+    EXPECT_TRUE(contains(tsv, "\t1\n16\t"));
+    EXPECT_TRUE(contains(tsv, "\n22\tC\t30\t"));
+    EXPECT_TRUE(tsv.ends_with("\t0\n"));
+    // The flow of each base is the library's counter from the record's first base.
+    browse::sff_record rec;
+    ASSERT_EQ(f.sff.fetch("r2", rec), browse::read_source::fetch_result::ok);
+    ASSERT_EQ(rec.flow_of_base.size(), 22u);
+    EXPECT_EQ(rec.flow_of_base[0], 0);  // T in flow 0
+    EXPECT_EQ(rec.flow_of_base[1], 2);  // C in flow 2
+    for (std::size_t i = 0; i < 22; ++i)
+        EXPECT_EQ(rec.flow_chars[static_cast<std::size_t>(rec.flow_of_base[i])], rec.bases[i]) << i;
+}
+
+// A record cut short by the end of its file: what the file lacks reads as zero, never as
+// what a reader held from the read before.
+TEST(BrowseRecords, ARecordCutShortShowsZerosNotThePreviousRead) {
+    const std::string flows = tacg_flows(40);
+    sff_file_layout sff;
+    sff.number_of_flows_per_read = 40;
+    sff.reads.push_back(make_read("full", "TCAGACGTTGCAACGTACGT", flows, {37}, 1));
+    sff.reads.push_back(make_read("cut", "TCAGACGTTGCAACGTACGT", flows, {9}, 2));
+    std::string bytes = build_sff(sff);
+    bytes.resize(bytes.size() - 16);  // its qualities and padding are gone
+    temp_dir d;
+    ASSERT_TRUE(write_file(d / "c.sff", bytes));
+
+    browse::read_source source({d / "c.sff"});
+    ASSERT_EQ(source.entries.size(), 2u);
+    const auto* cut = source.find("cut");
+    const auto* full = source.find("full");
+    ASSERT_NE(cut, nullptr);
+    reader r(d / "c.sff");
+    ASSERT_TRUE(r.get_header());
+    ASSERT_TRUE(r.get_record(full->pos));
+    r.sff_file.clear();
+    ASSERT_TRUE(r.get_record(cut->pos));
+    browse::sff_record rec;
+    browse::from_record(r, rec);
+    ASSERT_EQ(rec.quality.size(), 20u);
+    EXPECT_EQ(rec.quality[0], 9);
+    EXPECT_EQ(rec.quality[19], 0);
+
+    browse::sff_record fetched;
+    ASSERT_EQ(source.fetch("full", fetched), browse::read_source::fetch_result::ok);
+    ASSERT_EQ(source.fetch("cut", fetched), browse::read_source::fetch_result::ok);
+    EXPECT_EQ(fetched.quality, rec.quality);
+}
+
+// The cache keeps the most recently used contigs: one used again stays when another comes.
+TEST(BrowseCache, TheLeastRecentlyUsedContigLeaves) {
+    ace_contig a = window_contig(), b = window_contig(), c = window_contig();
+    b.name = "b";
+    c.name = "c";
+    temp_dir d;
+    write_file(d / "a.ace", ace_file_text({a, b, c}));
+    browse::assembly ace(d / "a.ace", 2);
+    browse::assembly::load_result loaded;
+    auto first = ace.load(0, loaded);
+    auto second = ace.load(1, loaded);
+    EXPECT_EQ(ace.load(0, loaded), first);  // used again: now the most recent
+    ace.load(2, loaded);                    // the second leaves
+    EXPECT_EQ(ace.load(0, loaded), first);
+    EXPECT_NE(ace.load(1, loaded), second);
 }
 
 }  // namespace

@@ -57,7 +57,7 @@ TEST(BrowseServer, ServesEveryPageKindAndStopsOnSigterm) {
     ASSERT_TRUE(page);
     EXPECT_EQ(page->status, 200);
     EXPECT_TRUE(contains(page->body, "<svg class=\"depth\""));
-    EXPECT_TRUE(contains(page->body, "<font color=#d73027>T</font>"));  // a coloured flow letter
+    EXPECT_TRUE(contains(page->body, "<span class=\"bT\">T</span>"));  // a coloured flow letter
     EXPECT_TRUE(contains(page->get_header_value("Server-Timing"), "page;dur="));
     const std::regex read_link("href=\"/read/([A-Z0-9]+)\"");
     std::smatch m;

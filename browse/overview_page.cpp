@@ -1,0 +1,51 @@
+// The overview: the files, the counts, and the table of contigs.
+#include "browse_assets.h"
+#include "page_parts.h"
+
+namespace browse {
+
+response site::overview() const {
+    html b;
+    b.element("h1", "Assembly").open("dl", {{"class", "facts"}});
+    fact(b, "ACE file", ace.ace_path);
+    for (const read_source::sff_file& f : sff.files)
+        fact(b, "SFF file",
+             f.path + " (" + grouped(static_cast<std::int64_t>(f.reads)) + " reads)");
+    if (sff.files.empty()) fact(b, "SFF files", "none");
+    fact(b, "contigs", grouped(static_cast<std::int64_t>(ace.contigs.size())));
+    fact(b, "reads placed", grouped(ace.reads_placed));
+    fact(b, "reads found in the SFF files", grouped(ace.reads_found));
+    fact(b, "consensus columns", grouped(ace.columns));
+    b.close("dl").markup("\n");
+    if (!ace.start_up_hint.empty()) b.element("p", {{"class", "hint"}}, ace.start_up_hint);
+
+    b.element("h2", "Contigs")
+        .markup(
+            "<p><label>Filter by name <input id=\"filter\" type=\"search\" "
+            "placeholder=\"part of a name\"></label> <span class=\"note\"><span id=\"shown\">")
+        .number(static_cast<std::int64_t>(ace.contigs.size()))
+        .markup(
+            "</span> shown; click a heading to sort</span></p>\n"
+            "<table class=\"data\" id=\"contigs\"><thead><tr><th>name</th><th>columns</th>"
+            "<th>reads</th><th>reads found</th><th>min length</th><th>avg length</th>"
+            "<th>max length</th><th>layout rows</th></tr></thead>\n<tbody>\n");
+    for (const contig_summary& s : ace.contigs) {
+        b.open("tr").open("td", {{"data-v", s.name}});
+        b.element("a", {{"href", contig_href(s.name)}}, s.name).close("td");
+        auto cell = [&b](double v, const std::string& shown) {
+            b.element("td", {{"data-v", fixed(v, 2)}}, shown);
+        };
+        cell(s.columns, grouped(s.columns));
+        cell(s.reads, grouped(s.reads));
+        cell(s.found, grouped(s.found));
+        cell(s.min_len, std::to_string(s.min_len));
+        cell(s.avg_len, fixed(s.avg_len, 0));
+        cell(s.max_len, std::to_string(s.max_len));
+        cell(s.rows, grouped(s.rows));
+        b.close("tr").markup("\n");
+    }
+    b.markup("</tbody></table>\n");
+    return page("Assembly", b, assets::overview_js());
+}
+
+}  // namespace browse
