@@ -128,13 +128,31 @@ assembly::assembly(const std::string& path, std::size_t cache_size, std::size_t 
         s.avg_len = c.avg_read_len;
         s.rows = static_cast<std::int32_t>(c.print_map.size());
         const auto k = static_cast<std::uint32_t>(contigs.size());
-        for (const auto& entry : c.reads) placements.emplace_back(entry.first, k);
+        for (const auto& entry : c.reads) {
+            placements.emplace_back(entry.first, k);
+            placement_starts.push_back(entry.second.start);
+        }
         reads_placed += s.reads;
         columns += s.columns;
         contigs.push_back(std::move(s));
     }
-    std::sort(placements.begin(), placements.end());
-    placements.shrink_to_fit();
+    // Sorted by name (then contig), the starts taken along.
+    std::vector<std::uint32_t> order(placements.size());
+    for (std::size_t i = 0; i < order.size(); ++i) order[i] = static_cast<std::uint32_t>(i);
+    std::sort(order.begin(), order.end(),
+              [this](std::uint32_t x, std::uint32_t y) { return placements[x] < placements[y]; });
+    {
+        std::vector<std::pair<std::string, std::uint32_t>> sorted;
+        std::vector<std::int32_t> starts;
+        sorted.reserve(order.size());
+        starts.reserve(order.size());
+        for (std::uint32_t i : order) {
+            sorted.push_back(std::move(placements[i]));
+            starts.push_back(placement_starts[i]);
+        }
+        placements = std::move(sorted);
+        placement_starts = std::move(starts);
+    }
 
     by_name_.resize(contigs.size());
     for (std::size_t i = 0; i < contigs.size(); ++i) by_name_[i] = static_cast<std::uint32_t>(i);

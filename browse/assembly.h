@@ -75,6 +75,7 @@ class assembly {
     // Read name and contig, one per read of each contig, sorted (a read placed in several
     // contigs is shown in the first).
     std::vector<std::pair<std::string, std::uint32_t>> placements;
+    std::vector<std::int32_t> placement_starts;  // the start column of each placement
     std::int64_t reads_placed = 0, reads_found = 0, columns = 0;
     // What the files suggest doing about an assembly the browser can show little of (set by
     // the program at start-up; the overview shows it).

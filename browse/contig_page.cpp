@@ -3,6 +3,7 @@
 
 #include "browse_assets.h"
 #include "charts.h"
+#include "evidence_pages.h"
 #include "page_parts.h"
 #include "window_view.h"
 
@@ -117,11 +118,35 @@ response site::contig_text(std::size_t index, const request& req) const {
 }
 
 response site::contig_window(std::size_t index, const request& req) const {
+    // The two toggles: the flow map's counts or measured signals, the alignment's bases or
+    // only its differences from the consensus.
+    const std::string view_mode = req.param("view").value_or("counts");
+    const std::string diff_mode = req.param("diff").value_or("0");
+    if (view_mode != "counts" && view_mode != "signals")
+        return error_page(400, "Bad request",
+                          "view must be counts or signals, not \"" + view_mode + "\"");
+    if (diff_mode != "0" && diff_mode != "1")
+        return error_page(400, "Bad request", "diff must be 0 or 1, not \"" + diff_mode + "\"");
+    const bool signals_view = view_mode == "signals", differences = diff_mode == "1";
     drawn_window d = draw(*this, index, req, false);
     if (d.failed) return *d.failed;
     const contig_summary& s = ace.contigs[index];
     const window& w = d.w;
+    if (differences) differences_only(d.view);
     const window_view& v = d.view;
+    const std::shared_ptr<const contig_evidence> ev =
+        evidence != nullptr ? evidence->get(index) : nullptr;
+    // This window with one toggle changed.
+    auto toggled = [&](bool signals, bool diff) {
+        return window_href(s.name, w.from, w.width, v.page) +
+               "&view=" + (signals ? "signals" : "counts") + "&diff=" + (diff ? "1" : "0");
+    };
+    auto toggle = [&](html& out, bool on, const std::string& href, std::string_view label) {
+        if (on)
+            out.element("span", {{"class", "cur"}}, label);
+        else
+            out.element("a", {{"href", href}}, label);
+    };
 
     html h;
     h.element("h1", "Contig " + s.name + ", columns " + grouped(w.from) + " to " + grouped(w.last));
@@ -192,26 +217,54 @@ response site::contig_window(std::size_t index, const request& req) const {
         h.close("nav").markup("\n");
     }
 
+    if (ev != nullptr) disputed_marks(h, s.name, *ev, w.from, w.last);
     html names, map;
     h.element("h2", "Alignment");
+    h.open("nav", {{"class", "nav toggles"}});
+    toggle(h, !differences, toggled(signals_view, false), "all bases");
+    toggle(h, differences, toggled(signals_view, true), "differences only");
+    h.close("nav");
+    if (differences)
+        h.element("p", {{"class", "note"}},
+                  "Bases equal to the consensus are drawn as . on forward reads and , on "
+                  "complemented ones.");
     align_map_html(v, names, map);
     h.markup("<div class=\"map align\"><pre class=\"names\">")
         .append(names)
         .markup("</pre><pre class=\"seq\">")
         .append(map)
         .markup("</pre></div>\n");
-    h.element("h2", "Flows")
-        .element("p", {{"class", "note"}},
-                 "Each cell is the number of the read's bases a flow carries (A = 10, B = 11, ..., "
-                 "+ above 35); the flows line is the flow-space consensus, + and - the read's "
-                 "direction (- complemented).");
+    h.element("h2", "Flows");
+    h.open("nav", {{"class", "nav toggles"}});
+    toggle(h, !signals_view, toggled(false, differences), "counts");
+    toggle(h, signals_view, toggled(true, differences), "signals");
+    h.close("nav");
     html fnames, fmap;
-    flow_map_html(*d.b, v, fnames, fmap);
+    if (signals_view && ev != nullptr) {
+        signals_legend(h);
+        h.element("p", {{"class", "note"}},
+                  "The consensus line gives the consensus length of each flow's run, and after > "
+                  "the length the flowgrams call where they dispute it.");
+        signals_map_html(*d.b, v, *ev, fnames, fmap);
+    } else {
+        if (signals_view)
+            h.element("p", {{"class", "error"}},
+                      "The flow signals cannot be read: the files changed since start-up.");
+        h.element("p", {{"class", "note"}},
+                  "Each cell is the number of the read's bases a flow carries (A = 10, B = 11, "
+                  "..., + above 35); the flows line is the flow-space consensus, + and - the "
+                  "read's direction (- complemented).");
+        flow_map_html(*d.b, v, fnames, fmap);
+    }
     h.markup("<div class=\"map flow\"><pre class=\"names\">")
         .append(fnames)
         .markup("</pre><pre class=\"seq\">")
         .append(fmap)
         .markup("</pre></div>\n");
+    if (ev != nullptr) {
+        h.element("h2", "Disputed runs");
+        disputed_table(h, s.name, *ev);
+    }
     return page(s.name, h, assets::contig_js());
 }
 

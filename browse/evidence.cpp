@@ -1,5 +1,9 @@
 #include "evidence.h"
 
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <algorithm>
 
 #include "ace.h"
@@ -47,6 +51,16 @@ std::shared_ptr<const contig_evidence> build_evidence(const contig& c, const rea
     for (const auto& [name, r] : c.reads) {
         e->read_names.push_back(name);
         e->read_starts.push_back(r.start);
+    }
+    for (const auto& [name, t] : e->tied) {
+        if (t.start >= 1) continue;
+        tied_read cut = t;
+        const auto drop = std::min<std::size_t>(static_cast<std::size_t>(1 - std::int64_t{t.start}),
+                                                cut.base_flow.size());
+        cut.base_flow.erase(cut.base_flow.begin(),
+                            cut.base_flow.begin() + static_cast<std::ptrdiff_t>(drop));
+        cut.start = 1;
+        e->tied_cut.emplace(name, std::move(cut));
     }
     e->bytes = e->check.runs.size() * sizeof(hp_run) +
                e->check.signals.size() * sizeof(run_signal) + e->unpadded.size() +
@@ -130,6 +144,8 @@ std::shared_ptr<const contig_evidence> evidence_store::get(std::size_t index) {
 void evidence_store::count_in_background() {
     if (counter_.joinable()) return;
     counter_ = std::thread([this] {
+        // Pages come first: the count runs at a lower priority than the request threads.
+        setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), 10);
         for (std::size_t i = 0; i < ace_.contigs.size() && !stop_; ++i) {
             if (counts_[i] >= 0) continue;
             contig c;

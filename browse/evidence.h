@@ -23,6 +23,9 @@ namespace browse {
 struct contig_evidence {
     flow_check check;                       // runs, calls, and every signal with its read
     std::map<std::string, tied_read> tied;  // the reads tied to their records, by name
+    // The ties of the reads that start before column 1 as the display copy shows them: cut
+    // to begin at column 1.
+    std::map<std::string, tied_read> tied_cut;
     tie_counts counts;
     std::string unpadded;
     std::vector<consensus_edit> edits;    // the calls, as sorvexa-flowcheck applies them

@@ -1,5 +1,6 @@
 // The overview: the files, the counts, and the table of contigs.
 #include "browse_assets.h"
+#include "evidence.h"
 #include "page_parts.h"
 
 namespace browse {
@@ -28,7 +29,8 @@ response site::overview() const {
             "</span> shown; click a heading to sort</span></p>\n"
             "<table class=\"data\" id=\"contigs\"><thead><tr><th>name</th><th>columns</th>"
             "<th>reads</th><th>reads found</th><th>min length</th><th>avg length</th>"
-            "<th>max length</th><th>layout rows</th></tr></thead>\n<tbody>\n");
+            "<th>max length</th><th>layout rows</th><th>disputed runs</th></tr></thead>\n"
+            "<tbody>\n");
     for (const contig_summary& s : ace.contigs) {
         b.open("tr").open("td", {{"data-v", s.name}});
         b.element("a", {{"href", contig_href(s.name)}}, s.name).close("td");
@@ -42,6 +44,12 @@ response site::overview() const {
         cell(s.avg_len, fixed(s.avg_len, 0));
         cell(s.max_len, std::to_string(s.max_len));
         cell(s.rows, grouped(s.rows));
+        // Counted in the background after start-up; "..." until this contig's turn came.
+        const std::int32_t disputed =
+            evidence != nullptr
+                ? evidence->disputed_runs(static_cast<std::size_t>(&s - ace.contigs.data()))
+                : -1;
+        cell(disputed, disputed < 0 ? std::string("...") : grouped(disputed));
         b.close("tr").markup("\n");
     }
     b.markup("</tbody></table>\n");

@@ -17,7 +17,10 @@ response page(std::string_view title, const html& body, const html& script) {
     out.append(assets::style_css())
         .markup("</style></head>\n<body>\n<header><a href=\"/\">sorvexa-browse</a><span>")
         .text(title)
-        .markup("</span></header>\n<main>\n")
+        .markup(
+            "</span><form class=\"search\" method=\"get\" action=\"/search\"><input "
+            "name=\"q\" type=\"search\" placeholder=\"read name or its beginning\" "
+            "aria-label=\"find a read\"> <button>find</button></form></header>\n<main>\n")
         .append(body)
         .markup("</main>\n");
     if (script.size() > 0) {

@@ -19,6 +19,8 @@
 
 namespace browse {
 
+class evidence_store;
+
 struct response {
     int status = 200;
     std::string content_type = "text/html; charset=utf-8";
@@ -61,6 +63,10 @@ class site {
   public:
     assembly& ace;
     const read_source& sff;
+
+    // The flow-signal evidence of the contigs, when the server keeps one (pages without it
+    // show no evidence).
+    evidence_store* evidence = nullptr;
 
     site(assembly& a, const read_source& s) : ace(a), sff(s) {}
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "charts.h"
+#include "evidence_pages.h"
 #include "page_parts.h"
 
 namespace browse {
@@ -34,6 +35,46 @@ response bases_tsv(const std::string& name, const sff_record& rec) {
                   '\t' + (kept ? "1" : "0") + '\n';
     }
     return r;
+}
+
+// The read's flows that the assembly counts otherwise than the read measured, with the
+// windows they lie in.
+void disputed_flows(html& h, const site& s, std::size_t k, const built_contig& b,
+                    const std::string& read_name) {
+    if (s.evidence == nullptr) return;
+    const std::shared_ptr<const contig_evidence> ev = s.evidence->get(k);
+    if (ev == nullptr) return;
+    h.element("h2", "Flows the assembly counts otherwise");
+    if (display_tie(*ev, read_name) == nullptr) {
+        h.element("p",
+                  "The read is not tied to its flows: its sequence in the assembly is not "
+                  "among its record's bases (edited or trimmed otherwise).");
+        return;
+    }
+    const std::vector<disputed_flow> flows = read_disputed_flows(b, *ev, read_name);
+    if (flows.empty()) {
+        h.element("p", "On every flow, the assembly gives the read the count its value rounds to.");
+        return;
+    }
+    const std::string& contig = s.ace.contigs[k].name;
+    h.open("table", {{"class", "disputed"}});
+    h.markup(
+        "<thead><tr><th>column</th><th>flow</th><th>assembly</th><th>measured</th></tr>"
+        "</thead><tbody>");
+    for (const disputed_flow& f : flows) {
+        h.open("tr").open("td");
+        h.element("a",
+                  {{"href", window_href(contig, std::max<std::int64_t>(1, f.column - 50), 100) +
+                                "&view=signals"}},
+                  std::to_string(f.column));
+        h.close("td").open("td").element("span", {{"class", base_class(f.letter)}},
+                                         std::string(1, f.letter));
+        h.close("td");
+        h.element("td", std::to_string(f.count));
+        h.element("td", fixed(f.value / 100.0, 2));
+        h.close("tr");
+    }
+    h.markup("</tbody>").close("table");
 }
 
 void placement(html& h, const site& s, const std::string& read_name) {
@@ -73,6 +114,7 @@ void placement(html& h, const site& s, const std::string& read_name) {
     fact(h, "alignment clip",
          std::to_string(rd->align_clip_start) + " to " + std::to_string(rd->align_clip_end));
     h.close("dl").markup("\n");
+    disputed_flows(h, s, static_cast<std::size_t>(k), *b, read_name);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // Which page answers which path. A new page is one more entry in a table below.
 #include <string>
 
+#include "evidence_pages.h"
 #include "page_parts.h"
 
 namespace browse {
@@ -34,13 +35,14 @@ response serve_text(const site& s, std::size_t contig, std::string_view, const r
 const std::vector<top_route> top_routes = {
     {"/contig/", serve_contig},
     {"/read/", serve_read},
+    {"/search", search_page},
     {"/", serve_overview},
 };
 
 // The window itself is the view with the empty key.
 const std::vector<contig_view> contig_views = {
-    {"", true, serve_window},
-    {".txt", true, serve_text},
+    {"", true, serve_window},  {".txt", true, serve_text}, {".vcf", true, calls_vcf},
+    {".tsv", true, calls_tsv}, {"/run/", false, run_page},
 };
 
 std::optional<std::string> request::param(std::string_view name) const {

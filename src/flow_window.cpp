@@ -115,3 +115,38 @@ void window_signals(contig& c, const tied_lookup& tied, const flow_check& check,
             out.runs.push_back(static_cast<std::int32_t>(i));
     }
 }
+
+void grid_signals(const contig& c, const window_grid& grid, const tied_lookup& tied,
+                  std::vector<std::vector<std::int32_t>>& out) {
+    out.assign(grid.counts.size(), {});
+    for (std::size_t g = 0; g < grid.counts.size(); ++g) {
+        out[g].assign(grid.counts[g].size(), -1);
+        if (g >= grid.reads.size()) continue;
+        for (const window_read& wr : grid.reads[g]) {
+            auto rd = c.reads.find(wr.name);
+            if (rd == c.reads.end() || wr.first_flow < 0) continue;
+            // The read as the window drew it, clipped and counted by the same rules.
+            const contig_window::shown_read s{wr.name, rd->second, wr.start, wr.first, wr.last};
+            contig_window::flow_part p;
+            if (!contig_window::clip_to_flows(c, s, p)) continue;
+            auto store = [&](std::int64_t f, std::int32_t v) {
+                const std::int64_t k = f - grid.first_flow;
+                if (k >= 0 && k < static_cast<std::int64_t>(out[g].size()))
+                    out[g][static_cast<std::size_t>(k)] = v;
+            };
+            const tied_read* t = tied(wr.name);
+            if (t == nullptr) {
+                for (std::int64_t f = p.fs; f <= p.fe; ++f) store(f, flow_window::untied_read);
+                continue;
+            }
+            flow_reader fr{*t, rd->second.sequence};
+            for (std::int64_t o = p.i - 1; o >= 0 && fr.last_flow < 0; --o)
+                fr.last_flow = fr.flow_of(o);
+            contig_window::count_flows(c, rd->second.sequence, p.i, p.j, p.fs, p.fe,
+                                       [&](std::int64_t f, int count, std::int64_t begin) {
+                                           const char x = contig_window::at(c.flow_consensus, f);
+                                           store(f, fr.measure(x, count, begin, p.j));
+                                       });
+        }
+    }
+}

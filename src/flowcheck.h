@@ -175,6 +175,12 @@ void window_signals(contig& c, const tied_lookup& tied, const flow_check& check,
 void window_signals(contig& c, const std::map<std::string, tied_read>& tied,
                     const flow_check& check, std::int32_t from, int width, flow_window& out);
 
+// The same values on a window that contig::draw_window drew: signals[g][k] beside
+// grid.counts[g][k], -1 where the count is -1 (or the read has no base on one side of the
+// flow), flow_window::untied_read on the flows of a read that is not tied.
+void grid_signals(const contig& c, const window_grid& grid, const tied_lookup& tied,
+                  std::vector<std::vector<std::int32_t>>& out);
+
 // The consensus without its pads, case kept.
 std::string unpadded_consensus(const contig& c);
 // `unpadded` with the edits applied.
