@@ -15,6 +15,7 @@
 
 #include "assembly.h"
 #include "pages.h"
+#include "process_exit.h"
 #include "read_source.h"
 #include "server.h"
 #include "std_output.h"
@@ -95,6 +96,21 @@ int parse(int argc, char** argv, options& o) {
     return -1;
 }
 
+// The ACE file while start-up reads it on the main thread. The reader ends the process on a
+// file out of its grammar; on the way out, a file of a known writer's shape gets the rewrite
+// that makes it readable after the reader's message.
+// Plain pointers, not strings: an exit from another thread runs static destructors.
+const char* reading_ace = nullptr;
+std::thread::id main_thread;
+
+void exit_after_hint(int status) {
+    if (std::this_thread::get_id() == main_thread && reading_ace != nullptr) {
+        const std::string hint = browse::refused_file_hint(reading_ace);
+        if (!hint.empty()) std::cerr << "sorvexa-browse: " << hint << std::flush;
+    }
+    std::exit(status);
+}
+
 int serve(int argc, char** argv) {
     options o;
     if (int status = parse(argc, argv, o); status >= 0) return status;
@@ -118,33 +134,33 @@ int serve(int argc, char** argv) {
     // Input errors end the process here, with the readers' messages, before anything is served.
     // The SFF files are indexed while the ACE file is read.
     std::optional<browse::read_source> sff;
+    main_thread = std::this_thread::get_id();
+    reading_ace = o.ace.c_str();
+    sorvexa::process_exit = exit_after_hint;
     std::thread indexing([&sff, &o] { sff.emplace(o.sff); });
     browse::assembly ace(o.ace);
+    reading_ace = nullptr;
     indexing.join();
     ace.count_found(*sff);
+    ace.start_up_hint = browse::placement_hint(ace, *sff);
+    const std::string& hint = ace.start_up_hint;
     // What start-up parsed and sorted is freed by now; hand it back before serving starts.
     malloc_trim(0);
     browse::site site(ace, *sff);
 
-    httplib::Server server;
-    server.new_task_queue = [] { return new httplib::ThreadPool(12); };
+    browse::http_server server;
     browse::add_routes(server, site);
-    int port = o.port;
-    if (port == 0) {
-        port = server.bind_to_any_port(o.bind);
-        if (port < 0) port = 0;
-    } else if (!server.bind_to_port(o.bind, port)) {
-        port = 0;
-    }
-    if (port == 0) {
+    const int port = server.bind(o.bind, o.port);
+    if (port <= 0) {
         std::cerr << "sorvexa-browse: cannot listen on " << o.bind << " port " << o.port << "\n";
         return 1;
     }
 
     const bool v6 = o.bind.find(':') != std::string::npos;
     std::cout << "sorvexa-browse: " << ace.contigs.size() << " contigs, " << ace.reads_placed
-              << " reads placed, " << sff->indexed_reads() << " reads indexed\n"
-              << "Open http://" << (v6 ? "[" : "") << o.bind << (v6 ? "]" : "") << ":" << port
+              << " reads placed, " << sff->indexed_reads() << " reads indexed\n";
+    if (!hint.empty()) std::cout << "sorvexa-browse: " << hint;
+    std::cout << "Open http://" << (v6 ? "[" : "") << o.bind << (v6 ? "]" : "") << ":" << port
               << "/ in a web browser; Ctrl-C stops the server." << std::endl;
 
     std::atomic<bool> signalled{false};
@@ -154,7 +170,7 @@ int serve(int argc, char** argv) {
         signalled = true;
         server.stop();
     });
-    const bool served = server.listen_after_bind();
+    const bool served = server.serve();
     // When the server ends by itself, the stopper is still waiting: wake it.
     if (!signalled) pthread_kill(stopper.native_handle(), SIGTERM);
     stopper.join();
