@@ -1,0 +1,147 @@
+"""Sorvexa: 454 pyrosequencing assemblies (SFF flowgram files and ACE assemblies) in Python.
+
+The C++ library behind the Sorvexa tools, with its readers, its contig model in flow space
+and its homopolymer check:
+
+>>> import sorvexa
+>>> sff = sorvexa.SffFile("run_a.sff")
+>>> read = sff["E3MFGYR02JWQ7T"]             # one record, fetched through the read index
+>>> read.flowgram[:8]                        # flow values in hundredths (numpy uint16)
+>>> read.bases[read.kept]                    # the kept bases
+>>> for contig in sorvexa.AceFile("run.ace"):
+...     counts, rows = contig.align_flow(600, 100)   # a window in flow space
+
+SffFile
+    An SFF file: header, records in file order, a read index and records by name.
+SffRecord, KeptRead, ReadIndex
+    A record as stored; the read cut to its kept bases as a run writes it; name to offset.
+AceFile, Contig, ReadPlacement, FlowRead
+    An ACE assembly contig by contig; a contig with its layout, flow consensus, flow
+    alignment and maps; where a read lies; a read in a flow alignment row.
+flowcheck, FlowCheckResult, ContigCheck, RunCall
+    The homopolymer check of an assembly against its reads' flow values.
+FormatError, FormatWarning
+    A file out of its format (a ValueError); damage a reader went past.
+
+Text from the files (names, bases, maps) is decoded as UTF-8 with "surrogateescape", so
+``s.encode("utf-8", "surrogateescape")`` gives the file's bytes back. Files are opened and
+read without the GIL. Nothing here ends the interpreter: a file that cannot be opened
+raises OSError, a file out of format FormatError.
+"""
+
+from ._sorvexa import (
+    AceFile,
+    Contig,
+    ContigCheck,
+    FlowCheckResult,
+    FlowRead,
+    FormatError,
+    FormatWarning,
+    KeptRead,
+    ReadIndex,
+    ReadPlacement,
+    RunCall,
+    SffFile,
+    SffIterator,
+    SffRecord,
+    __version__,
+    flowcheck,
+)
+
+import collections.abc as _abc
+import re as _re
+
+__all__ = [
+    "AceFile",
+    "Contig",
+    "ContigCheck",
+    "FlowCheckResult",
+    "FlowRead",
+    "FormatError",
+    "FormatWarning",
+    "KeptRead",
+    "ReadIndex",
+    "ReadPlacement",
+    "RunCall",
+    "SffFile",
+    "SffIterator",
+    "SffRecord",
+    "flowcheck",
+]
+
+_abc.Mapping.register(ReadIndex)
+for _name in __all__:
+    globals()[_name].__module__ = __name__
+
+# A 454 read name (universal accession number): six base-36 characters of run time, one
+# check character, two digits of region, five base-36 characters of well position.
+_UAN = _re.compile(r"[A-Z0-9]{7}[0-9]{2}[A-Z0-9]{5}")
+_BASE36 = "ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789"
+
+
+def _base36(chars):
+    value = 0
+    for c in chars:
+        value = value * 36 + _BASE36.index(c)
+    return value
+
+
+def _uan_annotations(name):
+    """The time, region and well coordinates a 454 read name encodes, or {}."""
+    if not _UAN.fullmatch(name):
+        return {}
+    stamp = _base36(name[:6])
+    stamp, second = divmod(stamp, 60)
+    stamp, minute = divmod(stamp, 60)
+    stamp, hour = divmod(stamp, 24)
+    stamp, day = divmod(stamp, 32)
+    year, month = divmod(stamp, 13)
+    return {
+        "time": [2000 + year, month, day, hour, minute, second],
+        "region": int(name[7:9]),
+        "coords": divmod(_base36(name[9:]), 4096),
+    }
+
+
+def _to_seqrecord(record):
+    """The record as a Biopython SeqRecord, as Bio.SeqIO.parse(path, "sff") gives it.
+
+    The sequence holds every base, the clipped ones in lower case; the annotations carry
+    the flowgram, flow indexes, flow order, key and clips (and, for 454 read names, the
+    run time, region and well coordinates), so Bio.SeqIO.write(..., "sff") writes the
+    record back. Needs Biopython.
+    """
+    from Bio.Seq import Seq
+    from Bio.SeqRecord import SeqRecord
+
+    bases = record.bases
+    # The kept range from the clips taken as plain numbers (the library's own cut, in
+    # record.kept, wraps clips beyond 32767 as 16-bit positions).
+    start = max(record.clip_qual_left, record.clip_adapter_left, 1) - 1
+    rights = [c for c in (record.clip_qual_right, record.clip_adapter_right) if c != 0]
+    stop = max(min(rights + [len(bases)]), start)
+    seq = bases[:start].lower() + bases[start:stop].upper() + bases[stop:].lower()
+    annotations = {
+        "flow_values": tuple(record.flowgram.tolist()),
+        "flow_index": tuple(record.flow_index_per_base.tolist()),
+        "flow_chars": record.flow_chars,
+        "flow_key": record.key,
+        # Biopython counts the left clips from 0, the file from 1 (0 for none given).
+        "clip_qual_left": max(record.clip_qual_left - 1, 0),
+        "clip_qual_right": record.clip_qual_right,
+        "clip_adapter_left": max(record.clip_adapter_left - 1, 0),
+        "clip_adapter_right": record.clip_adapter_right,
+    }
+    annotations.update(_uan_annotations(record.name))
+    annotations["molecule_type"] = "DNA"
+    return SeqRecord(
+        Seq(seq),
+        id=record.name,
+        name=record.name,
+        description="",
+        annotations=annotations,
+        letter_annotations={"phred_quality": record.qualities.tolist()},
+    )
+
+
+SffRecord.to_seqrecord = _to_seqrecord

@@ -1,0 +1,335 @@
+// sorvexa.AceFile and its contigs with their layout, flow-space and drawing operations.
+//
+// A contig's operations build its layout and flow views on first use, which changes the
+// contig; they run with the GIL held, so two threads never build them at once. Only reading
+// the file runs without it.
+#include <pybind11/numpy.h>
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "ace.h"
+#include "bindings.h"
+#include "contig.h"
+#include "glue.h"
+
+namespace sorvexa_py {
+
+namespace {
+
+class ace_file {
+  public:
+    py::object given_path;
+
+    explicit ace_file(py::object path) : given_path(path) {
+        const std::string p = fs_path(path);
+        check_readable(p, path);
+        const library_result r = call_library([&] { reader_ = std::make_unique<aceReader>(p); });
+        raise_or_warn(r);
+        contigs_ = reader_->num_contigs;
+        reads_ = reader_->total_reads;
+    }
+
+    std::shared_ptr<contig> next() {
+        if (done_) throw py::stop_iteration();
+        auto c = std::make_shared<contig>();
+        int got = 0;
+        library_result r = call_library([&] {
+            std::lock_guard lock(mutex_);
+            if (reader_) got = reader_->next_contig(*c);
+        });
+        if (r.failed || got != 1) done_ = true;
+        raise_or_warn(r);
+        if (got != 1) throw py::stop_iteration();
+        return c;
+    }
+
+    void close() {
+        std::lock_guard lock(mutex_);
+        reader_.reset();
+        done_ = true;
+    }
+
+    int contigs_ = 0;
+    std::int32_t reads_ = 0;
+
+  private:
+    std::mutex mutex_;
+    std::unique_ptr<aceReader> reader_;
+    bool done_ = false;
+};
+
+// The colours of the HTML maps when the caller names none (letters without one are drawn
+// plain).
+color_map_t default_colours() {
+    return {{'A', "#1a9850"}, {'C', "#2166ac"}, {'G', "#222222"}, {'T', "#d73027"},
+            {'a', "#1a9850"}, {'c', "#2166ac"}, {'g', "#222222"}, {'t', "#d73027"}};
+}
+
+color_map_t colours_from(const py::object& given) {
+    if (given.is_none()) return default_colours();
+    color_map_t out;
+    for (auto item : py::cast<py::dict>(given)) {
+        const std::string letter = bytes_of(item.first);
+        if (letter.size() != 1) throw py::value_error("colour keys are single letters");
+        out[letter[0]] = bytes_of(py::str(item.second));
+    }
+    return out;
+}
+
+py::list text_list(const std::vector<std::string>& v) {
+    py::list out;
+    for (const auto& s : v) out.append(text(s));
+    return out;
+}
+
+py::str text_of(const std::vector<char>& v) {
+    return text({v.data(), v.size()});
+}
+
+py::tuple align_flow(contig& c, std::int32_t from, int width) {
+    std::vector<std::vector<std::int16_t>> counts;
+    std::vector<std::map<std::int32_t, fRead>> rows;
+    c.align_flow(counts, rows, from, width);
+    py::array_t<std::int16_t> grid(
+        {static_cast<py::ssize_t>(counts.size()), static_cast<py::ssize_t>(rows.size())});
+    auto g = grid.mutable_unchecked<2>();
+    for (std::size_t k = 0; k < counts.size(); ++k)
+        for (std::size_t r = 0; r < rows.size(); ++r)
+            g(static_cast<py::ssize_t>(k), static_cast<py::ssize_t>(r)) =
+                r < counts[k].size() ? counts[k][r] : std::int16_t{-1};
+    py::list row_list;
+    for (const auto& row : rows) {
+        py::list reads;
+        for (const auto& entry : row) reads.append(entry.second);
+        row_list.append(reads);
+    }
+    return py::make_tuple(grid, row_list);
+}
+
+py::tuple align_seq(contig& c, std::int32_t from, int width) {
+    std::vector<std::vector<char>> columns;
+    std::vector<std::map<std::int32_t, std::string>> rows;
+    c.align_seq(columns, rows, from, width);
+    py::list column_list;
+    for (const auto& column : columns) column_list.append(text_of(column));
+    py::list row_list;
+    for (const auto& row : rows) {
+        py::list reads;
+        for (const auto& [last, name] : row) reads.append(py::make_tuple(last, text(name)));
+        row_list.append(reads);
+    }
+    return py::make_tuple(column_list, row_list);
+}
+
+py::tuple flow_map(contig& c, std::int32_t from, int width, bool html, bool spaced,
+                   const py::object& colours) {
+    if (spaced && !html) throw py::value_error("spaced applies to the HTML flow map only");
+    std::string out;
+    std::vector<std::string> names;
+    if (!html) {
+        c.print_flow_map_plain(out, names, from, width);
+    } else {
+        color_map_t map = colours_from(colours);
+        if (spaced)
+            c.print_flow_map_html_space(out, names, map, from, width);
+        else
+            c.print_flow_map_html(out, names, map, from, width);
+    }
+    return py::make_tuple(text(out), text_list(names));
+}
+
+py::tuple align_map(contig& c, std::int32_t from, int width, bool html, const py::object& colours) {
+    std::string out;
+    std::vector<std::string> names;
+    if (!html) {
+        c.print_align_map_plain(out, names, from, width);
+    } else {
+        color_map_t map = colours_from(colours);
+        c.print_align_map_html(out, names, map, from, width);
+    }
+    return py::make_tuple(text(out), text_list(names));
+}
+
+py::str full_align_map(contig& c, bool html, const py::object& colours) {
+    std::ostringstream out;
+    if (!html) {
+        c.print_align_map(out);
+    } else {
+        color_map_t map = colours_from(colours);
+        c.print_align_map_html(out, map);
+    }
+    return text(out.str());
+}
+
+py::list layout(contig& c) {
+    if (c.print_map.empty()) c.create_print_map();
+    py::list rows;
+    for (const layout_row& row : c.print_map) {
+        py::list entries;
+        for (const auto& [start, name] : row) entries.append(py::make_tuple(start, text(name)));
+        rows.append(entries);
+    }
+    return rows;
+}
+
+py::dict reads_of(py::handle self) {
+    auto& c = self.cast<contig&>();
+    py::dict out;
+    for (auto& [name, read] : c.reads)
+        out[text(name)] = py::cast(&read, py::return_value_policy::reference_internal, self);
+    return out;
+}
+
+}  // namespace
+
+void bind_ace(py::module_& m) {
+    py::class_<READ>(m, "ReadPlacement", "Where a contig places one read.")
+        .def_property_readonly(
+            "name", [](const READ& r) { return text(r.name); }, "The read's name.")
+        .def_readonly("start", &READ::start,
+                      "Padded consensus column of the read's first base (1-based; may be "
+                      "below 1).")
+        .def_readonly("length", &READ::length, "The padded length the read declares.")
+        .def_property_readonly(
+            "sequence", [](const READ& r) { return text_of(r.sequence); },
+            "The read's padded sequence as placed ('*' for pads).")
+        .def_property_readonly(
+            "complemented", [](const READ& r) { return r.uncomplemented == 0; },
+            "Whether the read is placed reverse-complemented.")
+        .def_readonly("align_clip_start", &READ::align_clip_start,
+                      "First base of the aligned part (1-based, in the read).")
+        .def_readonly("align_clip_end", &READ::align_clip_end,
+                      "Last base of the aligned part (1-based, in the read).")
+        .def("__repr__", [](const READ& r) {
+            return "<sorvexa.ReadPlacement " + py::repr(text(r.name)).cast<std::string>() + " at " +
+                   std::to_string(r.start) + ", " + std::to_string(r.length) +
+                   (r.uncomplemented == 0 ? " bases, complemented>" : " bases>");
+        });
+
+    py::class_<fRead>(m, "FlowRead", "One read of a flow alignment row.")
+        .def_property_readonly(
+            "name", [](const fRead& f) { return text(f.name); }, "The read's name.")
+        .def_readonly("flow_start", &fRead::flow_start,
+                      "First flow of the read, counted from the window's first flow.")
+        .def_readonly("flow_end", &fRead::flow_end,
+                      "Last flow of the read, counted from the window's first flow.")
+        .def("__repr__", [](const fRead& f) {
+            return "<sorvexa.FlowRead " + py::repr(text(f.name)).cast<std::string>() + ", flows " +
+                   std::to_string(f.flow_start) + " to " + std::to_string(f.flow_end) + ">";
+        });
+
+    py::class_<contig, std::shared_ptr<contig>>(m, "Contig", R"doc(
+One contig of an ACE assembly: its padded consensus, its reads, and the views built from
+them. Columns are padded consensus columns counted from 1. A window (``start``, ``width``)
+covers columns start to start + width - 1; windows that run past either end are cut as the
+library cuts them.
+)doc")
+        .def_property_readonly(
+            "name", [](const contig& c) { return text(c.name); }, "The contig's name.")
+        .def_property_readonly(
+            "consensus", [](const contig& c) { return text_of(c.consensus); },
+            "The padded consensus ('*' for pads), as the file writes it.")
+        .def_readonly("number_of_bases", &contig::num_bases,
+                      "The padded length the CO line declares.")
+        .def_readonly("number_of_reads", &contig::num_reads, "The read count the CO line declares.")
+        .def_readonly("number_of_segments", &contig::num_segments,
+                      "The base segment count the CO line declares.")
+        .def_property_readonly(
+            "complemented", [](const contig& c) { return c.uncomplemented == 0; },
+            "Whether the CO line marks the contig complemented.")
+        .def_property_readonly("reads", &reads_of,
+                               "Read name to ReadPlacement, one entry per distinct name (of a "
+                               "read listed twice, the later placement).")
+        .def("layout", &layout,
+             "The rows in which the reads are drawn: per row a list of (start, name), "
+             "packed greedily from the left. Reads starting before column 1 or after the "
+             "last column are left out.")
+        .def(
+            "read_ids",
+            [](contig& c) {
+                std::vector<std::string> ids;
+                c.get_read_ids(ids);
+                return text_list(ids);
+            },
+            "The names of the reads the layout places, row by row.")
+        .def_property_readonly(
+            "flow_consensus",
+            [](contig& c) {
+                if (c.flow_consensus.empty()) c.create_flow_concensus();
+                return text_of(c.flow_consensus);
+            },
+            "The flow-space consensus: the flow letters the contig's runs need, in order.")
+        .def(
+            "flow_range",
+            [](contig& c, std::int32_t column) {
+                if (c.flow_consensus.empty()) c.create_flow_concensus();
+                return py::make_tuple(c.getFlowIdx_start(column - 1), c.getFlowIdx_end(column - 1));
+            },
+            py::arg("column"),
+            "The first and last flow of the flow consensus that a column maps to (0, 0 "
+            "outside the consensus or for a contig without flows).")
+        .def("align_flow", &align_flow, py::arg("start"), py::arg("width"),
+             "The window in flow space: (counts, rows). counts[f, r] is the number of "
+             "bases row r's read has on window flow f, -1 where no read of the row covers "
+             "the flow (numpy int16, one column per layout row); rows[r] lists the row's "
+             "FlowRead objects in order.")
+        .def("align_seq", &align_seq, py::arg("start"), py::arg("width"),
+             "The window as a character grid: (columns, rows). columns[k] holds column "
+             "start + k's base of each row, as far as the last row showing a base there "
+             "('0' where a row shows none); rows[r] lists (last column offset, name) of "
+             "the row's reads.")
+        .def("flow_map", &flow_map, py::arg("start"), py::arg("width"), py::kw_only(),
+             py::arg("html") = false, py::arg("spaced") = false, py::arg("colors") = py::none(),
+             "The flow map of the window as text, or HTML with `html` (and wider cells "
+             "with `spaced`): (text, names of the rows' reads). `colors` maps letters to "
+             "HTML colours.")
+        .def("align_map", &align_map, py::arg("start"), py::arg("width"), py::kw_only(),
+             py::arg("html") = false, py::arg("colors") = py::none(),
+             "The alignment map of the window as text or HTML: (text, names of the rows' "
+             "reads).")
+        .def("full_align_map", &full_align_map, py::kw_only(), py::arg("html") = false,
+             py::arg("colors") = py::none(),
+             "The alignment map of the whole contig as text or HTML.")
+        .def("__repr__", [](const contig& c) {
+            return "<sorvexa.Contig " + py::repr(text(c.name)).cast<std::string>() + ", " +
+                   std::to_string(c.consensus.size()) + " columns, " +
+                   std::to_string(c.reads.size()) + " reads>";
+        });
+
+    py::class_<ace_file>(m, "AceFile", R"doc(
+An ACE assembly, read contig by contig.
+
+    AceFile(path)
+
+Iterating reads the next contig each step (without the GIL), as Contig objects; an
+AceFile is its own iterator, like a file. A file that cannot be opened raises OSError; one
+that does not start like an ACE file, or breaks the section order of a contig, raises
+FormatError with the reader's message.
+)doc")
+        .def(py::init<py::object>(), py::arg("path"))
+        .def_property_readonly(
+            "path", [](const ace_file& a) { return a.given_path; }, "The path as given.")
+        .def_readonly("number_of_contigs", &ace_file::contigs_,
+                      "The contig count the AS line declares.")
+        .def_readonly("number_of_reads", &ace_file::reads_, "The read count the AS line declares.")
+        .def("__iter__", [](py::object self) { return self; })
+        .def("__next__", &ace_file::next)
+        .def("close", &ace_file::close, "Releases the file; iteration ends.")
+        .def("__enter__", [](py::object self) { return self; })
+        .def("__exit__",
+             [](ace_file& a, const py::args&) {
+                 a.close();
+                 return false;
+             })
+        .def("__repr__", [](const ace_file& a) {
+            return "<sorvexa.AceFile " + py::repr(a.given_path).cast<std::string>() + ", " +
+                   std::to_string(a.contigs_) + " contigs>";
+        });
+}
+
+}  // namespace sorvexa_py
