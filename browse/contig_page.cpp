@@ -245,7 +245,7 @@ response site::contig_window(std::size_t index, const request& req) const {
         h.element("p", {{"class", "note"}},
                   "The consensus line gives the consensus length of each flow's run, and after > "
                   "the length the flowgrams call where they dispute it.");
-        signals_map_html(*d.b, v, *ev, fnames, fmap);
+        signals_map_html(*d.b, v, *ev, sff, fnames, fmap);
     } else {
         if (signals_view)
             h.element("p", {{"class", "error"}},

@@ -21,17 +21,25 @@ bool contig_evidence::is_disputed(std::int32_t run) const {
     return std::find(disputed.begin(), disputed.end(), run) != disputed.end();
 }
 
-std::shared_ptr<const contig_evidence> build_evidence(const contig& c, const read_source& sff,
-                                                      bool for_pages) {
-    auto e = std::make_shared<contig_evidence>();
-    e->check.keep_signals = for_pages;
-    std::vector<std::string> paths;
+namespace {
+
+// The files whose records can still be read: those unchanged since start-up.
+std::vector<bool> unchanged_files(const read_source& sff) {
     std::vector<bool> unchanged;
     for (const read_source::sff_file& f : sff.files) {
-        paths.push_back(f.path);
         file_stamp now;
         unchanged.push_back(stamp_of(f.path, now) && now == f.stamp);
     }
+    return unchanged;
+}
+
+}  // namespace
+
+std::shared_ptr<const contig_evidence> build_evidence(const contig& c, const read_source& sff) {
+    auto e = std::make_shared<contig_evidence>();
+    std::vector<std::string> paths;
+    for (const read_source::sff_file& f : sff.files) paths.push_back(f.path);
+    const std::vector<bool> unchanged = unchanged_files(sff);
     e->check.check_contig(
         c, paths,
         [&](const std::string& name, std::int64_t& pos) {
@@ -40,7 +48,7 @@ std::shared_ptr<const contig_evidence> build_evidence(const contig& c, const rea
             pos = found->pos;
             return static_cast<int>(found->file);
         },
-        e->counts, for_pages ? &e->tied : nullptr);
+        e->counts);
     e->unpadded = unpadded_consensus(c);
     e->check.edits(e->unpadded, e->edits);
     for (const consensus_edit& edit : e->edits) e->disputed.push_back(edit.run);
@@ -48,26 +56,33 @@ std::shared_ptr<const contig_evidence> build_evidence(const contig& c, const rea
         return e->check.runs[static_cast<std::size_t>(a)].score >
                e->check.runs[static_cast<std::size_t>(b)].score;
     });
-    for (const auto& [name, r] : c.reads) {
-        e->read_names.push_back(name);
-        e->read_starts.push_back(r.start);
-    }
-    for (const auto& [name, t] : e->tied) {
-        if (t.start >= 1) continue;
-        tied_read cut = t;
-        const auto drop = std::min<std::size_t>(static_cast<std::size_t>(1 - std::int64_t{t.start}),
-                                                cut.base_flow.size());
-        cut.base_flow.erase(cut.base_flow.begin(),
-                            cut.base_flow.begin() + static_cast<std::ptrdiff_t>(drop));
-        cut.start = 1;
-        e->tied_cut.emplace(name, std::move(cut));
-    }
-    e->bytes = e->check.runs.size() * sizeof(hp_run) +
-               e->check.signals.size() * sizeof(run_signal) + e->unpadded.size() +
-               e->read_names.size() * 48;
-    for (const auto& [name, t] : e->tied)
-        e->bytes += 96 + t.base_flow.size() * 4 + t.flowgram.size() * 2 + t.flow_chars.size();
+    e->bytes =
+        e->check.runs.capacity() * sizeof(hp_run) + e->unpadded.size() + e->edits.size() * 64 + 256;
     return e;
+}
+
+std::map<std::string, tied_read> tie_reads(const contig& c, const read_source& sff,
+                                           const std::vector<std::string>& names) {
+    std::map<std::string, tied_read> out;
+    const std::vector<bool> unchanged = unchanged_files(sff);
+    std::vector<std::vector<std::pair<std::int64_t, const READ*>>> by_file(sff.files.size());
+    for (const std::string& name : names) {
+        const auto r = c.reads.find(name);
+        const read_source::entry* found = sff.find(name);
+        if (r == c.reads.end() || found == nullptr || !unchanged[found->file]) continue;
+        by_file[found->file].emplace_back(found->pos, &r->second);
+    }
+    tied_read t;
+    for (std::size_t k = 0; k < by_file.size(); ++k) {
+        if (by_file[k].empty()) continue;
+        reader rd(sff.files[k].path);
+        rd.get_header();
+        const std::string_view flows(rd.header_p2.flow_chars.data(),
+                                     rd.header_p2.flow_chars.size());
+        for (const auto& [pos, read] : by_file[k])
+            if (rd.get_record(pos) && tie_read(*read, rd.cur_read, flows, t)) out[read->name] = t;
+    }
+    return out;
 }
 
 signal_class classify(std::int32_t value, std::int32_t count) {
@@ -150,7 +165,7 @@ void evidence_store::count_in_background() {
             if (counts_[i] >= 0) continue;
             contig c;
             if (!parse_again(ace_, i, c)) return;
-            counts_[i] = static_cast<std::int32_t>(build_evidence(c, sff_, false)->disputed.size());
+            counts_[i] = static_cast<std::int32_t>(build_evidence(c, sff_)->disputed.size());
         }
     });
 }

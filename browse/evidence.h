@@ -20,19 +20,16 @@
 
 namespace browse {
 
+// What is kept of a contig's check: its runs with their calls, not the signals nor the
+// reads' flows (a deep contig's would take tens of megabytes); a page ties again the few
+// reads it draws (tie_reads).
 struct contig_evidence {
-    flow_check check;                       // runs, calls, and every signal with its read
-    std::map<std::string, tied_read> tied;  // the reads tied to their records, by name
-    // The ties of the reads that start before column 1 as the display copy shows them: cut
-    // to begin at column 1.
-    std::map<std::string, tied_read> tied_cut;
+    flow_check check;  // runs and calls
     tie_counts counts;
     std::string unpadded;
-    std::vector<consensus_edit> edits;    // the calls, as sorvexa-flowcheck applies them
-    std::vector<std::int32_t> disputed;   // runs of the edits, highest score first
-    std::vector<std::string> read_names;  // run_signal::read numbers these (name order)
-    std::vector<std::int32_t> read_starts;
-    std::size_t bytes = 0;  // an estimate of the memory it holds
+    std::vector<consensus_edit> edits;   // the calls, as sorvexa-flowcheck applies them
+    std::vector<std::int32_t> disputed;  // runs of the edits, highest score first
+    std::size_t bytes = 0;               // an estimate of the memory it holds
 
     // The run of the evidence whose first base (first pad column for a run of length 0) is
     // `column`; the first in run order when two runs of length 0 share it; -1 when none.
@@ -41,10 +38,13 @@ struct contig_evidence {
 };
 
 // The check of contig `c` (as the ACE file has it) with its reads fetched through `sff`;
-// reads whose file changed since start-up count as in no file. Only for pages are the tied
-// reads and every signal kept: a count of the disputed runs needs neither.
-std::shared_ptr<const contig_evidence> build_evidence(const contig& c, const read_source& sff,
-                                                      bool for_pages = true);
+// reads whose file changed since start-up count as in no file.
+std::shared_ptr<const contig_evidence> build_evidence(const contig& c, const read_source& sff);
+
+// The named reads of contig `c` tied to their records (each file opened once); reads that
+// cannot be tied are left out.
+std::map<std::string, tied_read> tie_reads(const contig& c, const read_source& sff,
+                                           const std::vector<std::string>& names);
 
 // How far a measured value (hundredths) lies from the count the assembly gives the flow, in
 // the classes the flow map shades: close (within 0.25 of it), borderline (within 0.5, the
@@ -55,8 +55,8 @@ constexpr std::int32_t close_within = 25, borderline_within = 50;
 
 class evidence_store {
   public:
-    evidence_store(assembly& a, const read_source& s, std::size_t cache_size = 4,
-                   std::size_t cache_bytes = std::size_t{24} << 20);
+    evidence_store(assembly& a, const read_source& s, std::size_t cache_size = 8,
+                   std::size_t cache_bytes = std::size_t{16} << 20);
     ~evidence_store();
     evidence_store(const evidence_store&) = delete;
     evidence_store& operator=(const evidence_store&) = delete;

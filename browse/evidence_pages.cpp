@@ -9,6 +9,13 @@ namespace browse {
 
 namespace {
 
+tied_lookup tied_lookup_of(const std::map<std::string, tied_read>& tied) {
+    return [&tied](const std::string& n) -> const tied_read* {
+        auto it = tied.find(n);
+        return it == tied.end() ? nullptr : &it->second;
+    };
+}
+
 const contig_evidence* evidence_or(const site& s, std::size_t contig,
                                    std::shared_ptr<const contig_evidence>& keep) {
     keep = s.evidence != nullptr ? s.evidence->get(contig) : nullptr;
@@ -339,11 +346,14 @@ void names_cell(html& names, const std::vector<window_read>& reads) {
 }  // namespace
 
 void signals_map_html(const built_contig& b, const window_view& v, const contig_evidence& e,
-                      html& names, html& map) {
+                      const read_source& sff, html& names, html& map) {
     const window_grid& g = v.grid;
+    std::vector<std::string> drawn;
+    for (const auto& row : g.reads)
+        for (const window_read& r : row) drawn.push_back(r.name);
+    const std::map<std::string, tied_read> tied = tie_reads(b.c, sff, drawn);
     std::vector<std::vector<std::int32_t>> values;
-    grid_signals(
-        b.c, g, [&e](const std::string& n) { return display_tie(e, n); }, values);
+    grid_signals(b.c, g, tied_lookup_of(tied), values);
     const std::vector<std::int32_t> run_of = runs_of_flows(b.c, e, g);
     auto end_line = [&] {
         names.markup("\n");
@@ -414,35 +424,29 @@ void differences_only(window_view& v) {
     }
 }
 
-const tied_read* display_tie(const contig_evidence& e, const std::string& name) {
-    if (auto it = e.tied_cut.find(name); it != e.tied_cut.end()) return &it->second;
-    if (auto it = e.tied.find(name); it != e.tied.end()) return &it->second;
-    return nullptr;
-}
-
-std::vector<disputed_flow> read_disputed_flows(const built_contig& b, const contig_evidence& e,
-                                               std::string_view name) {
-    std::vector<disputed_flow> out;
-    const auto rd = b.c.reads.find(std::string(name));
-    if (rd == b.c.reads.end() || b.c.consensus.empty()) return out;
+bool read_disputed_flows(const built_contig& b, const read_source& sff, const std::string& name,
+                         std::vector<disputed_flow>& out) {
+    const auto rd = b.c.reads.find(name);
+    const std::map<std::string, tied_read> tied = tie_reads(b.c, sff, {name});
+    if (tied.empty()) return false;
+    if (rd == b.c.reads.end() || b.c.consensus.empty()) return true;
     const READ& r = rd->second;
     const std::int64_t L = static_cast<std::int64_t>(b.c.consensus.size());
     const std::int64_t first = std::max<std::int64_t>(r.start, 1);
     const std::int64_t last = std::min<std::int64_t>(std::int64_t{r.start} + r.length - 1, L);
-    if (first > last) return out;
+    if (first > last) return true;
     std::int32_t row = -1;
     for (std::size_t k = 0; k < b.c.print_map.size() && row < 0; ++k) {
         auto it = b.c.print_map[k].find(r.start);
         if (it != b.c.print_map[k].end() && it->second == rd->first)
             row = static_cast<std::int32_t>(k);
     }
-    if (row < 0) return out;
+    if (row < 0) return true;
     window_grid g;
     b.c.draw_window(first, last, {row}, g);
     std::vector<std::vector<std::int32_t>> values;
-    grid_signals(
-        b.c, g, [&e](const std::string& n) { return display_tie(e, n); }, values);
-    if (g.counts.empty() || values.empty()) return out;
+    grid_signals(b.c, g, tied_lookup_of(tied), values);
+    if (g.counts.empty() || values.empty()) return true;
     // The first column of each window flow.
     std::vector<std::int32_t> column_of(static_cast<std::size_t>(std::max(g.flows, 0)), 0);
     for (std::int64_t col = last; col >= first; --col) {
@@ -461,7 +465,32 @@ std::vector<disputed_flow> read_disputed_flows(const built_contig& b, const cont
         out.push_back({column_of[k] > 0 ? column_of[k] : static_cast<std::int32_t>(first),
                        g.flow_letters[k], count, value});
     }
-    return out;
+    return true;
+}
+
+std::vector<run_signal> signals_of_run(const built_contig& b, const read_source& sff,
+                                       const contig_evidence& e, std::int32_t run,
+                                       std::vector<std::string>& names) {
+    const hp_run& r = e.check.runs[static_cast<std::size_t>(run)];
+    names.clear();
+    for (const auto& [name, read] : b.c.reads)
+        if (read.start < r.first_column &&
+            std::int64_t{read.start} + read.length - 1 > r.last_column)
+            names.push_back(name);
+    const std::map<std::string, tied_read> tied = tie_reads(b.c, sff, names);
+    flow_check one;
+    one.keep_signals = true;
+    hp_run alone = r;
+    alone.signals = alone.forward = 0;
+    alone.sum = alone.sum_squares = 0;
+    alone.max_value = 0;
+    one.runs = {alone};
+    for (std::size_t k = 0; k < names.size(); ++k) {
+        auto t = tied.find(names[k]);
+        if (t != tied.end())
+            one.add_read(b.c, b.c.reads.at(names[k]), t->second, static_cast<std::int32_t>(k));
+    }
+    return one.signals;
 }
 
 response run_page(const site& s, std::size_t contig, std::string_view rest, const request&) {
@@ -501,16 +530,20 @@ response run_page(const site& s, std::size_t contig, std::string_view rest, cons
     fact(body, "see", window_link);
     body.close("dl");
 
+    assembly::load_result loaded;
+    const std::shared_ptr<built_contig> b = s.ace.load(contig, loaded);
+    if (b == nullptr) return evidence_missing();
+    std::vector<std::string> names;
+    const std::vector<run_signal> all = signals_of_run(*b, s.sff, *e, i, names);
     std::vector<const run_signal*> signals;
-    for (const run_signal& sig : e->check.signals)
-        if (sig.run == i) signals.push_back(&sig);
+    for (const run_signal& sig : all) signals.push_back(&sig);
     run_plot(body, *e, r, signals);
 
     body.open("table", {{"class", "signals"}});
     body.markup("<thead><tr><th>read</th><th>direction</th><th>value</th></tr></thead><tbody>");
     for (const run_signal* sig : signals) {
         body.open("tr").open("td");
-        read_link(body, e->read_names[static_cast<std::size_t>(sig->read)]);
+        read_link(body, names[static_cast<std::size_t>(sig->read)]);
         body.close("td");
         body.element("td", sig->complemented ? "complemented" : "forward");
         body.element("td", two_decimals(sig->value / 100.0));

@@ -35,7 +35,7 @@ void disputed_marks(html& out, std::string_view contig, const contig_evidence& e
 // line per row of the view, under a consensus line with the consensus length of each flow's
 // run (and the call where the flowgrams call another).
 void signals_map_html(const built_contig& b, const window_view& v, const contig_evidence& e,
-                      html& names, html& map);
+                      const read_source& sff, html& names, html& map);
 void signals_legend(html& out);
 // The value of one cell: one decimal, or "u" for a read not tied, blank for no read.
 std::string signal_text(std::int32_t value);
@@ -50,11 +50,14 @@ struct disputed_flow {
     std::int16_t count = 0;  // what the assembly gives the flow
     std::int32_t value = 0;  // what the read measured (hundredths)
 };
-std::vector<disputed_flow> read_disputed_flows(const built_contig& b, const contig_evidence& e,
-                                               std::string_view name);
+// False when the read is not tied to its flows.
+bool read_disputed_flows(const built_contig& b, const read_source& sff, const std::string& name,
+                         std::vector<disputed_flow>& out);
 
-// The tied read of the contig as the browser draws it (reads cut to begin at column 1 are
-// cut in their tie too); null for a read that is not tied.
-const tied_read* display_tie(const contig_evidence& e, const std::string& name);
+// The signals of run `run` of the evidence, read by read: the reads of the display copy over
+// the run tied again (their bases before column 1, cut there, never give a signal).
+std::vector<run_signal> signals_of_run(const built_contig& b, const read_source& sff,
+                                       const contig_evidence& e, std::int32_t run,
+                                       std::vector<std::string>& names);
 
 }  // namespace browse

@@ -42,16 +42,14 @@ response bases_tsv(const std::string& name, const sff_record& rec) {
 void disputed_flows(html& h, const site& s, std::size_t k, const built_contig& b,
                     const std::string& read_name) {
     if (s.evidence == nullptr) return;
-    const std::shared_ptr<const contig_evidence> ev = s.evidence->get(k);
-    if (ev == nullptr) return;
     h.element("h2", "Flows the assembly counts otherwise");
-    if (display_tie(*ev, read_name) == nullptr) {
+    std::vector<disputed_flow> flows;
+    if (!read_disputed_flows(b, s.sff, read_name, flows)) {
         h.element("p",
                   "The read is not tied to its flows: its sequence in the assembly is not "
                   "among its record's bases (edited or trimmed otherwise).");
         return;
     }
-    const std::vector<disputed_flow> flows = read_disputed_flows(b, *ev, read_name);
     if (flows.empty()) {
         h.element("p", "On every flow, the assembly gives the read the count its value rounds to.");
         return;
