@@ -2,9 +2,10 @@
 # The browser in a real web browser, run as root from the repository root after
 #   cmake --preset release && cmake --build --preset release
 # Starts sorvexa-browse on a free port with the bundled example, has headless Chromium load
-# the overview, a contig window and a read, checks the rendered DOM (the contig table, the
-# alignment and flow maps, the charts) and that the screenshots are not blank, then stops the
-# server with SIGTERM and expects status 0.
+# the overview, a contig window, a read, a window in the signals view and a run page, checks
+# the rendered DOM (the contig table, the alignment and flow maps, the charts, the shaded
+# signals, the run plot) and that the screenshots are not blank, then stops the server with
+# SIGTERM and expects status 0.
 #
 # SORVEXA_SCREENSHOTS=DIR keeps the screenshots there (SORVEXA_SCREENSHOTS=docs regenerates
 # the README's pictures).
@@ -13,7 +14,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 export DEBIAN_FRONTEND=noninteractive
 
-build=build/release
+build=${SORVEXA_BUILD:-build/release}  # another build tree: SORVEXA_BUILD=build/NAME
 example=$build/example
 failures=0
 tmp=$(mktemp -d /tmp/sorvexa-browse-ci.XXXXXX)
@@ -95,6 +96,26 @@ read=$(grep -o 'href="/read/[A-Z0-9]*"' "$tmp/contig.html" | head -1 | sed 's/.*
 chromium read "/read/$read" 1200 820
 has read '<svg class="flowgram"' "flowgram chart rendered"
 has read '<svg class="quality"' "quality chart rendered"
+
+# The flow-signal evidence: a window on the example's strongest disputed run in the signals
+# view, and that run's page with its plot.
+run_col=$(python3 -c 'import sys, urllib.request
+rows = urllib.request.urlopen(sys.argv[1] + "contig/Contig1.tsv").read().decode().splitlines()[1:]
+best = max(rows, key=lambda r: float(r.split("\t")[10])) if rows else ""
+print(best.split("\t")[1] if best else "")' "$url" || true)
+if [ -n "$run_col" ]; then
+    pass "Contig1: disputed run at column $run_col"
+    from=$((run_col > 30 ? run_col - 30 : 1))
+    chromium signals "/contig/Contig1?from=$from&width=60&view=signals" 1200 1000
+    has signals 'class="sig-close"' "signal cells shaded"
+    has signals 'class="legend"' "shading legend"
+    has signals 'class="mark"' "disputed run marked above the maps"
+    chromium run "/contig/Contig1/run/$run_col" 1000 900
+    has run '<svg class="run-plot"' "run plot rendered"
+    has run '<circle' "one dot per read"
+else
+    fail "Contig1: no disputed run in /contig/Contig1.tsv"
+fi
 
 kill -TERM "$server_pid"
 status=0

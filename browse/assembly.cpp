@@ -82,10 +82,13 @@ std::shared_ptr<built_contig> prepare(contig&& c) {
         if (p % built_contig::unpadded_step == 0) b->unpadded_marks.push_back(bases);
         if (k.consensus[p] != '*') ++bases;
     }
+    // Qualities that do not match the consensus bases in number cannot be placed.
+    if (k.base_qualities.size() != static_cast<std::size_t>(bases)) k.base_qualities.clear();
 
     // Per column a flow-index map and a depth; per read its record, sequence, and its entries
     // in the position map and the layout, each with a copy of the name.
-    b->bytes = k.consensus.size() * 120 + k.flow_consensus.size() + b->as_placed.size() * 128;
+    b->bytes = k.consensus.size() * 120 + k.flow_consensus.size() + k.base_qualities.size() +
+               b->as_placed.size() * 128;
     for (const auto& [name, r] : k.reads) b->bytes += 3 * (name.size() + 96) + r.sequence.size();
     // Reads over each column, from the reads' spans cut to the consensus.
     const std::int64_t L = static_cast<std::int64_t>(k.consensus.size());
@@ -219,6 +222,7 @@ std::shared_ptr<built_contig> assembly::load(std::size_t index, load_result& res
         return nullptr;
     }
     aceReader ace(ace_path);
+    ace.keep_base_qualities = true;  // a window shows them as a row
     contig c;
     if (ace.next_contig_at(contigs[index].offset, c) == 0 || c.name != contigs[index].name) {
         result = load_result::file_changed;

@@ -35,6 +35,17 @@ bool build_view(const built_contig& b, std::int64_t from, std::int64_t last, std
     out.reads_shown = 0;
     for (const auto& row : out.grid.reads) out.reads_shown += static_cast<std::int64_t>(row.size());
     out.unpadded_from = b.unpadded_at(from - 1) + 1;
+    out.quality.clear();
+    if (!c.base_qualities.empty()) {
+        std::int64_t base = out.unpadded_from - 1;
+        for (const char ch : out.grid.consensus) {
+            if (ch == '*' || base >= static_cast<std::int64_t>(c.base_qualities.size())) {
+                out.quality.push_back(-1);
+                continue;
+            }
+            out.quality.push_back(c.base_qualities[static_cast<std::size_t>(base++)]);
+        }
+    }
     return true;
 }
 
@@ -125,7 +136,7 @@ void align_map_html(const window_view& v, html& names, html& map) {
     map.open("span", {{"class", "ruler"}}).text(unpadded_ruler(v)).close("span");
     line_end(names, map);
     if (!v.quality.empty()) {
-        names.element("i", "quality / 10");
+        names.element("i", "BQ / 10");
         map.open("span", {{"class", "bq"}}).text(quality_line(v)).close("span");
         line_end(names, map);
     }

@@ -22,6 +22,24 @@ void skip_block(text_file& in, std::string& line) {
     while (!line.empty());
 }
 
+// The block's lines as skip_block takes them, each read as numbers separated by blanks;
+// anything else in a line ends its numbers, and values are held to 0..255.
+void read_qualities(text_file& in, std::vector<std::uint8_t>& out, std::string& line) {
+    for (;;) {
+        in.getline(line);
+        if (line.empty()) return;
+        std::size_t i = 0;
+        for (;;) {
+            while (i < line.size() && (line[i] == ' ' || line[i] == '\t' || line[i] == '\r')) ++i;
+            if (i >= line.size() || line[i] < '0' || line[i] > '9') break;
+            int v = 0;
+            for (; i < line.size() && line[i] >= '0' && line[i] <= '9'; ++i)
+                v = std::min(v * 10 + (line[i] - '0'), 255);
+            out.push_back(static_cast<std::uint8_t>(v));
+        }
+    }
+}
+
 [[noreturn]] void tag_error(const std::string& token) {
     std::cerr << "Error: tag '" << token << "' should be not in the ACE file!" << std::endl;
     sorvexa::fatal_exit(1);
@@ -117,6 +135,11 @@ int aceReader::next_contig(contig& c) {
                 break;
             }
             case 1:  // BQ
+                if (keep_base_qualities)
+                    read_qualities(ace_stream, c.base_qualities, line);
+                else
+                    skip_block(ace_stream, line);
+                break;
             case 3:  // BS
                 skip_block(ace_stream, line);
                 break;

@@ -14,6 +14,9 @@ class aceReader {
     text_file ace_stream;
     int num_contigs = 0;
     std::int32_t total_reads = 0;
+    // Whether next_contig keeps the consensus qualities (the BQ section) in
+    // contig::base_qualities; a run has no use for them and passes over them.
+    bool keep_base_qualities = false;
 
     aceReader() = default;
     explicit aceReader(const std::string& file);

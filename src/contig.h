@@ -68,6 +68,9 @@ class contig {
     std::int16_t min_read_len = 5000;
     double avg_read_len = 0.0;
     std::vector<char> consensus;
+    // One quality per consensus base (pads have none), when the ACE reader was asked to keep
+    // them (aceReader::keep_base_qualities).
+    std::vector<std::uint8_t> base_qualities;
     int uncomplemented = 0;
     std::map<std::string, READ> reads;
     std::multimap<std::int32_t, std::string> pos_map;

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "ace.h"
 #include "ace_writer.h"
 #include "assembly.h"
 #include "html.h"
@@ -378,6 +379,30 @@ TEST(BrowseWindow, ReadsBeforeColumnOneAndLowerCaseBasesAreDrawn) {
     EXPECT_TRUE(contains(f.contig("m").body, "Bases are drawn in capitals"));
 }
 
+// The consensus qualities of the ACE file as a row over the consensus (pads have none),
+// kept only when the reader is asked to.
+TEST(BrowseWindow, ConsensusQualitiesAreARow) {
+    std::string text = ace_file_text({{"q", "ACG*TA", {{"r1", 1, "ACG*TA"}}}});
+    const std::size_t at = text.find("BQ\n20\n");
+    ASSERT_NE(at, std::string::npos);
+    text.replace(at, 6, "BQ\n 10 20 35\n40 99\n");
+    site_fixture f({});
+    write_file(f.dir / "q.ace", text);
+    browse::assembly ace(f.dir / "q.ace");
+    browse::assembly::load_result loaded;
+    auto b = ace.load(0, loaded);
+    browse::window_view v;
+    ASSERT_TRUE(browse::build_view(*b, 2, 6, 1, v));
+    EXPECT_EQ(v.quality, (std::vector<std::int16_t>{20, 35, -1, 40, 99}));
+    browse::site s(ace, f.sff);
+    EXPECT_TRUE(contains(s.serve(get("/contig/q")).body, "<span class=\"bq\">123 49</span>"));
+
+    aceReader plain(f.dir / "q.ace");
+    contig c;
+    ASSERT_EQ(plain.next_contig(c), 1);
+    EXPECT_TRUE(c.base_qualities.empty());
+}
+
 // A contig 450 reads deep over one window: pages of at most rows_per_page rows, each an even
 // sample of the whole depth, together every read once.
 TEST(BrowseWindow, DeepWindowsArePagedInBoundedRows) {
@@ -439,7 +464,10 @@ TEST(BrowsePages, TheWriterEscapesTextAndAttributeValues) {
               "title=\"&lt;i&gt;&#39;\">&lt;b&gt;&amp;&lt;/b&gt;</a>"
               "<br>");
     browse::html c;
-    c.text(std::string("a\x01" "b", 3));
+    c.text(
+        std::string("a\x01"
+                    "b",
+                    3));
     EXPECT_EQ(c.str(),
               "a\xEF\xBF\xBD"
               "b");
