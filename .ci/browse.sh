@@ -106,7 +106,7 @@ print(best.split("\t")[1] if best else "")' "$url" || true)
 if [ -n "$run_col" ]; then
     pass "Contig1: disputed run at column $run_col"
     from=$((run_col > 30 ? run_col - 30 : 1))
-    chromium signals "/contig/Contig1?from=$from&width=60&view=signals" 1200 1000
+    chromium signals "/contig/Contig1?from=$from&width=60&view=signals" 1200 1750
     has signals 'class="sig-close"' "signal cells shaded"
     has signals 'class="legend"' "shading legend"
     has signals 'class="mark"' "disputed run marked above the maps"
