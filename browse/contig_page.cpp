@@ -90,8 +90,8 @@ std::string shown_sentence(const window_view& v) {
     std::string t = "showing " + grouped(v.reads_shown) + " of " + grouped(v.reads_over) + " reads";
     if (v.pages > 1)
         t += " (rows page " + std::to_string(v.page) + " of " + std::to_string(v.pages) +
-             ": every " + std::to_string(v.pages) + "th layout row over the window from the " +
-             std::to_string(v.page) + "th on)";
+             ": one layout row in " + std::to_string(v.pages) + " over the window, from row " +
+             std::to_string(v.page) + ")";
     return t;
 }
 
