@@ -74,7 +74,7 @@ TEST(WriteFailure, FileSizeLimitIsReportedInsteadOfKillingTheRun) {
     temp_dir d;
     write_reads(d, 15000);
     const long long limit = 100000;
-    const run_result res = run_mode3(d, {limit, {}});
+    const run_result res = run_mode3(d, {limit, {}, {}});
     EXPECT_EQ(res.status, 1);  // not killed by SIGXFSZ
     EXPECT_EQ(res.out, "");
     EXPECT_EQ(res.err, "can not write file run.reads\n");
@@ -189,6 +189,64 @@ TEST(RecordBounds, SparseRecordCostsNoMoreThanItsOutput) {
     // 100 kept bases, all of quality 0, then the read after the hole in full.
     EXPECT_NE(reads.find("sparse01\t1\n0\t0\t"), std::string::npos);
     EXPECT_NE(reads.find("after01\t1\n35\t36\t37\t38\n0\t2\t5\t7\n"), std::string::npos);
+}
+
+// Three reads fetched in name order from a file holding rec_c, rec_a, then rec_b cut four
+// bytes short inside its qualities. rec_a is fetched whole; rec_b runs into the end of the
+// file, which leaves the reader unable to position itself; so the fetch of rec_c fails.
+TEST(FetchFailure, FailedFetchAfterGoodOnesWritesTheEmptyRecord) {
+    temp_dir d;
+    sff_file_layout f;
+    f.number_of_flows_per_read = 12;
+    auto read = [](const std::string& name, std::uint8_t q0) {
+        sff_read_layout r;
+        r.name = name;
+        r.bases = "TACGTACG";
+        r.flow_index_per_base = {1, 1, 1, 1, 1, 1, 1, 1};
+        for (std::uint8_t k = 0; k < 8; ++k) r.quality.push_back(static_cast<std::uint8_t>(q0 + k));
+        r.flowgram.assign(12, 100);  // 24 + 24 data bytes: no padding
+        return r;
+    };
+    f.reads = {read("rec_c", 10), read("rec_a", 20), read("rec_b", 40)};
+    const std::string bytes = build_sff(f);
+    ASSERT_TRUE(write_file(d / "run.sff", bytes.substr(0, bytes.size() - 4)));
+    ASSERT_TRUE(write_file(d / "run.ace",
+                           ace_file_text({named_reads("Contig1", {"rec_a", "rec_b", "rec_c"})})));
+
+    const run_result mode1 = run_tool({"run.ace", "run.sff"}, d.path);
+    ASSERT_EQ(mode1.status, 0) << mode1.err;
+    EXPECT_EQ(read_file(d / "run.reads"),
+              ">Contig1\t3\t1\n"
+              "rec_a\t1\n20\t21\t22\t23\t24\t25\t26\t27\n"
+              "rec_b\t1\n40\t41\t42\t43\t0\t0\t0\t0\n"
+              "\t1\n\n");
+    const run_result mode3 = run_mode3(d);
+    ASSERT_EQ(mode3.status, 0) << mode3.err;
+    const std::string reads = read_file(d / "run.reads");
+    const std::string empty = "\t1\n\n\n0\t0\t0\t0\t0\t0\t0\t0\t0\t0\t0\t0\n";
+    ASSERT_GE(reads.size(), empty.size());
+    EXPECT_EQ(reads.substr(reads.size() - empty.size()), empty) << reads;
+}
+
+// A close that fails (as NFS reports a write it could not make) must fail the run like any
+// write. The shim makes close() of the index file return EIO.
+TEST(WriteFailure, FailingCloseOfTheIndexFileFailsTheRun) {
+    temp_dir d;
+    write_reads(d, 3);
+    run_limits preload;
+    preload.environment = {std::string("LD_PRELOAD=") + SORVEXA_CLOSE_FAILS_LIB,
+                           "SORVEXA_CLOSE_FAILS=run.krv",
+                           // The shim comes before the sanitizer runtime in a sanitized build.
+                           "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=0"};
+    const run_result res = run_tool({"-f", "run.ace", "run.sff"}, d.path, preload);
+    EXPECT_EQ(res.status, 1);
+    EXPECT_EQ(res.out, "");
+    EXPECT_EQ(res.err, "can not write file run.krv\n");
+
+    // The shim leaves every other close alone.
+    preload.environment[1] = "SORVEXA_CLOSE_FAILS=no-such-file";
+    const run_result other = run_tool({"-f", "run.ace", "run.sff"}, d.path, preload);
+    EXPECT_EQ(other.status, 0) << other.err;
 }
 
 }  // namespace

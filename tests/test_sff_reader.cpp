@@ -201,6 +201,31 @@ TEST(SffReader, ImpossibleBaseCountStaysWithinTheFile) {
     EXPECT_EQ(kept.quality_scores.back(), 0);
 }
 
+// A read header length below 16 plus the name is taken as no header padding: the walks carry
+// on right after the name, and the index walk, which skips the read data, ends up where the
+// record-by-record walk does.
+TEST(SffReader, ShortReadHeaderLengthNeverStepsBack) {
+    sff_read_layout odd = plain_read("ODDHEADER00001", 6);
+    odd.read_header_length = 8;
+    const sff_read_layout after = plain_read(kB, 4), last = plain_read(kC, 7);
+    sff_file f(file_of({odd, after, last}));
+    const auto at_after = static_cast<std::int64_t>(440 + sff_read_size(odd));
+    const auto at_last = at_after + static_cast<std::int64_t>(sff_read_size(after));
+
+    reader walk(f.path), whole(f.path);
+    read_index by_walk, by_read;
+    ASSERT_TRUE(walk.build_read_index(by_walk));
+    ASSERT_TRUE(whole.get_header());
+    while (whole.get_next_read(by_read)) {
+    }
+    const read_index expected{{"ODDHEADER00001", 440}, {kB, at_after}, {kC, at_last}};
+    EXPECT_EQ(by_walk, expected);
+    EXPECT_EQ(by_read, expected);
+    seqRead s;
+    walk.get_read(by_walk[kC], s);
+    EXPECT_EQ(s.name + text(s.bases), kC + tacg_flows(7));
+}
+
 TEST(SffReaderDeathTest, FatalFiles) {
     sff_file_layout layout = file_of({plain_read(kA, 4)});
     layout.magic = {0x2E, 0x73, 0x66, 0x67};

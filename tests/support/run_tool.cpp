@@ -5,12 +5,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
+#include <string_view>
 
 namespace fixture {
 
@@ -34,6 +36,19 @@ run_result run_binary(const std::string& binary, const std::vector<std::string>&
     std::vector<char*> argv{const_cast<char*>(binary.c_str())};
     for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
+    // The added entries replace inherited ones of the same name.
+    std::vector<char*> envp;
+    for (const auto& e : limits.environment) envp.push_back(const_cast<char*>(e.c_str()));
+    for (char** e = environ; *e != nullptr; ++e) {
+        const std::string_view entry(*e);
+        const auto named = [&entry](const std::string& added) {
+            const auto eq = added.find('=');
+            return entry.size() > eq && entry.compare(0, eq + 1, added, 0, eq + 1) == 0;
+        };
+        if (std::none_of(limits.environment.begin(), limits.environment.end(), named))
+            envp.push_back(*e);
+    }
+    envp.push_back(nullptr);
     std::FILE* out = std::tmpfile();
     std::FILE* err = std::tmpfile();
     if (out == nullptr || err == nullptr) throw std::runtime_error("tmpfile failed");
@@ -52,7 +67,7 @@ run_result run_binary(const std::string& binary, const std::vector<std::string>&
                                static_cast<rlim_t>(limits.file_size)};
             if (setrlimit(RLIMIT_FSIZE, &fsize) != 0) _exit(125);
         }
-        execv(binary.c_str(), argv.data());
+        execve(binary.c_str(), argv.data(), envp.data());
         _exit(127);
     }
     if (out_fd != fileno(out)) ::close(out_fd);

@@ -21,6 +21,8 @@ struct run_result {
 struct run_limits {
     long long file_size = -1;
     std::string stdout_path;
+    // NAME=value entries for the child's environment, replacing inherited ones of that name.
+    std::vector<std::string> environment;
 };
 
 // No limit, standard output sent to `path`.
