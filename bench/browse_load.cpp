@@ -5,6 +5,8 @@
 //
 //   browse_load ACE_FILE                   the ACE pass alone: "ace_pass_s S"
 //   browse_load ACE_FILE PORT [CLIENTS REQUESTS WIDTH]
+//
+// SORVEXA_LOAD_QUERY, when set, is appended to every window's query (e.g. "&view=signals").
 #include <httplib.h>
 
 #include <algorithm>
@@ -73,13 +75,15 @@ int main(int argc, char** argv) {
             httplib::Client client("127.0.0.1", port);
             client.set_read_timeout(60, 0);
             fixture::splitmix64 rng{static_cast<std::uint64_t>(t) + 1};
+            const char* const extra = std::getenv("SORVEXA_LOAD_QUERY");
+            const std::string extra_query = extra != nullptr ? extra : "";
             const auto span =
                 static_cast<std::uint32_t>(std::max<std::int64_t>(deepest.columns - width + 1, 1));
             const auto k = static_cast<std::size_t>(t);
             for (int i = t; i < requests; i += clients) {
                 const std::string path = "/contig/" + deepest.name +
                                          "?from=" + std::to_string(1 + rng.below(span)) +
-                                         "&width=" + std::to_string(width);
+                                         "&width=" + std::to_string(width) + extra_query;
                 const auto s = std::chrono::steady_clock::now();
                 auto r = client.Get(path);
                 const std::chrono::duration<double, std::milli> took =

@@ -85,6 +85,41 @@ std::map<std::string, tied_read> tie_reads(const contig& c, const read_source& s
     return out;
 }
 
+std::map<std::string, tied_read> tie_reads(const contig_evidence& e, const contig& c,
+                                           const read_source& sff,
+                                           const std::vector<std::string>& names) {
+    std::map<std::string, tied_read> out;
+    std::vector<std::string> missing;
+    {
+        std::lock_guard<std::mutex> lock(e.tie_mutex);
+        for (const std::string& name : names) {
+            auto it = e.tie_cache.find(name);
+            if (it == e.tie_cache.end())
+                missing.push_back(name);
+            else if (it->second)
+                out.emplace(name, *it->second);
+        }
+    }
+    if (missing.empty()) return out;
+    std::map<std::string, tied_read> fetched = tie_reads(c, sff, missing);
+    std::lock_guard<std::mutex> lock(e.tie_mutex);
+    for (const std::string& name : missing) {
+        auto it = fetched.find(name);
+        const std::size_t size = it == fetched.end() ? 64
+                                                     : 128 + it->second.base_flow.size() * 4 +
+                                                           it->second.flowgram.size() * 2 +
+                                                           it->second.flow_chars.size();
+        if (e.tie_cache_bytes + size <= contig_evidence::tie_cache_limit &&
+            e.tie_cache.count(name) == 0) {
+            e.tie_cache.emplace(
+                name, it == fetched.end() ? std::nullopt : std::optional<tied_read>(it->second));
+            e.tie_cache_bytes += size;
+        }
+        if (it != fetched.end()) out.emplace(name, std::move(it->second));
+    }
+    return out;
+}
+
 signal_class classify(std::int32_t value, std::int32_t count) {
     const std::int32_t off = value > 100 * count ? value - 100 * count : 100 * count - value;
     if (off <= close_within) return signal_class::close;

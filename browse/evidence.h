@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -31,6 +32,13 @@ struct contig_evidence {
     std::vector<std::int32_t> disputed;  // runs of the edits, highest score first
     std::size_t bytes = 0;               // an estimate of the memory it holds
 
+    // The ties pages made, kept up to tie_cache_limit bytes so that windows moving over a
+    // contig fetch each record once; a read that could not be tied is kept as such.
+    mutable std::mutex tie_mutex;
+    mutable std::map<std::string, std::optional<tied_read>> tie_cache;
+    mutable std::size_t tie_cache_bytes = 0;
+    static constexpr std::size_t tie_cache_limit = std::size_t{4} << 20;
+
     // The run of the evidence whose first base (first pad column for a run of length 0) is
     // `column`; the first in run order when two runs of length 0 share it; -1 when none.
     std::int32_t run_at(std::int32_t column) const;
@@ -45,6 +53,10 @@ std::shared_ptr<const contig_evidence> build_evidence(const contig& c, const rea
 // cannot be tied are left out.
 std::map<std::string, tied_read> tie_reads(const contig& c, const read_source& sff,
                                            const std::vector<std::string>& names);
+// The same through the evidence's cache of ties (for reads of the display copy `c`).
+std::map<std::string, tied_read> tie_reads(const contig_evidence& e, const contig& c,
+                                           const read_source& sff,
+                                           const std::vector<std::string>& names);
 
 // How far a measured value (hundredths) lies from the count the assembly gives the flow, in
 // the classes the flow map shades: close (within 0.25 of it), borderline (within 0.5, the
@@ -55,7 +67,7 @@ constexpr std::int32_t close_within = 25, borderline_within = 50;
 
 class evidence_store {
   public:
-    evidence_store(assembly& a, const read_source& s, std::size_t cache_size = 8,
+    evidence_store(assembly& a, const read_source& s, std::size_t cache_size = 4,
                    std::size_t cache_bytes = std::size_t{16} << 20);
     ~evidence_store();
     evidence_store(const evidence_store&) = delete;

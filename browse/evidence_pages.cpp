@@ -351,7 +351,7 @@ void signals_map_html(const built_contig& b, const window_view& v, const contig_
     std::vector<std::string> drawn;
     for (const auto& row : g.reads)
         for (const window_read& r : row) drawn.push_back(r.name);
-    const std::map<std::string, tied_read> tied = tie_reads(b.c, sff, drawn);
+    const std::map<std::string, tied_read> tied = tie_reads(e, b.c, sff, drawn);
     std::vector<std::vector<std::int32_t>> values;
     grid_signals(b.c, g, tied_lookup_of(tied), values);
     const std::vector<std::int32_t> run_of = runs_of_flows(b.c, e, g);
