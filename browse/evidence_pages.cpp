@@ -225,9 +225,11 @@ response search_page(const site& s, std::string_view rest, const request& req) {
 
 void disputed_table(html& out, std::string_view contig, const contig_evidence& e) {
     out.open("p");
-    out.text(std::to_string(e.disputed.size()) + " runs whose flowgrams call another length (" +
-             grouped(e.counts.tied) + " reads tied to their flows, " + grouped(e.counts.untied) +
-             " untied, " + grouped(e.counts.not_found) + " in no SFF file); as ")
+    out.text(std::to_string(e.disputed.size()) +
+             (e.disputed.size() == 1 ? " run whose flowgrams call" : " runs whose flowgrams call") +
+             " another length (" + grouped(e.counts.tied) + " reads tied to their flows, " +
+             grouped(e.counts.untied) + " untied, " + grouped(e.counts.not_found) +
+             " in no SFF file); as ")
         .open("a", {{"href", contig_href(contig) + ".vcf"}})
         .text("VCF")
         .close("a")
