@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "assembly.h"
+#include "evidence.h"
 #include "pages.h"
 #include "process_exit.h"
 #include "read_source.h"
@@ -147,6 +148,10 @@ int serve(int argc, char** argv) {
     // What start-up parsed and sorted is freed by now; hand it back before serving starts.
     malloc_trim(0);
     browse::site site(ace, *sff);
+    // The flow-signal evidence: built for a contig when a page first needs it, and counted
+    // for the overview in the background once the server is up.
+    browse::evidence_store evidence(ace, *sff);
+    site.evidence = &evidence;
 
     browse::http_server server;
     browse::add_routes(server, site);
@@ -163,6 +168,7 @@ int serve(int argc, char** argv) {
     std::cout << "Open http://" << (v6 ? "[" : "") << o.bind << (v6 ? "]" : "") << ":" << port
               << "/ in a web browser; Ctrl-C stops the server." << std::endl;
 
+    evidence.count_in_background();
     std::atomic<bool> signalled{false};
     std::thread stopper([&server, &stop_signals, &signalled] {
         int sig = 0;
