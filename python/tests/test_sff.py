@@ -166,3 +166,35 @@ def test_kept_range_and_lookup_by_name(tmp_path):
     from collections.abc import Mapping
 
     assert isinstance(f.index(), Mapping)
+
+
+def test_threads_share_a_file(tmp_path):
+    """Fetches and walks from several threads at once, each without the GIL: every thread
+    gets exactly the records a single walk gives."""
+    import threading
+
+    copy = tmp_path / "many.sff"
+    recs = [{"name": f"read{k:05d}", "bases": "TCAG" + "ACGT"[k % 4] * (1 + k % 7),
+             "qualities": [k % 40] * (5 + k % 7), "flowgram": [k % 300] * 16,
+             "flow_index": [1] * (5 + k % 7), "clips": (5, 0, 0, 0)} for k in range(3000)]
+    write_sff(copy, recs, "TACG" * 4, "TCAG", little_endian=True)
+    f = sorvexa.SffFile(copy)
+    expected = [ours(r) for r in f]
+    results, errors = {}, []
+
+    def work(k):
+        try:
+            if k % 2:
+                results[k] = [ours(f[r["name"]]) for r in recs]
+            else:
+                results[k] = [ours(r) for r in f]
+        except Exception as e:  # reported below, not lost in the thread
+            errors.append(e)
+
+    threads = [threading.Thread(target=work, args=(k,)) for k in range(4)]
+    for t in threads:
+        t.start()
+    for t in threads:
+        t.join()
+    assert not errors
+    assert all(results[k] == expected for k in range(4))
