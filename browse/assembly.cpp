@@ -139,22 +139,26 @@ assembly::assembly(const std::string& path, std::size_t cache_size, std::size_t 
         columns += s.columns;
         contigs.push_back(std::move(s));
     }
-    // Sorted by name (then contig), the starts taken along.
-    std::vector<std::uint32_t> order(placements.size());
-    for (std::size_t i = 0; i < order.size(); ++i) order[i] = static_cast<std::uint32_t>(i);
-    std::sort(order.begin(), order.end(),
-              [this](std::uint32_t x, std::uint32_t y) { return placements[x] < placements[y]; });
+    // Sorted by name (then contig), each start taken along in the same moves.
     {
-        std::vector<std::pair<std::string, std::uint32_t>> sorted;
-        std::vector<std::int32_t> starts;
-        sorted.reserve(order.size());
-        starts.reserve(order.size());
-        for (std::uint32_t i : order) {
-            sorted.push_back(std::move(placements[i]));
-            starts.push_back(placement_starts[i]);
+        struct placed {
+            std::pair<std::string, std::uint32_t> key;
+            std::int32_t start;
+            bool operator<(const placed& o) const { return key < o.key; }
+        };
+        std::vector<placed> all;
+        all.reserve(placements.size());
+        for (std::size_t i = 0; i < placements.size(); ++i)
+            all.push_back({std::move(placements[i]), placement_starts[i]});
+        std::sort(all.begin(), all.end());
+        placements.clear();
+        placements.shrink_to_fit();
+        placements.reserve(all.size());
+        placement_starts.assign(all.size(), 0);
+        for (std::size_t i = 0; i < all.size(); ++i) {
+            placements.push_back(std::move(all[i].key));
+            placement_starts[i] = all[i].start;
         }
-        placements = std::move(sorted);
-        placement_starts = std::move(starts);
     }
 
     by_name_.resize(contigs.size());

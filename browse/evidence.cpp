@@ -1,5 +1,6 @@
 #include "evidence.h"
 
+#include <malloc.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -201,6 +202,9 @@ void evidence_store::count_in_background() {
             contig c;
             if (!parse_again(ace_, i, c)) return;
             counts_[i] = static_cast<std::int32_t>(build_evidence(c, sff_)->disputed.size());
+            // What a contig's check took is handed back before the next one.
+            c = contig{};
+            malloc_trim(0);
         }
     });
 }

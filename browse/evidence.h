@@ -37,7 +37,7 @@ struct contig_evidence {
     mutable std::mutex tie_mutex;
     mutable std::map<std::string, std::optional<tied_read>> tie_cache;
     mutable std::size_t tie_cache_bytes = 0;
-    static constexpr std::size_t tie_cache_limit = std::size_t{4} << 20;
+    static constexpr std::size_t tie_cache_limit = std::size_t{2} << 20;
 
     // The run of the evidence whose first base (first pad column for a run of length 0) is
     // `column`; the first in run order when two runs of length 0 share it; -1 when none.
@@ -68,7 +68,7 @@ constexpr std::int32_t close_within = 25, borderline_within = 50;
 class evidence_store {
   public:
     evidence_store(assembly& a, const read_source& s, std::size_t cache_size = 4,
-                   std::size_t cache_bytes = std::size_t{16} << 20);
+                   std::size_t cache_bytes = std::size_t{8} << 20);
     ~evidence_store();
     evidence_store(const evidence_store&) = delete;
     evidence_store& operator=(const evidence_store&) = delete;
