@@ -5,12 +5,13 @@
 #
 #  1. install tree: `cmake --install` into a temporary prefix; every installed header compiles
 #     on its own with only <prefix>/include on the path; a downstream CMake project
-#     (tests/consumer) and a pkg-config build against it, run on the example ACE file;
+#     (tests/consumer) and a pkg-config build against it, run on the example ACE file; the
+#     Python module imported from the prefix and run on the same file;
 #  2. Debian packages: `dpkg-buildpackage -us -uc -b` (the README's command) on a copy of the
-#     tree, lintian on the three packages (any error or warning fails), their metadata and
+#     tree, lintian on the four packages (any error or warning fails), their metadata and
 #     contents, dpkg -i, Sorvexa and sorvexa-flowcheck from PATH on the bundled example,
 #     tests/consumer built against the installed packages with CMake and with pkg-config, the
-#     man pages, dpkg -r;
+#     Python module imported by /usr/bin/python3 and run on the example, the man pages, dpkg -r;
 #  3. example page: contig_page rendered by headless Chromium, the screenshot must not be blank.
 #
 # The screenshot goes to a temporary directory; SORVEXA_SCREENSHOT=FILE keeps it instead
@@ -29,7 +30,7 @@ debs_installed=0
 tmp=$(mktemp -d /tmp/sorvexa-packaging.XXXXXX)
 
 cleanup() {
-    if [ "$debs_installed" -eq 1 ]; then dpkg -r sorvexa sorvexa-browse libsorvexa-dev >/dev/null 2>&1 || true; fi
+    if [ "$debs_installed" -eq 1 ]; then dpkg -r sorvexa sorvexa-browse libsorvexa-dev python3-sorvexa >/dev/null 2>&1 || true; fi
     rm -rf "$tmp"
 }
 trap cleanup EXIT
@@ -154,6 +155,39 @@ else
     fail "g++ \$(pkg-config --cflags --libs sorvexa) against the install tree (flags: ${flags:-none})"
 fi
 
+# check_python LABEL [PYTHONPATH]: /usr/bin/python3 imports sorvexa (from PYTHONPATH when
+# given, else from where the interpreter finds it), reads the example's SFF files whole and
+# through their indexes, and prints the first contig's read ids, checked as above.
+check_python() {
+    local label=$1 root=$PWD
+    if (cd "$tmp" && PYTHONPATH=${2:-} /usr/bin/python3 - "$root/$ace" "$root/$build/example"/example_[ab].sff \
+        >"$tmp/python.out" 2>"$tmp/python.err") <<'PY'; then
+import sys, sorvexa
+ace, sffs = sys.argv[1], sys.argv[2:]
+for path in sffs:
+    f = sorvexa.SffFile(path)
+    records = list(f)
+    assert len(records) == f.number_of_reads == len(f) > 0, path
+    assert all(f[r.name].flowgram.tolist() == r.flowgram.tolist() for r in records), path
+contig = next(iter(sorvexa.AceFile(ace)))
+print(*contig.read_ids(), sep="\n")
+print(sorvexa.__file__, file=sys.stderr)
+PY
+        check_ids "$label" "$tmp/python.out"
+        python_module=$(tail -n 1 "$tmp/python.err")
+    else
+        cat "$tmp/python.err"
+        fail "$label: the Python module does not run on the example"
+    fi
+}
+
+pydir=$(find "$prefix/lib" -maxdepth 2 -type d -name dist-packages -path '*/python3*' | head -n 1)
+if [ -n "$pydir" ] && [ -f "$pydir/sorvexa/__init__.py" ]; then
+    check_python "Python module (install tree, ${pydir#"$prefix"/})" "$pydir"
+else
+    fail "install tree lacks the Python package sorvexa under lib/python3*/dist-packages"
+fi
+
 # ---- 2. Debian packages
 echo "== Debian packages"
 # Built from a copy of the tree (tracked and untracked files, nothing ignored, so no build
@@ -179,14 +213,15 @@ multiarch=$(dpkg-architecture -qDEB_HOST_MULTIARCH)
 tool_deb=$tmp/src/sorvexa_${version}_${arch}.deb
 dev_deb=$tmp/src/libsorvexa-dev_${version}_${arch}.deb
 browse_deb=$tmp/src/sorvexa-browse_${version}_${arch}.deb
-for deb in "$tool_deb" "$dev_deb" "$browse_deb"; do
+python_deb=$tmp/src/python3-sorvexa_${version}_${arch}.deb
+for deb in "$tool_deb" "$dev_deb" "$browse_deb" "$python_deb"; do
     [ -f "$deb" ] || die "no $(basename "$deb")"
 done
 
 # lintian: no error and no warning (overrides in debian/*.lintian-overrides say why they hold).
-if lintian --fail-on error,warning "$tool_deb" "$dev_deb" "$browse_deb" >"$tmp/lintian.out" \
+if lintian --fail-on error,warning "$tool_deb" "$dev_deb" "$browse_deb" "$python_deb" >"$tmp/lintian.out" \
     2>"$tmp/lintian.err" && [ ! -s "$tmp/lintian.out" ]; then
-    pass "lintian on the three packages: no error, no warning"
+    pass "lintian on the four packages: no error, no warning"
 else
     cat "$tmp/lintian.out"
     grep -v 'running with root privileges' "$tmp/lintian.err" || true
@@ -195,7 +230,7 @@ fi
 
 # field DEB NAME: one control field.
 field() { dpkg-deb -f "$1" "$2"; }
-for deb in "$tool_deb" "$dev_deb" "$browse_deb"; do
+for deb in "$tool_deb" "$dev_deb" "$browse_deb" "$python_deb"; do
     name=$(field "$deb" Package)
     maintainer=$(field "$deb" Maintainer)
     case $maintainer in
@@ -235,6 +270,16 @@ done
 for f in /usr/bin/sorvexa-browse /usr/share/man/man1/sorvexa-browse.1.gz; do
     grep -q -x -F "$f" "$tmp/sorvexa-browse.list" || fail "sorvexa-browse lacks $f"
 done
+python_files=$(grep -c -e '^/usr/lib/python3/dist-packages/sorvexa/__init__\.py$' \
+    -e '^/usr/lib/python3/dist-packages/sorvexa/_sorvexa\.cpython-.*\.so$' "$tmp/python3-sorvexa.list" || true)
+[ "$python_files" -eq 2 ] && ! grep -q -v -e '^/usr/lib/python3/dist-packages/' -e '^/usr/share/doc/' \
+    -e '^/usr/share/lintian/overrides/' -e '/$' "$tmp/python3-sorvexa.list" &&
+    pass "python3-sorvexa holds the package sorvexa in /usr/lib/python3/dist-packages" ||
+    fail "python3-sorvexa contents: $(tr '\n' ' ' <"$tmp/python3-sorvexa.list")"
+[ "$(field "$python_deb" Section)" = python ] && field "$python_deb" Depends | grep -q 'python3-numpy' &&
+    field "$python_deb" Depends | grep -q 'python3 (' &&
+    pass "python3-sorvexa: section python, Depends: $(field "$python_deb" Depends)" ||
+    fail "python3-sorvexa: section $(field "$python_deb" Section), Depends: $(field "$python_deb" Depends)"
 field "$browse_deb" Depends | grep -q 'libcpp-httplib' &&
     pass "sorvexa-browse Depends: $(field "$browse_deb" Depends)" ||
     fail "sorvexa-browse does not depend on the cpp-httplib runtime"
@@ -247,13 +292,13 @@ else
 fi
 
 # sorvexa-browse needs the cpp-httplib runtime, which apt brings in if it is missing.
-dpkg -i "$tool_deb" "$dev_deb" "$browse_deb" >"$tmp/dpkg.log" 2>&1 ||
+dpkg -i "$tool_deb" "$dev_deb" "$browse_deb" "$python_deb" >"$tmp/dpkg.log" 2>&1 ||
     apt-get install -y -qq -f >>"$tmp/dpkg.log" 2>&1 || {
     cat "$tmp/dpkg.log"
-    die "dpkg -i the three packages"
+    die "dpkg -i the four packages"
 }
 debs_installed=1
-pass "dpkg -i the three packages"
+pass "dpkg -i the four packages"
 if out=$(sorvexa-browse 2>&1); [ $? -eq 1 ] && [[ $out == *sorvexa-browse* ]]; then
     pass "sorvexa-browse on PATH answers a missing ACE file with its usage and status 1"
 else
@@ -346,6 +391,14 @@ else
 fi
 check_headers /usr/include
 
+python_module=
+check_python "Python module (python3-sorvexa)"
+[ "$python_module" = /usr/lib/python3/dist-packages/sorvexa/__init__.py ] ||
+    fail "python3 imported sorvexa from '$python_module', not from python3-sorvexa"
+so=$(find /usr/lib/python3/dist-packages/sorvexa -name '_sorvexa*.so' | head -n 1)
+[ -n "$so" ] && ! readelf -S "$so" | grep -q -e '\.symtab' -e '\.debug_' &&
+    pass "$so is stripped" || fail "the Python extension '$so' is missing or not stripped"
+
 for page in Sorvexa sorvexa-browse sorvexa-flowcheck; do
     manpage=$(man -w "$page" 2>/dev/null || true)
     if [ "$manpage" = "/usr/share/man/man1/$page.1.gz" ]; then
@@ -357,15 +410,16 @@ for page in Sorvexa sorvexa-browse sorvexa-flowcheck; do
     fi
 done
 
-if dpkg -r sorvexa sorvexa-browse libsorvexa-dev >"$tmp/dpkg-r.log" 2>&1; then
+if dpkg -r sorvexa sorvexa-browse libsorvexa-dev python3-sorvexa >"$tmp/dpkg-r.log" 2>&1; then
     debs_installed=0
     [ ! -e /usr/bin/Sorvexa ] && [ ! -e /usr/bin/sorvexa-browse ] &&
         [ ! -e /usr/bin/sorvexa-flowcheck ] && [ ! -e /usr/include/sorvexa ] &&
         [ ! -e "/usr/lib/$multiarch/libsorvexa.a" ] &&
-        pass "dpkg -r removed the three packages" || fail "files left behind after dpkg -r"
+        [ ! -e /usr/lib/python3/dist-packages/sorvexa ] &&
+        pass "dpkg -r removed the four packages" || fail "files left behind after dpkg -r"
 else
     cat "$tmp/dpkg-r.log"
-    fail "dpkg -r sorvexa sorvexa-browse libsorvexa-dev"
+    fail "dpkg -r sorvexa sorvexa-browse libsorvexa-dev python3-sorvexa"
 fi
 
 # ---- 3. example page in headless Chromium
