@@ -91,6 +91,7 @@ void raise_format_error(const std::string& message) {
 }
 
 void raise_or_warn(const library_result& r) {
+    if (!r.failed && r.messages.empty()) return;
     const std::string message = trimmed(r.messages);
     if (r.failed)
         raise_format_error(message.empty() ? "the library gave up on its input" : message);

@@ -265,7 +265,7 @@ class sff_file {
         file = std::move(info);
     }
 
-    std::shared_ptr<name_index> index() {
+    const std::shared_ptr<name_index>& index() {
         check_open();
         // Once built the index never changes, so a lookup needs neither the lock nor a trip
         // without the GIL.
@@ -300,7 +300,7 @@ class sff_file {
 
     std::unique_ptr<sff_record> get(const py::str& name) {
         const std::string key = bytes_of(name);
-        const auto i = index();
+        const name_index* i = index().get();  // the file holds it as long as it lives
         auto found = i->map().find(key);
         if (found == i->map().end()) raise_key_error(name);
         return fetch(found->second);
