@@ -311,21 +311,27 @@ AceFile is its own iterator, like a file. A file that cannot be opened raises OS
 that does not start like an ACE file, or breaks the section order of a contig, raises
 FormatError with the reader's message.
 )doc")
-        .def(py::init<py::object>(), py::arg("path"))
+        .def(py::init<py::object>(), py::arg("path"),
+             "Opens an ACE file (str, bytes or os.PathLike) and reads its AS line.")
         .def_property_readonly(
             "path", [](const ace_file& a) { return a.given_path; }, "The path as given.")
         .def_readonly("number_of_contigs", &ace_file::contigs_,
                       "The contig count the AS line declares.")
         .def_readonly("number_of_reads", &ace_file::reads_, "The read count the AS line declares.")
-        .def("__iter__", [](py::object self) { return self; })
-        .def("__next__", &ace_file::next)
+        .def(
+            "__iter__", [](py::object self) { return self; }, "The file itself.")
+        .def("__next__", &ace_file::next,
+             "Reads the next contig (StopIteration at the end of the file).")
         .def("close", &ace_file::close, "Releases the file; iteration ends.")
-        .def("__enter__", [](py::object self) { return self; })
-        .def("__exit__",
-             [](ace_file& a, const py::args&) {
-                 a.close();
-                 return false;
-             })
+        .def(
+            "__enter__", [](py::object self) { return self; }, "The file itself.")
+        .def(
+            "__exit__",
+            [](ace_file& a, const py::args&) {
+                a.close();
+                return false;
+            },
+            "Closes the file.")
         .def("__repr__", [](const ace_file& a) {
             return "<sorvexa.AceFile " + py::repr(a.given_path).cast<std::string>() + ", " +
                    std::to_string(a.contigs_) + " contigs>";

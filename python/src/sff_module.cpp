@@ -419,7 +419,9 @@ run past the end of its file holds what the file has, zeros where it stops.
             "The read as a run writes it: its kept bases with their qualities and the "
             "0-based flow that called each (counted from the read's first flow, key "
             "included), as a KeptRead.")
-        .def("__len__", [](const sff_record& r) { return r.bases; })
+        .def(
+            "__len__", [](const sff_record& r) { return r.bases; },
+            "The number of bases the record holds.")
         .def("__repr__", [](const sff_record& r) {
             return "<sorvexa.SffRecord " +
                    py::repr(text({r.name(), r.name_size})).cast<std::string>() + ", " +
@@ -438,26 +440,32 @@ run past the end of its file holds what the file has, zeros where it stops.
             "flows", [](const kept_read& k) { return copy_array(k.flows); },
             "For each kept base, the 0-based flow that called it, counted from the read's "
             "first flow (numpy int16): an index into the record's flowgram.")
-        .def("__len__", [](const kept_read& k) { return k.bases.size(); })
+        .def(
+            "__len__", [](const kept_read& k) { return k.bases.size(); },
+            "The number of kept bases.")
         .def("__repr__", [](const kept_read& k) {
             return "<sorvexa.KeptRead " + py::repr(text(k.name)).cast<std::string>() + ", " +
                    std::to_string(k.bases.size()) + " bases>";
         });
 
     py::class_<record_walk>(m, "SffIterator", "Iterator over an SFF file's records.")
-        .def("__iter__", [](py::object self) { return self; })
-        .def("__next__", &record_walk::next);
+        .def(
+            "__iter__", [](py::object self) { return self; }, "The iterator itself.")
+        .def("__next__", &record_walk::next,
+             "The next record; a few dozen are read ahead at a time without the GIL.");
 
     py::class_<index_iterator>(m, "ReadIndexIterator", "Iterator over a ReadIndex.")
-        .def("__iter__", [](py::object self) { return self; })
-        .def("__next__", &index_iterator::next);
+        .def(
+            "__iter__", [](py::object self) { return self; }, "The iterator itself.")
+        .def("__next__", &index_iterator::next, "The next name, offset or pair.");
 
     py::class_<name_index, std::shared_ptr<name_index>>(m, "ReadIndex", R"doc(
 An SFF file's read names mapped to the byte offsets of their records, as a run builds it:
 a name is cut at its first NUL byte and, when two records share a name, the later one
 wins. A read-only mapping (``collections.abc.Mapping``) kept in C++, about 70 bytes a read.
 )doc")
-        .def("__len__", [](const name_index& i) { return i.map().size(); })
+        .def(
+            "__len__", [](const name_index& i) { return i.map().size(); }, "The number of names.")
         .def(
             "__getitem__",
             [](const name_index& i, const py::str& name) {
@@ -520,7 +528,8 @@ FormatError. Iterating gives every record in file order (the index block is step
 over); ``f[name]`` fetches one record through the read index, which the first lookup
 builds (``index()``). Iteration, indexing and fetching run without the GIL.
 )doc")
-        .def(py::init<py::object>(), py::arg("path"))
+        .def(py::init<py::object>(), py::arg("path"),
+             "Opens an SFF file (str, bytes or os.PathLike) and reads its header.")
         .def_property_readonly(
             "path", [](const sff_file& f) { return f.given_path; }, "The path as given.")
         .def_property_readonly(
@@ -572,12 +581,15 @@ builds (``index()``). Iteration, indexing and fetching run without the GIL.
         .def("record_at", &sff_file::fetch, py::arg("offset"),
              "The whole record at a byte offset (as index() gives them).")
         .def("close", &sff_file::close, "Releases the file; iterators already made go on reading.")
-        .def("__enter__", [](py::object self) { return self; })
-        .def("__exit__",
-             [](sff_file& f, const py::args&) {
-                 f.close();
-                 return false;
-             })
+        .def(
+            "__enter__", [](py::object self) { return self; }, "The file itself.")
+        .def(
+            "__exit__",
+            [](sff_file& f, const py::args&) {
+                f.close();
+                return false;
+            },
+            "Closes the file.")
         .def("__repr__", [](const sff_file& f) {
             return "<sorvexa.SffFile " + py::repr(f.given_path).cast<std::string>() + ", " +
                    std::to_string(f.file->number_of_reads) + " reads, " +
