@@ -31,15 +31,19 @@ server_process::server_process(const std::string& binary, const std::vector<std:
     std::vector<char*> argv;
     for (std::string& a : argv_store) argv.push_back(a.data());
     argv.push_back(nullptr);
+    // Opened here, before the child runs: a server started in the same directory after
+    // another must never be read with the earlier one's output (its address, say).
+    const int out_fd = ::open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    const int err_fd = ::open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     pid = ::fork();
     if (pid == 0) {
-        const int out = ::open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        const int err = ::open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        ::dup2(out, 1);
-        ::dup2(err, 2);
+        ::dup2(out_fd, 1);
+        ::dup2(err_fd, 2);
         ::execv(binary.c_str(), argv.data());
         ::_exit(127);
     }
+    ::close(out_fd);
+    ::close(err_fd);
     const std::regex address(R"(http://[^/\s]+:([0-9]+)/)");
     const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
     while (std::chrono::steady_clock::now() < end) {
