@@ -152,21 +152,32 @@ py::array copy_array(const std::vector<T>& v) {
 // The walk over a file's records in file order. The library walks every record that the
 // header counts; the index block, which a file may hold before its last record, is stepped
 // over here, where the header says it lies.
+//
+// An iterator shared by threads stays whole: its state is only touched under its lock, which
+// is never held while waiting for the GIL.
 class record_walk {
   public:
-    std::shared_ptr<const sff_header_info> file;
-    std::unique_ptr<reader> rd;
-    std::deque<std::unique_ptr<sff_record>> ready;
-    bool finished = false;
-
-    explicit record_walk(std::shared_ptr<const sff_header_info> f) : file(std::move(f)) {}
+    explicit record_walk(std::shared_ptr<const sff_header_info> f) : file_(std::move(f)) {}
 
     std::unique_ptr<sff_record> next() {
-        if (ready.empty() && !finished) refill();
-        if (ready.empty()) throw py::stop_iteration();
-        auto r = std::move(ready.front());
-        ready.pop_front();
-        return r;
+        {
+            std::unique_lock lock(mutex_, std::try_to_lock);
+            if (lock.owns_lock() && !ready_.empty()) return pop();
+        }
+        std::unique_ptr<sff_record> out;
+        library_result r = call_library([&] {
+            std::lock_guard lock(mutex_);
+            if (ready_.empty() && !finished_) refill();
+            if (!ready_.empty()) out = pop();
+        });
+        if (r.failed) {
+            std::lock_guard lock(mutex_);
+            finished_ = true;
+            ready_.clear();
+        }
+        raise_or_warn(r);
+        if (!out) throw py::stop_iteration();
+        return out;
     }
 
   private:
@@ -175,39 +186,47 @@ class record_walk {
     static constexpr std::size_t batch_records = 64;
     static constexpr std::size_t batch_bytes = 1 << 20;
 
+    std::unique_ptr<sff_record> pop() {
+        auto r = std::move(ready_.front());
+        ready_.pop_front();
+        return r;
+    }
+
     void refill() {
-        const library_result r = call_library([this] {
-            if (!rd) {
-                rd = std::make_unique<reader>(file->path);
-                if (!rd->get_header()) {
-                    finished = true;
-                    return;
-                }
+        if (!rd_) {
+            rd_ = std::make_unique<reader>(file_->path);
+            if (!rd_->get_header()) {
+                finished_ = true;
+                return;
             }
-            std::size_t bytes = 0;
-            while (ready.size() < batch_records && bytes < batch_bytes) {
-                skip_index_block();
-                const std::int64_t pos = rd->sff_file.tell();
-                if (!rd->get_next_read()) {
-                    finished = true;
-                    return;
-                }
-                ready.push_back(std::make_unique<sff_record>(file, pos, rd->cur_read));
-                bytes += 2 * ready.back()->flows + 4 * ready.back()->bases;
+        }
+        std::size_t bytes = 0;
+        while (ready_.size() < batch_records && bytes < batch_bytes) {
+            skip_index_block();
+            const std::int64_t pos = rd_->sff_file.tell();
+            if (!rd_->get_next_read()) {
+                finished_ = true;
+                return;
             }
-        });
-        if (r.failed) finished = true;
-        raise_or_warn(r);
+            ready_.push_back(std::make_unique<sff_record>(file_, pos, rd_->cur_read));
+            bytes += 2 * ready_.back()->flows + 4 * ready_.back()->bases;
+        }
     }
 
     void skip_index_block() {
-        const std::uint64_t at = file->index_offset;
-        if (file->index_length == 0 || at > static_cast<std::uint64_t>(INT64_MAX)) return;
-        if (rd->sff_file.tell() != static_cast<std::int64_t>(at)) return;
-        std::uint64_t end = at + file->index_length;
+        const std::uint64_t at = file_->index_offset;
+        if (file_->index_length == 0 || at > static_cast<std::uint64_t>(INT64_MAX)) return;
+        if (rd_->sff_file.tell() != static_cast<std::int64_t>(at)) return;
+        std::uint64_t end = at + file_->index_length;
         end += (8 - end % 8) % 8;
-        rd->sff_file.seek(static_cast<std::int64_t>(end));
+        rd_->sff_file.seek(static_cast<std::int64_t>(end));
     }
+
+    std::shared_ptr<const sff_header_info> file_;
+    std::mutex mutex_;
+    std::unique_ptr<reader> rd_;
+    std::deque<std::unique_ptr<sff_record>> ready_;
+    bool finished_ = false;
 };
 
 // The read index of one file, as a run builds it: names cut at their first NUL byte, the
@@ -288,6 +307,7 @@ class sff_file {
         std::unique_ptr<sff_record> out;
         const library_result r = call_library([&] {
             std::lock_guard lock(fetch_mutex_);
+            if (!fetcher_) return;  // closed by another thread meanwhile
             // An earlier fetch that ran past the end of the file leaves the stream failed;
             // each fetch starts afresh.
             fetcher_->sff_file.clear();
@@ -295,6 +315,7 @@ class sff_file {
             out = std::make_unique<sff_record>(file, pos, fetcher_->cur_read);
         });
         raise_or_warn(r);
+        if (!out) check_open();
         return out;
     }
 
@@ -566,7 +587,7 @@ builds (``index()``). Iteration, indexing and fetching run without the GIL.
             "__iter__",
             [](const sff_file& f) {
                 f.check_open();
-                return record_walk(f.file);
+                return std::make_unique<record_walk>(f.file);
             },
             "Every record in file order.")
         .def("index", &sff_file::index,

@@ -198,3 +198,13 @@ def test_threads_share_a_file(tmp_path):
         t.join()
     assert not errors
     assert all(results[k] == expected for k in range(4))
+
+    # One iterator drained by several threads hands out every record once.
+    shared, taken = iter(f), [[] for _ in range(4)]
+    threads = [threading.Thread(target=lambda k=k: taken[k].extend(r.name for r in shared))
+               for k in range(4)]
+    for t in threads:
+        t.start()
+    for t in threads:
+        t.join()
+    assert sorted(sum(taken, [])) == [r["name"] for r in recs]
