@@ -1,19 +1,115 @@
 #include "binary_file.h"
 
 #include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <condition_variable>
 #include <cstring>
+#include <mutex>
 
 namespace {
 // A refill after a jump reads a small block (one record is usually within it); each refill
 // that continues where the last one ended doubles the block, up to the largest size.
 constexpr std::size_t small_chunk = 4 << 10;
 constexpr std::size_t large_chunk = 512 << 10;
+
+// Reads `n` bytes at `at` into `to`, as many calls as it takes; stops at the end of the file
+// or at an error (a directory), returning what was read.
+std::size_t read_at(int fd, unsigned char* to, std::size_t n, std::int64_t at) {
+    std::size_t done = 0;
+    while (done < n) {
+        ssize_t got = ::pread(fd, to + done, n - done, static_cast<off_t>(at + done));
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) break;
+        done += static_cast<std::size_t>(got);
+    }
+    return done;
+}
 }  // namespace
+
+// The helper that reads one block ahead. It holds at most one request: the block that
+// follows the caller's buffer, which the caller either takes whole (waiting for it to be
+// read) or drops (without waiting: the helper is waited for before it is asked again, and
+// its block is only handed over once read). A process forked meanwhile has no helper
+// thread: its copy is left alone, never waited on.
+struct binary_file::read_ahead {
+    int fd;
+    pid_t owner = ::getpid();
+    pthread_t thread{};
+    std::mutex mutex;
+    std::condition_variable asked, done;
+    std::vector<unsigned char> block = std::vector<unsigned char>(large_chunk);
+    // Written by the caller (under the lock, which the helper reads them under).
+    std::int64_t at = 0;
+    bool pending = false;  // a block asked for and not yet taken or dropped
+    bool quit = false;
+    // Written by the helper, under the lock.
+    bool busy = false;   // reading into `block`
+    bool ready = false;  // the block asked for is read
+    std::size_t got = 0;
+
+    explicit read_ahead(int file) : fd(file) {}
+
+    static void* run(void* self) {
+        static_cast<read_ahead*>(self)->serve();
+        return nullptr;
+    }
+
+    void serve() {
+        std::unique_lock lock(mutex);
+        for (;;) {
+            asked.wait(lock, [&] { return quit || (pending && !ready); });
+            if (quit) return;
+            const std::int64_t from = at;
+            busy = true;
+            lock.unlock();
+            const std::size_t n = read_at(fd, block.data(), block.size(), from);
+            lock.lock();
+            busy = false;
+            got = n;
+            ready = true;
+            done.notify_all();
+        }
+    }
+
+    void ask(std::int64_t from) {
+        std::unique_lock lock(mutex);
+        done.wait(lock, [&] { return !busy; });
+        at = from;
+        pending = true;
+        ready = false;
+        asked.notify_one();
+    }
+
+    // The bytes read of the block asked for, once read.
+    std::size_t take() {
+        std::unique_lock lock(mutex);
+        done.wait(lock, [&] { return ready; });
+        pending = false;
+        return got;
+    }
+
+    void drop() {
+        std::lock_guard lock(mutex);
+        pending = false;
+    }
+
+    void stop() {
+        {
+            std::lock_guard lock(mutex);
+            quit = true;
+            asked.notify_one();
+        }
+        ::pthread_join(thread, nullptr);
+    }
+};
+
+binary_file::binary_file() = default;
 
 binary_file::~binary_file() {
     close();
@@ -35,14 +131,16 @@ bool binary_file::open(const std::string& path) {
 }
 
 void binary_file::close() {
+    stop_read_ahead();
     if (fd_ >= 0) ::close(fd_);
     fd_ = -1;
     buf_len_ = 0;
     std::vector<unsigned char>().swap(buf_);
 }
 
-// Reads into the buffer from file offset `at`; returns the bytes now buffered there.
+// Reads into the buffer from file offset `at`; returns the bytes now buffered from there.
 std::size_t binary_file::fill_from(std::int64_t at) {
+    if (take_read_ahead(at)) return buf_len_ - static_cast<std::size_t>(at - buf_at_);
     // Skipping a little past the buffer (a walk over records that steps over their data)
     // still counts as going on where the last refill ended.
     const std::int64_t end = buf_at_ + static_cast<std::int64_t>(buf_len_);
@@ -51,15 +149,60 @@ std::size_t binary_file::fill_from(std::int64_t at) {
     chunk_ = sequential ? std::min(chunk_ * 2, large_chunk) : small_chunk;
     if (buf_.size() < chunk_) buf_.resize(chunk_);
     buf_at_ = at;
-    buf_len_ = 0;
-    while (buf_len_ < chunk_) {
-        ssize_t got = ::pread(fd_, buf_.data() + buf_len_, chunk_ - buf_len_,
-                              static_cast<off_t>(at + static_cast<std::int64_t>(buf_len_)));
-        if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) break;  // end of file, or a file that cannot be read (a directory)
-        buf_len_ += static_cast<std::size_t>(got);
-    }
+    buf_len_ = read_at(fd_, buf_.data(), chunk_, at);
+    if (chunk_ == large_chunk && buf_len_ == chunk_) start_read_ahead();
     return buf_len_;
+}
+
+// The block read ahead becomes the buffer when it holds `at`; otherwise it is dropped.
+bool binary_file::take_read_ahead(std::int64_t at) {
+    if (!ahead_) return false;
+    if (ahead_->owner != ::getpid()) {
+        (void)ahead_.release();  // the forked copy of a helper that runs in the parent only
+        return false;
+    }
+    if (!ahead_->pending) return false;
+    const std::int64_t from = ahead_->at;
+    if (at < from || at >= from + static_cast<std::int64_t>(large_chunk)) {
+        ahead_->drop();
+        return false;
+    }
+    const std::size_t got = ahead_->take();
+    if (at >= from + static_cast<std::int64_t>(got)) return false;
+    buf_.swap(ahead_->block);
+    buf_at_ = from;
+    buf_len_ = got;
+    if (buf_len_ == large_chunk) start_read_ahead();
+    return true;
+}
+
+// Asks for the block after the buffer, starting the helper on first use; without a helper
+// (a thread cannot be made) reading goes on as before.
+void binary_file::start_read_ahead() {
+    if (!regular_ || buf_at_ + static_cast<std::int64_t>(buf_len_) >= size_) return;
+    if (!ahead_) {
+        ahead_ = std::make_unique<read_ahead>(fd_);
+        // The helper takes no signals: they stay with the threads of the program.
+        sigset_t all, saved;
+        ::sigfillset(&all);
+        ::pthread_sigmask(SIG_SETMASK, &all, &saved);
+        const int made = ::pthread_create(&ahead_->thread, nullptr, read_ahead::run, ahead_.get());
+        ::pthread_sigmask(SIG_SETMASK, &saved, nullptr);
+        if (made != 0) {
+            ahead_.reset();
+            return;
+        }
+    }
+    ahead_->ask(buf_at_ + static_cast<std::int64_t>(buf_len_));
+}
+
+void binary_file::stop_read_ahead() {
+    if (!ahead_) return;
+    if (ahead_->owner == ::getpid())
+        ahead_->stop();
+    else
+        (void)ahead_.release();
+    ahead_.reset();
 }
 
 // Moves past n bytes as reading them would: up to the end of the file at most.
@@ -81,7 +224,7 @@ std::size_t binary_file::read(void* dst, std::size_t cap, std::size_t n) {
             std::int64_t off = pos_ - buf_at_;
             if (off < 0 || off >= static_cast<std::int64_t>(buf_len_)) {
                 if (fill_from(pos_) == 0) break;
-                off = 0;
+                off = pos_ - buf_at_;
             }
             std::size_t take = std::min(through - done, buf_len_ - static_cast<std::size_t>(off));
             if (done < stored) {

@@ -2,17 +2,21 @@
 // a read that delivers fewer bytes than asked sets both; reading or positioning a failed
 // stream does nothing (a read then delivers 0 bytes); only clear() resets the states.
 // Reads go through one buffer whose refill size grows while access is sequential and
-// shrinks after a jump, so both a full walk and scattered fetches stay cheap.
+// shrinks after a jump, so both a full walk and scattered fetches stay cheap. Once a read
+// is sequential at the largest size, a helper thread reads the next block while the caller
+// works on the current one: copying from the page cache is half the cost of a walk over
+// records.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 class binary_file {
   public:
-    binary_file() = default;
+    binary_file();
     ~binary_file();
     binary_file(const binary_file&) = delete;
     binary_file& operator=(const binary_file&) = delete;
@@ -41,7 +45,12 @@ class binary_file {
     std::int64_t bytes_left() const { return pos_ < size_ ? size_ - pos_ : 0; }
 
   private:
+    struct read_ahead;
+
     std::size_t fill_from(std::int64_t at);
+    bool take_read_ahead(std::int64_t at);
+    void start_read_ahead();
+    void stop_read_ahead();
     std::size_t drop(std::size_t n);
 
     int fd_ = -1;
@@ -54,4 +63,5 @@ class binary_file {
     std::int64_t buf_at_ = 0;  // file offset of buf_[0]
     std::size_t buf_len_ = 0;
     std::size_t chunk_ = 0;
+    std::unique_ptr<read_ahead> ahead_;
 };

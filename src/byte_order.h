@@ -4,6 +4,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <vector>
@@ -30,8 +31,21 @@ void reverse_all(T&... fields) {
     ((fields = reversed(fields)), ...);
 }
 
+// Four values a step, as one 64-bit word whose byte pairs trade places: the plain loop,
+// which the compiler keeps scalar at -O2, took a fifth of the time of fetching a record.
+// Pairs sit at even offsets, so the masks do the same on a host of either order.
 inline void reverse_each(std::vector<std::uint16_t>& values) {
-    for (auto& v : values) v = reversed(v);
+    constexpr std::uint64_t low_bytes = 0x00FF00FF00FF00FFull;
+    auto* bytes = reinterpret_cast<unsigned char*>(values.data());
+    const std::size_t n = values.size();
+    std::size_t k = 0;
+    for (; k + 4 <= n; k += 4) {
+        std::uint64_t word;
+        std::memcpy(&word, bytes + 2 * k, sizeof word);
+        word = (word & low_bytes) << 8 | (word >> 8 & low_bytes);
+        std::memcpy(bytes + 2 * k, &word, sizeof word);
+    }
+    for (; k < n; ++k) values[k] = reversed(values[k]);
 }
 
 // Four bytes read as a big-endian number, whatever the host's order.

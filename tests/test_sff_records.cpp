@@ -3,12 +3,15 @@
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <sstream>
 #include <string>
 #include <tuple>
 #include <type_traits>
 #include <vector>
 
+#include "byte_order.h"
 #include "sff.h"
 #include "sff_builder.h"
 
@@ -46,6 +49,20 @@ TEST(SffRecords, CommonHeaderFromBigEndianBytes) {
     h.load(reinterpret_cast<const unsigned char*>(fixture::build_sff_header(layout).data()));
     h.var_endian_swap();
     EXPECT_EQ(header_line(h), ".sff\t0001\t72623859790382856\t168496141\t70000\t336\t4\t300\t-2\n");
+}
+
+// Flowgrams of every length around the four-values-a-step swap: each value turned once,
+// the tail included.
+TEST(SffRecords, FlowgramByteSwapEveryLength) {
+    for (std::size_t n = 0; n <= 9; ++n) {
+        std::vector<std::uint16_t> values(n), expected(n);
+        for (std::size_t k = 0; k < n; ++k) {
+            values[k] = static_cast<std::uint16_t>(0x0102 + 0x0202 * k);
+            expected[k] = static_cast<std::uint16_t>(0x0201 + 0x0202 * k);
+        }
+        byte_order::reverse_each(values);
+        EXPECT_EQ(values, expected) << n << " values";
+    }
 }
 
 TEST(SffRecords, KeptBaseRange) {
