@@ -144,6 +144,27 @@ py::array copy_array(const std::vector<T>& v) {
     return py::array_t<T>(static_cast<py::ssize_t>(v.size()), v.data());
 }
 
+// sorvexa.SffRecord is a plain extension type, not a pybind11 class: a record is made for
+// every read walked or fetched, and the plain type makes one, frees it and hands out its
+// attributes in about half the time. It owns its sff_record; numpy views keep it alive.
+struct record_object {
+    PyObject_HEAD sff_record* record;
+};
+
+PyTypeObject* record_type = nullptr;
+
+py::object wrap(std::unique_ptr<sff_record> r) {
+    if (!r) throw py::value_error("I/O operation on closed SffFile");
+    PyObject* o = record_type->tp_alloc(record_type, 0);
+    if (o == nullptr) throw py::error_already_set();
+    reinterpret_cast<record_object*>(o)->record = r.release();
+    return py::reinterpret_steal<py::object>(o);
+}
+
+const sff_record& rec(PyObject* self) {
+    return *reinterpret_cast<record_object*>(self)->record;
+}
+
 [[noreturn]] void raise_key_error(py::handle name) {
     PyErr_SetObject(PyExc_KeyError, name.ptr());
     throw py::error_already_set();
@@ -159,10 +180,10 @@ class record_walk {
   public:
     explicit record_walk(std::shared_ptr<const sff_header_info> f) : file_(std::move(f)) {}
 
-    std::unique_ptr<sff_record> next() {
+    py::object next() {
         {
             std::unique_lock lock(mutex_, std::try_to_lock);
-            if (lock.owns_lock() && !ready_.empty()) return pop();
+            if (lock.owns_lock() && !ready_.empty()) return wrap(pop());
         }
         std::unique_ptr<sff_record> out;
         library_result r = call_library([&] {
@@ -177,7 +198,7 @@ class record_walk {
         }
         raise_or_warn(r);
         if (!out) throw py::stop_iteration();
-        return out;
+        return wrap(std::move(out));
     }
 
   private:
@@ -301,7 +322,7 @@ class sff_file {
         return index_;
     }
 
-    std::unique_ptr<sff_record> fetch(std::int64_t pos) {
+    py::object fetch(std::int64_t pos) {
         check_open();
         if (pos < 0) throw py::value_error("a record offset is never negative");
         std::unique_ptr<sff_record> out;
@@ -316,10 +337,10 @@ class sff_file {
         });
         raise_or_warn(r);
         if (!out) check_open();
-        return out;
+        return wrap(std::move(out));
     }
 
-    std::unique_ptr<sff_record> get(const py::str& name) {
+    py::object get(const py::str& name) {
         const std::string key = bytes_of(name);
         const name_index* i = index().get();  // the file holds it as long as it lives
         auto found = i->map().find(key);
@@ -352,10 +373,6 @@ class sff_file {
     bool closed_ = false;
 };
 
-const sff_record& rec(py::handle self) {
-    return self.cast<const sff_record&>();
-}
-
 // The kept range as a slice of the bases: from the larger left clip to the smaller right
 // clip, as the library cuts it (an empty or inverted range gives an empty slice).
 py::slice kept_slice(const sff_record& r) {
@@ -370,84 +387,164 @@ py::slice kept_slice(const sff_record& r) {
     return py::slice(py::int_(first), py::int_(end), py::none());
 }
 
-}  // namespace
+// The attributes and methods of sorvexa.SffRecord. Each runs its body under `guarded`, which
+// turns a C++ exception (one of pybind11's, carrying a Python error) into the error the
+// interpreter expects from a type slot.
+template <class F>
+PyObject* guarded(F&& body) {
+    try {
+        return body().release().ptr();
+    } catch (py::error_already_set& e) {
+        e.restore();
+    } catch (const std::exception& e) {
+        PyErr_SetString(PyExc_RuntimeError, e.what());
+    }
+    return nullptr;
+}
 
-void bind_sff(py::module_& m) {
-    py::class_<sff_record, std::unique_ptr<sff_record>> record(m, "SffRecord", R"doc(
-One read record of an SFF file, as the file holds it (nothing cut).
+template <py::object (*F)(PyObject*)>
+PyObject* attribute(PyObject* self, void*) {
+    return guarded([&] { return F(self); });
+}
+
+py::object record_name(PyObject* self) {
+    return text({rec(self).name(), rec(self).name_size});
+}
+py::object record_offset(PyObject* self) {
+    return py::int_(rec(self).offset);
+}
+py::object record_bases(PyObject* self) {
+    return text({rec(self).base_chars(), rec(self).bases});
+}
+py::object record_qualities(PyObject* self) {
+    return view(rec(self).qualities(), rec(self).bases, self);
+}
+py::object record_flowgram(PyObject* self) {
+    return view(rec(self).flowgram(), rec(self).flows, self);
+}
+py::object record_flow_index(PyObject* self) {
+    return view(rec(self).flow_index(), rec(self).bases, self);
+}
+template <auto Member>
+py::object record_number(PyObject* self) {
+    return py::int_(rec(self).*Member);
+}
+py::object record_kept(PyObject* self) {
+    return kept_slice(rec(self));
+}
+py::object record_flow_chars(PyObject* self) {
+    return text(rec(self).file->flow_chars);
+}
+py::object record_key(PyObject* self) {
+    return text(rec(self).file->key);
+}
+
+PyGetSetDef record_attributes[] = {
+    {"name", attribute<record_name>, nullptr, "The read's name (all of its bytes).", nullptr},
+    {"offset", attribute<record_offset>, nullptr, "Byte offset of the record in its file.",
+     nullptr},
+    {"bases", attribute<record_bases>, nullptr,
+     "Every called base, key and clipped parts included, as stored (upper case).", nullptr},
+    {"qualities", attribute<record_qualities>, nullptr, "Phred quality of each base (numpy uint8).",
+     nullptr},
+    {"flowgram", attribute<record_flowgram>, nullptr,
+     "Every flow value of the read in hundredths, 101 meaning 1.01 (numpy uint16).", nullptr},
+    {"flow_index_per_base", attribute<record_flow_index>, nullptr,
+     "For each base, how many flows past the previous base's flow it was called (numpy "
+     "uint8); the running sum less one is the 0-based flow of the base.",
+     nullptr},
+    {"number_of_bases", attribute<record_number<&sff_record::number_of_bases>>, nullptr,
+     "The base count the record declares.", nullptr},
+    {"number_of_flows", attribute<record_number<&sff_record::number_of_flows>>, nullptr,
+     "Flows per read, as the file's header gives it.", nullptr},
+    {"clip_qual_left", attribute<record_number<&sff_record::clip_qual_left>>, nullptr,
+     "1-based first base kept by quality (0: none given).", nullptr},
+    {"clip_qual_right", attribute<record_number<&sff_record::clip_qual_right>>, nullptr,
+     "1-based last base kept by quality (0: none given).", nullptr},
+    {"clip_adapter_left", attribute<record_number<&sff_record::clip_adapter_left>>, nullptr,
+     "1-based first base after the adapter (0: none given).", nullptr},
+    {"clip_adapter_right", attribute<record_number<&sff_record::clip_adapter_right>>, nullptr,
+     "1-based last base before the adapter (0: none given).", nullptr},
+    {"kept", attribute<record_kept>, nullptr,
+     "The kept bases as a slice: from the larger left clip to the smaller right clip, so "
+     "that ``record.bases[record.kept]`` are the bases a run writes.",
+     nullptr},
+    {"flow_chars", attribute<record_flow_chars>, nullptr,
+     "The file's flow order, one letter per flow.", nullptr},
+    {"key", attribute<record_key>, nullptr,
+     "The file's key sequence (the first bases of every read).", nullptr},
+    {nullptr, nullptr, nullptr, nullptr, nullptr},
+};
+
+PyObject* record_kept_read(PyObject* self, PyObject*) {
+    return guarded([&] {
+        const seqRead s(rec(self).as_library_read());
+        return py::cast(kept_read{s.name, std::string(s.bases.begin(), s.bases.end()),
+                                  s.quality_scores, s.flow_indexes});
+    });
+}
+
+PyMethodDef record_methods[] = {
+    {"kept_read", record_kept_read, METH_NOARGS,
+     "kept_read()\n--\n\nThe read as a run writes it: its kept bases with their qualities "
+     "and the 0-based flow that called each\n(counted from the read's first flow, key "
+     "included), as a KeptRead."},
+    {nullptr, nullptr, 0, nullptr},
+};
+
+Py_ssize_t record_length(PyObject* self) {
+    return static_cast<Py_ssize_t>(rec(self).bases);
+}
+
+PyObject* record_repr(PyObject* self) {
+    return guarded([&] {
+        const sff_record& r = rec(self);
+        return text("<sorvexa.SffRecord " +
+                    py::repr(text({r.name(), r.name_size})).cast<std::string>() + ", " +
+                    std::to_string(r.bases) + " bases, " + std::to_string(r.flows) + " flows>");
+    });
+}
+
+void record_dealloc(PyObject* self) {
+    PyTypeObject* type = Py_TYPE(self);
+    delete reinterpret_cast<record_object*>(self)->record;
+    type->tp_free(self);
+    Py_DECREF(type);
+}
+
+constexpr const char* record_doc =
+    R"doc(One read record of an SFF file, as the file holds it (nothing cut).
 
 The array attributes are read-only numpy views on the record's own decoded data:
 reading them copies nothing; call ``.copy()`` on one to change it. A record whose counts
-run past the end of its file holds what the file has, zeros where it stops.
-)doc");
-    record
-        .def_property_readonly(
-            "name",
-            [](const sff_record& r) {
-                return text({r.name(), r.name_size});
-            },
-            "The read's name (all of its bytes).")
-        .def_readonly("offset", &sff_record::offset, "Byte offset of the record in its file.")
-        .def_property_readonly(
-            "bases",
-            [](const sff_record& r) {
-                return text({r.base_chars(), r.bases});
-            },
-            "Every called base, key and clipped parts included, as stored (upper case).")
-        .def_property_readonly(
-            "qualities",
-            [](py::handle self) { return view(rec(self).qualities(), rec(self).bases, self); },
-            "Phred quality of each base (numpy uint8).")
-        .def_property_readonly(
-            "flowgram",
-            [](py::handle self) { return view(rec(self).flowgram(), rec(self).flows, self); },
-            "Every flow value of the read in hundredths, 101 meaning 1.01 (numpy uint16).")
-        .def_property_readonly(
-            "flow_index_per_base",
-            [](py::handle self) { return view(rec(self).flow_index(), rec(self).bases, self); },
-            "For each base, how many flows past the previous base's flow it was called "
-            "(numpy uint8); the running sum less one is the 0-based flow of the base.")
-        .def_readonly("number_of_bases", &sff_record::number_of_bases,
-                      "The base count the record declares.")
-        .def_readonly("number_of_flows", &sff_record::number_of_flows,
-                      "Flows per read, as the file's header gives it.")
-        .def_readonly("clip_qual_left", &sff_record::clip_qual_left,
-                      "1-based first base kept by quality (0: none given).")
-        .def_readonly("clip_qual_right", &sff_record::clip_qual_right,
-                      "1-based last base kept by quality (0: none given).")
-        .def_readonly("clip_adapter_left", &sff_record::clip_adapter_left,
-                      "1-based first base after the adapter (0: none given).")
-        .def_readonly("clip_adapter_right", &sff_record::clip_adapter_right,
-                      "1-based last base before the adapter (0: none given).")
-        .def_property_readonly(
-            "kept", [](const sff_record& r) { return kept_slice(r); },
-            "The kept bases as a slice: from the larger left clip to the "
-            "smaller right clip, so that ``record.bases[record.kept]`` are the "
-            "bases a run writes.")
-        .def_property_readonly(
-            "flow_chars", [](const sff_record& r) { return text(r.file->flow_chars); },
-            "The file's flow order, one letter per flow.")
-        .def_property_readonly(
-            "key", [](const sff_record& r) { return text(r.file->key); },
-            "The file's key sequence (the first bases of every read).")
-        .def(
-            "kept_read",
-            [](const sff_record& r) {
-                const seqRead s(r.as_library_read());
-                return kept_read{s.name, std::string(s.bases.begin(), s.bases.end()),
-                                 s.quality_scores, s.flow_indexes};
-            },
-            "The read as a run writes it: its kept bases with their qualities and the "
-            "0-based flow that called each (counted from the read's first flow, key "
-            "included), as a KeptRead.")
-        .def(
-            "__len__", [](const sff_record& r) { return r.bases; },
-            "The number of bases the record holds.")
-        .def("__repr__", [](const sff_record& r) {
-            return "<sorvexa.SffRecord " +
-                   py::repr(text({r.name(), r.name_size})).cast<std::string>() + ", " +
-                   std::to_string(r.bases) + " bases, " + std::to_string(r.flows) + " flows>";
-        });
+run past the end of its file holds what the file has, zeros where it stops. Records come
+from an SffFile (iteration, ``f[name]``, ``record_at``); ``len(record)`` is the number of
+bases it holds.
+)doc";
+
+py::object make_record_type() {
+    PyType_Slot slots[] = {
+        {Py_tp_doc, const_cast<char*>(record_doc)},
+        {Py_tp_dealloc, reinterpret_cast<void*>(record_dealloc)},
+        {Py_tp_repr, reinterpret_cast<void*>(record_repr)},
+        {Py_tp_getset, record_attributes},
+        {Py_tp_methods, record_methods},
+        {Py_sq_length, reinterpret_cast<void*>(record_length)},
+        {0, nullptr},
+    };
+    // Made only by the module: a record without its data cannot be made from Python.
+    PyType_Spec spec = {"sorvexa.SffRecord", sizeof(record_object), 0,
+                        Py_TPFLAGS_DEFAULT | Py_TPFLAGS_DISALLOW_INSTANTIATION, slots};
+    auto type = py::reinterpret_steal<py::object>(PyType_FromSpec(&spec));
+    if (!type) throw py::error_already_set();
+    record_type = reinterpret_cast<PyTypeObject*>(type.ptr());
+    return type;
+}
+
+}  // namespace
+
+void bind_sff(py::module_& m) {
+    m.attr("SffRecord") = make_record_type();
 
     py::class_<kept_read>(m, "KeptRead", "A read cut to its kept bases, as a run writes it.")
         .def_property_readonly(

@@ -142,6 +142,9 @@ def test_records_are_read_only_views_that_outlive_their_file(tmp_path):
     assert flows.base is not None and not flows.flags.writeable
     with pytest.raises(ValueError):
         flows[0] = 1
+    # Records come only from a file: one without its data cannot be made.
+    with pytest.raises(TypeError):
+        sorvexa.SffRecord()
 
 
 def test_kept_range_and_lookup_by_name(tmp_path):
