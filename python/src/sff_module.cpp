@@ -533,9 +533,9 @@ py::object make_record_type() {
         {0, nullptr},
     };
     // Made only by the module: a record without its data cannot be made from Python.
-    PyType_Spec spec = {"sorvexa.SffRecord", sizeof(record_object), 0,
-                        Py_TPFLAGS_DEFAULT | Py_TPFLAGS_DISALLOW_INSTANTIATION, slots};
-    auto type = py::reinterpret_steal<py::object>(PyType_FromSpec(&spec));
+    PyType_Spec layout = {"sorvexa.SffRecord", sizeof(record_object), 0,
+                          Py_TPFLAGS_DEFAULT | Py_TPFLAGS_DISALLOW_INSTANTIATION, slots};
+    auto type = py::reinterpret_steal<py::object>(PyType_FromSpec(&layout));
     if (!type) throw py::error_already_set();
     record_type = reinterpret_cast<PyTypeObject*>(type.ptr());
     return type;
