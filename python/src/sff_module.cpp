@@ -532,12 +532,20 @@ py::object make_record_type() {
         {Py_sq_length, reinterpret_cast<void*>(record_length)},
         {0, nullptr},
     };
-    // Made only by the module: a record without its data cannot be made from Python.
-    PyType_Spec layout = {"sorvexa.SffRecord", sizeof(record_object), 0,
-                          Py_TPFLAGS_DEFAULT | Py_TPFLAGS_DISALLOW_INSTANTIATION, slots};
+    // Made only by the module: a record without its data cannot be made from Python (before
+    // Python 3.10, whose flag says so, by taking the inherited constructor away).
+#ifdef Py_TPFLAGS_DISALLOW_INSTANTIATION
+    constexpr unsigned int flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_DISALLOW_INSTANTIATION;
+#else
+    constexpr unsigned int flags = Py_TPFLAGS_DEFAULT;
+#endif
+    PyType_Spec layout = {"sorvexa.SffRecord", sizeof(record_object), 0, flags, slots};
     auto type = py::reinterpret_steal<py::object>(PyType_FromSpec(&layout));
     if (!type) throw py::error_already_set();
     record_type = reinterpret_cast<PyTypeObject*>(type.ptr());
+#ifndef Py_TPFLAGS_DISALLOW_INSTANTIATION
+    record_type->tp_new = nullptr;
+#endif
     return type;
 }
 
