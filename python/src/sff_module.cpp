@@ -12,6 +12,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -148,7 +149,8 @@ py::array copy_array(const std::vector<T>& v) {
 // every read walked or fetched, and the plain type makes one, frees it and hands out its
 // attributes in about half the time. It owns its sff_record; numpy views keep it alive.
 struct record_object {
-    PyObject_HEAD sff_record* record;
+    PyObject ob_base;  // what PyObject_HEAD declares
+    sff_record* record;
 };
 
 PyTypeObject* record_type = nullptr;
@@ -396,6 +398,8 @@ PyObject* guarded(F&& body) {
         return body().release().ptr();
     } catch (py::error_already_set& e) {
         e.restore();
+    } catch (const std::bad_alloc&) {
+        PyErr_NoMemory();
     } catch (const std::exception& e) {
         PyErr_SetString(PyExc_RuntimeError, e.what());
     }
