@@ -156,12 +156,7 @@ std::size_t binary_file::fill_from(std::int64_t at) {
 
 // The block read ahead becomes the buffer when it holds `at`; otherwise it is dropped.
 bool binary_file::take_read_ahead(std::int64_t at) {
-    if (!ahead_) return false;
-    if (ahead_->owner != ::getpid()) {
-        (void)ahead_.release();  // the forked copy of a helper that runs in the parent only
-        return false;
-    }
-    if (!ahead_->pending) return false;
+    if (!ahead_ || !ahead_->pending || !own_helper()) return false;
     const std::int64_t from = ahead_->at;
     if (at < from || at >= from + static_cast<std::int64_t>(large_chunk)) {
         ahead_->drop();
@@ -180,7 +175,7 @@ bool binary_file::take_read_ahead(std::int64_t at) {
 // (a thread cannot be made) reading goes on as before.
 void binary_file::start_read_ahead() {
     if (!regular_ || buf_at_ + static_cast<std::int64_t>(buf_len_) >= size_) return;
-    if (!ahead_) {
+    if (!own_helper()) {
         ahead_ = std::make_unique<read_ahead>(fd_);
         // The helper takes no signals: they stay with the threads of the program.
         sigset_t all, saved;
@@ -197,12 +192,16 @@ void binary_file::start_read_ahead() {
 }
 
 void binary_file::stop_read_ahead() {
-    if (!ahead_) return;
-    if (ahead_->owner == ::getpid())
-        ahead_->stop();
-    else
-        (void)ahead_.release();
+    if (own_helper()) ahead_->stop();
     ahead_.reset();
+}
+
+// Whether there is a helper of this process. A process forked from the one that made it has
+// a copy without the thread: that copy is let go, never waited on or asked again. Checked
+// only where the helper is used (once a block), not on every refill.
+bool binary_file::own_helper() {
+    if (ahead_ && ahead_->owner != ::getpid()) (void)ahead_.release();
+    return ahead_ != nullptr;
 }
 
 // Moves past n bytes as reading them would: up to the end of the file at most.

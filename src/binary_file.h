@@ -51,6 +51,7 @@ class binary_file {
     bool take_read_ahead(std::int64_t at);
     void start_read_ahead();
     void stop_read_ahead();
+    bool own_helper();
     std::size_t drop(std::size_t n);
 
     int fd_ = -1;
