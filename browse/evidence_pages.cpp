@@ -144,7 +144,7 @@ response calls_vcf(const site& s, std::size_t contig, std::string_view, const re
     response r;
     r.content_type = "text/plain; charset=utf-8";
     append_vcf_header(r.body, "sorvexa-browse", consensus_file(s.ace.ace_path),
-                      {{name, static_cast<std::int64_t>(e->unpadded.size())}});
+                      {{name, static_cast<std::int64_t>(e->unpadded.size()), e->check.coverage()}});
     append_vcf_records(r.body, name, e->unpadded, e->edits, e->check);
     r.attachment = file_name_for(name) + ".flowcheck.vcf";
     return r;
@@ -161,7 +161,8 @@ response calls_tsv(const site& s, std::size_t contig, std::string_view, const re
     std::vector<char> applied(e->check.runs.size(), 0);
     for (const consensus_edit& edit : e->edits) applied[static_cast<std::size_t>(edit.run)] = 1;
     for (std::size_t i = 0; i < e->check.runs.size(); ++i)
-        if (applied[i]) append_tsv_line(r.body, name, e->check.runs[i]);
+        if (applied[i])
+            append_tsv_line(r.body, name, e->check.runs[i], run_filter(e->check, e->check.runs[i]));
     r.attachment = file_name_for(name) + ".flowcheck.tsv";
     return r;
 }

@@ -8,7 +8,9 @@
 #include <chrono>
 #include <cmath>
 #include <cstdint>
+#include <fstream>
 #include <iostream>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -41,19 +43,27 @@ std::string usage_text() {
     return "Usage: sorvexa-flowcheck [options] aceFile sffFile ...\n"
            "Checks every homopolymer run of the assembly's consensus against the flow values its\n"
            "reads measured, and writes PREFIX.flowcheck.vcf, PREFIX.flowcheck.tsv,\n"
-           "PREFIX.consensus.fa and PREFIX.polished.fa.\n"
+           "PREFIX.flowcheck.model.tsv, PREFIX.consensus.fa and PREFIX.polished.fa. The flow\n"
+           "values' spread per SFF file and run length is fitted to the assembly's own signals.\n"
            "\n"
            "  -o PREFIX          output prefix (default: the ACE path cut before its .ace)\n"
+           "  --min-qual Q       lowest phred quality of a call, and of the length of a run\n"
+           "                     that counts as tested (default " +
+           fixed2(d.min_qual, 0) +
+           ")\n"
            "  --min-signals N    fewest signals a run needs to be weighed (default " +
            std::to_string(d.min_signals) +
            ")\n"
-           "  --min-score S      lowest score (log-likelihood ratio) of a call (default " +
+           "  --min-score S      lowest log-likelihood ratio of a call (default " +
            fixed2(d.min_score, 0) +
            ")\n"
-           "  --sigma-base A     model: spread of a flow value at run length 0 (default " +
+           "  --model FILE       use the model in FILE (a PREFIX.flowcheck.model.tsv) instead\n"
+           "                     of fitting one\n"
+           "  --sigma-base A     use the fixed model N(n, A + B n) instead of fitting one, with\n"
+           "                     this spread at run length 0 (default " +
            fixed2(d.model.sigma_base, 2) +
            ")\n"
-           "  --sigma-slope B    model: growth of that spread per base of run length (default " +
+           "  --sigma-slope B    the fixed model's growth of the spread per base (default " +
            fixed2(d.model.sigma_slope, 2) +
            ")\n"
            "  --all              list every weighed run in the TSV, not only the calls\n"
@@ -63,6 +73,8 @@ std::string usage_text() {
 
 struct options {
     std::string prefix;
+    std::string model_path;
+    bool fixed_model = false;
     flow_check check;
     bool all = false;
     bool help = false, version = false;
@@ -113,6 +125,7 @@ int parse_options(int argc, char** argv, options& o) {
             return true;
         };
         const bool takes_value = arg == "-o" || arg == "--min-signals" || arg == "--min-score" ||
+                                 arg == "--min-qual" || arg == "--model" ||
                                  arg == "--sigma-base" || arg == "--sigma-slope";
         if (!takes_value && inline_value) return usage_error("option " + arg + " takes no value");
         if (arg == "-h" || arg == "--help") {
@@ -135,16 +148,27 @@ int parse_options(int argc, char** argv, options& o) {
         } else if (arg == "--min-score") {
             if (!parse_double(value, o.check.min_score) || o.check.min_score < 0)
                 return usage_error("--min-score takes a number of at least 0, not '" + value + "'");
+        } else if (arg == "--min-qual") {
+            if (!parse_double(value, o.check.min_qual) || o.check.min_qual < 0)
+                return usage_error("--min-qual takes a number of at least 0, not '" + value + "'");
+        } else if (arg == "--model") {
+            if (value.empty()) return usage_error("option --model needs a file name");
+            o.model_path = value;
         } else if (arg == "--sigma-base") {
+            o.fixed_model = true;
             if (!parse_double(value, o.check.model.sigma_base) || o.check.model.sigma_base <= 0)
                 return usage_error("--sigma-base takes a number above 0, not '" + value + "'");
-        } else if (!parse_double(value, o.check.model.sigma_slope) ||
-                   o.check.model.sigma_slope < 0) {
-            return usage_error("--sigma-slope takes a number of at least 0, not '" + value + "'");
+        } else {
+            o.fixed_model = true;
+            if (!parse_double(value, o.check.model.sigma_slope) || o.check.model.sigma_slope < 0)
+                return usage_error("--sigma-slope takes a number of at least 0, not '" + value +
+                                   "'");
         }
     }
     if (o.help || o.version) return 0;
     if (o.operands.size() < 2) return usage_error("needs an ACE file and at least one SFF file");
+    if (o.fixed_model && !o.model_path.empty())
+        return usage_error("--model and the fixed model's --sigma options exclude each other");
     return 0;
 }
 
@@ -156,7 +180,7 @@ std::string output_prefix(const std::string& ace_path) {
 }
 
 struct totals {
-    std::int64_t contigs = 0, tested = 0, called = 0;
+    std::int64_t contigs = 0, runs = 0, tested = 0, called = 0, passed = 0;
     tie_counts reads;
 };
 
@@ -192,32 +216,63 @@ int flowcheck_main(int argc, char** argv) {
     const std::string prefix = opt.prefix.empty() ? output_prefix(ace_path) : opt.prefix;
     read_lookup lookup;
     lookup.index_files(std::vector<std::string>(opt.operands.begin() + 1, opt.operands.end()));
+    flow_check& check = opt.check;
+    std::string model_note;
+    if (!opt.model_path.empty()) {
+        std::ifstream in(opt.model_path, std::ios::binary);
+        std::ostringstream text;
+        text << in.rdbuf();
+        std::string why;
+        if (!in || !check.models.parse_tsv(text.str(), lookup.sff_names, why)) {
+            std::cerr << program << ": "
+                      << (why.empty() ? "can not read model file " + opt.model_path
+                                      : opt.model_path + ": " + why)
+                      << std::endl;
+            return 1;
+        }
+        model_note = "read from " + opt.model_path;
+    } else if (opt.fixed_model) {
+        check.models.set_fixed(check.model, lookup.sff_names.size());
+        check.models.files = lookup.sff_names;
+        model_note = "fixed";
+    } else {
+        // The fit reads the assembly's first contigs once more than the check does: a bounded
+        // sample, so that a whole run's signals need not be held.
+        aceReader sample(ace_path);
+        check.calibrate([&sample](contig& c) { return sample.next_contig(c) != 0; }, lookup);
+        model_note = "fitted: " + describe_models(check.models);
+    }
     aceReader ace(ace_path);
 
     const std::string vcf_path = prefix + ".flowcheck.vcf", tsv_path = prefix + ".flowcheck.tsv";
+    const std::string model_path = prefix + ".flowcheck.model.tsv";
     const std::string consensus_path = prefix + ".consensus.fa";
     const std::string polished_path = prefix + ".polished.fa";
     // A smaller buffer than the default: these files take a contig's text at a time.
     constexpr std::size_t buffer = 64 << 10;
-    output_file vcf(vcf_path, buffer), tsv(tsv_path, buffer), consensus_fa(consensus_path, buffer),
-        polished_fa(polished_path, buffer);
-    for (const auto* f : {&vcf, &tsv, &consensus_fa, &polished_fa}) {
+    output_file vcf(vcf_path, buffer), tsv(tsv_path, buffer), model_tsv(model_path, buffer),
+        consensus_fa(consensus_path, buffer), polished_fa(polished_path, buffer);
+    for (const auto* f : {&vcf, &tsv, &model_tsv, &consensus_fa, &polished_fa}) {
         if (f->is_open()) continue;
         const std::string& path = f == &vcf            ? vcf_path
                                   : f == &tsv          ? tsv_path
+                                  : f == &model_tsv    ? model_path
                                   : f == &consensus_fa ? consensus_path
                                                        : polished_path;
         std::cerr << "can not open file " << path << std::endl;
         return 1;
     }
 
-    flow_check& check = opt.check;
     totals t;
     progress shown;
     std::vector<vcf_contig> contigs;
     std::string records, text;
+    check.models.append_tsv(text);
+    model_tsv.text(text);
+    text.clear();
     append_tsv_header(text);
     tsv.text(text);
+    std::vector<std::string> unchecked;
     for (;;) {
         contig c;
         if (ace.next_contig(c) == 0) break;
@@ -226,19 +281,25 @@ int flowcheck_main(int argc, char** argv) {
         const std::string unpadded = unpadded_consensus(c);
         std::vector<consensus_edit> edits;
         check.edits(unpadded, edits);
-        contigs.push_back({c.name, static_cast<std::int64_t>(unpadded.size())});
+        const contig_coverage coverage = check.coverage();
+        contigs.push_back({c.name, static_cast<std::int64_t>(unpadded.size()), coverage});
         append_vcf_records(records, c.name, unpadded, edits, check);
+        if (coverage.unchecked()) unchecked.push_back(c.name);
+        t.runs += coverage.runs;
+        t.tested += coverage.tested;
 
         text.clear();
+        append_tsv_coverage(text, c.name, coverage);
         std::vector<char> applied(check.runs.size(), 0);
         for (const consensus_edit& e : edits) applied[static_cast<std::size_t>(e.run)] = 1;
         for (std::size_t i = 0; i < check.runs.size(); ++i) {
             const hp_run& r = check.runs[i];
-            if (check.tested(r)) ++t.tested;
-            if (applied[i] || (opt.all && check.tested(r))) append_tsv_line(text, c.name, r);
+            if (applied[i] || (opt.all && check.tested(r)))
+                append_tsv_line(text, c.name, r, run_filter(check, r));
         }
         tsv.text(text);
         t.called += static_cast<std::int64_t>(edits.size());
+        for (const consensus_edit& e : edits) t.passed += e.pass ? 1 : 0;
         text.clear();
         append_fasta(text, c.name, unpadded);
         consensus_fa.text(text);
@@ -257,11 +318,22 @@ int flowcheck_main(int argc, char** argv) {
         slash == std::string::npos ? consensus_path : consensus_path.substr(slash + 1), contigs);
     vcf.text(text);
     vcf.text(records);
-    for (auto* f : {&vcf, &tsv, &consensus_fa, &polished_fa}) f->close();
+    for (auto* f : {&vcf, &tsv, &model_tsv, &consensus_fa, &polished_fa}) f->close();
 
-    std::cerr << program << ": " << t.contigs << " contigs, " << t.tested << " runs tested, "
-              << t.called << " called different; reads: " << t.reads.tied << " tied, "
-              << t.reads.untied << " untied, " << t.reads.not_found << " in no SFF file"
-              << std::endl;
+    std::cerr << program << ": " << t.contigs << " contigs (" << unchecked.size()
+              << " unchecked), " << t.tested << " of " << t.runs << " runs tested, " << t.called
+              << " called different (" << t.passed << " pass); reads: " << t.reads.tied
+              << " tied, " << t.reads.untied << " untied, " << t.reads.not_found
+              << " in no SFF file\n";
+    if (!unchecked.empty()) {
+        // A long list would bury the summary; the TSV names every contig's coverage.
+        constexpr std::size_t kNamed = 10;
+        std::cerr << program << ": unchecked (under half the reads tied or the runs tested):";
+        for (std::size_t i = 0; i < std::min(kNamed, unchecked.size()); ++i)
+            std::cerr << ' ' << unchecked[i];
+        if (unchecked.size() > kNamed) std::cerr << " and " << unchecked.size() - kNamed << " more";
+        std::cerr << '\n';
+    }
+    std::cerr << program << ": model " << model_note << std::endl;
     return 0;
 }

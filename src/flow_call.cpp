@@ -4,42 +4,35 @@
 #include <cmath>
 #include <numeric>
 #include <set>
+#include <tuple>
 #include <utility>
 
 #include "flowcheck.h"
 
-double flow_model::log_likelihood(std::int32_t n, double k, double s1, double s2) const {
-    // A model with no spread at some length would make every likelihood infinite; a tiny
-    // floor keeps the comparison finite and still decisive.
-    const double sd = std::max(sigma(n), 1e-6);
-    const double nd = n;
-    return -k * std::log(sd) - (s2 - 2.0 * nd * s1 + k * nd * nd) / (2.0 * sd * sd);
-}
-
-// The most likely length, the consensus length winning ties, and its log-likelihood ratio
-// against the consensus length. Above the largest value v, every value lies further from n,
-// in units of sigma(n), as n grows ((n - v) / (a + b n) grows with n), and sigma(n) grows
-// too, so no length above v can be more likely: the search stops at v rounded up.
+// The values are grouped by run in one counting pass, keeping each run's values in the order
+// the reads gave them, so that a run's call does not depend on how the reads were fetched
+// beyond that order.
 void flow_check::call_runs() {
-    for (hp_run& r : runs) {
-        r.called_length = r.consensus_length;
-        r.score = 0.0;
-        if (r.signals == 0) continue;
-        const double k = r.signals;
-        const double s1 = static_cast<double>(r.sum) / 100.0;
-        const double s2 = static_cast<double>(r.sum_squares) / 10000.0;
-        const double at_consensus = model.log_likelihood(r.consensus_length, k, s1, s2);
-        double best = at_consensus;
-        const std::int32_t top = (r.max_value + 99) / 100;
-        for (std::int32_t n = 0; n <= top; ++n) {
-            if (n == r.consensus_length) continue;
-            const double ll = model.log_likelihood(n, k, s1, s2);
-            if (ll > best) {
-                best = ll;
-                r.called_length = n;
-            }
-        }
-        r.score = best - at_consensus;
+    if (models.pooled.empty()) models.set_fixed(model, 0);
+    std::vector<std::int64_t> next(runs.size() + 1, 0);
+    for (const auto& entry : found) ++next[static_cast<std::size_t>(entry.first) + 1];
+    for (std::size_t i = 0; i < runs.size(); ++i) {
+        next[i + 1] += next[i];
+        runs[i].first_value = next[i];
+    }
+    values.resize(found.size());
+    for (const auto& [run, v] : found) values[static_cast<std::size_t>(next[static_cast<std::size_t>(run)]++)] = v;
+    // next[i] is now where run i's values end.
+    for (std::size_t i = 0; i < runs.size(); ++i) {
+        hp_run& r = runs[i];
+        const run_call c = call_values(models, values.data() + r.first_value,
+                                       static_cast<std::size_t>(next[i] - r.first_value),
+                                       r.consensus_length, min_signals);
+        r.called_length = c.called;
+        r.score = c.score;
+        r.qual = static_cast<float>(c.qual);
+        r.confidence = static_cast<float>(c.confidence);
+        r.strand_conflict = c.strand_conflict;
     }
 }
 
@@ -64,10 +57,11 @@ void flow_check::check_contig(const contig& c, const std::vector<std::string>& s
     std::vector<std::vector<wanted_read>> wanted(sff_paths.size());
     std::int64_t pos = 0;
     std::int32_t number = 0;
+    reads = tie_counts{};
     for (const auto& [name, read] : c.reads) {
         const int k = find(name, pos);
         if (k < 0 || static_cast<std::size_t>(k) >= sff_paths.size()) {
-            ++counts.not_found;
+            ++reads.not_found;
         } else {
             wanted[static_cast<std::size_t>(k)].push_back({pos, &read, number});
         }
@@ -82,15 +76,82 @@ void flow_check::check_contig(const contig& c, const std::vector<std::string>& s
                                      rd.header_p2.flow_chars.size());
         for (const wanted_read& w : wanted[k]) {
             if (rd.get_record(w.pos) && tie_read(*w.read, rd.cur_read, flows, t)) {
+                // The reads of more files than a number can tell apart share the last's model.
+                t.file = static_cast<std::uint16_t>(std::min<std::size_t>(k, UINT16_MAX));
                 add_read(c, *w.read, t, w.number);
                 if (tied != nullptr) (*tied)[w.read->name] = t;
-                ++counts.tied;
+                ++reads.tied;
             } else {
-                ++counts.untied;
+                ++reads.untied;
             }
         }
     }
+    counts.tied += reads.tied;
+    counts.untied += reads.untied;
+    counts.not_found += reads.not_found;
     call_runs();
+}
+
+void flow_check::calibrate(const contig_source& next, const read_lookup& lookup) {
+    calibrate(
+        next, lookup.sff_names,
+        [&lookup](const std::string& name, std::int64_t& pos) { return lookup.find(name, pos); });
+}
+
+// The sample is checked under the fixed model: its calls only matter for the refit, which
+// makes its own.
+void flow_check::calibrate(const contig_source& next, const std::vector<std::string>& sff_paths,
+                           const read_finder& find, std::int64_t max_values) {
+    flow_check probe;
+    probe.model = model;
+    probe.min_signals = min_signals;
+    probe.min_qual = min_qual;
+    flow_sample sample;
+    sample.max_values = max_values;
+    tie_counts ignored;
+    while (!sample.full()) {
+        contig c;
+        if (!next(c)) break;
+        probe.check_contig(c, sff_paths, find, ignored);
+        probe.add_to(sample);
+    }
+    fit_options o;
+    o.fallback = model;
+    o.min_qual = min_qual;
+    o.min_strand = min_signals;
+    fit_flow_models(sample, sff_paths, o, models);
+}
+
+void flow_check::add_to(flow_sample& sample) const {
+    // Longer runs than this are too few to shape the prior.
+    constexpr std::size_t kSpectrum = 64;
+    for (const hp_run& r : runs) {
+        if (r.consensus_length <= 0) continue;
+        const auto n = std::min(static_cast<std::size_t>(r.consensus_length), kSpectrum);
+        if (sample.spectrum.size() <= n) sample.spectrum.resize(n + 1, 0.0);
+        sample.spectrum[n] += 1.0;
+    }
+    for (std::size_t i = 0; i < runs.size(); ++i) {
+        const hp_run& r = runs[i];
+        const std::int64_t end = i + 1 < runs.size() ? runs[i + 1].first_value
+                                                     : static_cast<std::int64_t>(values.size());
+        if (end <= r.first_value) continue;
+        sample.runs.push_back({r.consensus_length, static_cast<std::int32_t>(end - r.first_value),
+                               static_cast<std::int64_t>(sample.values.size())});
+        sample.values.insert(sample.values.end(), values.begin() + r.first_value,
+                             values.begin() + end);
+    }
+}
+
+contig_coverage flow_check::coverage() const {
+    contig_coverage c;
+    c.reads = reads;
+    for (const hp_run& r : runs) {
+        if (r.consensus_length <= 0) continue;
+        ++c.runs;
+        if (tested(r)) ++c.tested;
+    }
+    return c;
 }
 
 namespace {
@@ -123,15 +184,18 @@ void flow_check::edits(const std::string& unpadded, std::vector<consensus_edit>&
             x = static_cast<char>(std::tolower(static_cast<unsigned char>(x)));
         e.bases.assign(static_cast<std::size_t>(r.called_length), x);
         e.run = static_cast<std::int32_t>(i);
+        e.pass = passes(r);
         wanted.push_back(std::move(e));
     }
     // The strongest calls first; a weaker one that collides with a kept one is dropped.
     std::vector<std::size_t> order(wanted.size());
     std::iota(order.begin(), order.end(), std::size_t{0});
-    std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
-        return runs[static_cast<std::size_t>(wanted[a].run)].score >
-               runs[static_cast<std::size_t>(wanted[b].run)].score;
-    });
+    auto strength = [&](std::size_t w) {
+        const hp_run& r = runs[static_cast<std::size_t>(wanted[w].run)];
+        return std::make_tuple(wanted[w].pass, r.qual, r.score);
+    };
+    std::stable_sort(order.begin(), order.end(),
+                     [&](std::size_t a, std::size_t b) { return strength(a) > strength(b); });
     std::map<edit_key, std::size_t> kept;
     for (std::size_t w : order) {
         const consensus_edit& e = wanted[w];
@@ -159,6 +223,7 @@ std::string apply_edits(const std::string& unpadded, const std::vector<consensus
     out.reserve(unpadded.size() + edits.size());
     std::size_t at = 0;
     for (const consensus_edit& e : edits) {
+        if (!e.pass) continue;
         out.append(unpadded, at, static_cast<std::size_t>(e.begin) - at);
         out += e.bases;
         at = static_cast<std::size_t>(e.end);

@@ -1,4 +1,5 @@
 // The texts that report the calls (VCF, TSV) and the consensus before and after them (FASTA).
+#include <algorithm>
 #include <charconv>
 
 #include "flowcheck.h"
@@ -46,13 +47,25 @@ void append_record(std::string& out, std::string_view contig_name, const std::st
                static_cast<std::size_t>(rec.last - rec.first + 1));
     out += '\t';
     out += rec.alt;
-    out += "\t.\tPASS\t";
+    // The record's runs were called together: it is as sure as its surest run, and filtered
+    // when any of them is.
+    double qual = 0.0;
+    bool pass = true;
+    for (std::int32_t i : rec.runs) {
+        const hp_run& r = check.runs[static_cast<std::size_t>(i)];
+        qual = std::max(qual, static_cast<double>(r.qual));
+        pass = pass && check.passes(r);
+    }
+    out += '\t';
+    put_fixed(out, qual);
+    out += pass ? "\tPASS\t" : "\tStrandConflict\t";
     info_list(out, "DP", rec, check, [&](const hp_run& r) { put(out, r.signals); });
     info_list(out, ";FWD", rec, check, [&](const hp_run& r) { put(out, r.forward); });
     info_list(out, ";REV", rec, check, [&](const hp_run& r) { put(out, r.reverse()); });
     info_list(out, ";CL", rec, check, [&](const hp_run& r) { put(out, r.consensus_length); });
     info_list(out, ";HL", rec, check, [&](const hp_run& r) { put(out, r.called_length); });
     info_list(out, ";SC", rec, check, [&](const hp_run& r) { put_fixed(out, r.score); });
+    info_list(out, ";CQ", rec, check, [&](const hp_run& r) { put_fixed(out, r.confidence); });
     out += '\n';
 }
 
@@ -82,6 +95,29 @@ void append_vcf_header(std::string& out, std::string_view source, std::string_vi
         put(out, c.length);
         out += ">\n";
     }
+    // What the reads weighed of each contig, so that a contig without calls is not taken
+    // for a clean one when it was hardly checked.
+    for (const vcf_contig& c : contigs) {
+        out += "##flowcheck_coverage=<ID=";
+        out += c.name;
+        out += ",Reads=";
+        put(out, c.coverage.reads.tied + c.coverage.reads.untied + c.coverage.reads.not_found);
+        out += ",Tied=";
+        put(out, c.coverage.reads.tied);
+        out += ",Untied=";
+        put(out, c.coverage.reads.untied);
+        out += ",NotFound=";
+        put(out, c.coverage.reads.not_found);
+        out += ",Runs=";
+        put(out, c.coverage.runs);
+        out += ",Tested=";
+        put(out, c.coverage.tested);
+        out += c.coverage.unchecked() ? ",Status=unchecked>\n" : ",Status=checked>\n";
+    }
+    out +=
+        "##FILTER=<ID=PASS,Description=\"All filters passed\">\n"
+        "##FILTER=<ID=StrandConflict,Description=\"Forward and complemented reads, each with "
+        "enough signals, call different lengths\">\n";
     out +=
         "##INFO=<ID=DP,Number=.,Type=Integer,Description=\"Reads whose flows gave a signal for "
         "the run\">\n"
@@ -93,6 +129,8 @@ void append_vcf_header(std::string& out, std::string_view source, std::string_vi
         "call\">\n"
         "##INFO=<ID=SC,Number=.,Type=Float,Description=\"Log-likelihood ratio (natural log) of "
         "the called length against the consensus length\">\n"
+        "##INFO=<ID=CQ,Number=.,Type=Float,Description=\"Phred-scaled probability that the "
+        "called length is wrong\">\n"
         "#CHROM\tPOS\tID\tREF\tALT\tQUAL\tFILTER\tINFO\n";
 }
 
@@ -131,10 +169,11 @@ void append_vcf_records(std::string& out, std::string_view contig_name, const st
 void append_tsv_header(std::string& out) {
     out +=
         "contig\tcolumn\tposition\tletter\tconsensus_length\tcalled_length\tsignals\tforward\t"
-        "reverse\tmean_signal\tscore\n";
+        "reverse\tmean_signal\tscore\tqual\tconfidence\tfilter\n";
 }
 
-void append_tsv_line(std::string& out, std::string_view contig_name, const hp_run& r) {
+void append_tsv_line(std::string& out, std::string_view contig_name, const hp_run& r,
+                     std::string_view filter) {
     out += contig_name;
     for (std::int64_t v : {std::int64_t{r.column}, std::int64_t{r.position}}) {
         out += '\t';
@@ -151,5 +190,42 @@ void append_tsv_line(std::string& out, std::string_view contig_name, const hp_ru
     put_fixed(out, r.mean_signal());
     out += '\t';
     put_fixed(out, r.score);
+    out += '\t';
+    put_fixed(out, r.qual);
+    out += '\t';
+    put_fixed(out, r.confidence);
+    out += '\t';
+    out += filter;
     out += '\n';
+}
+
+std::string describe_coverage(const contig_coverage& c) {
+    std::string out;
+    put(out, c.reads.tied + c.reads.untied + c.reads.not_found);
+    out += " reads (";
+    put(out, c.reads.tied);
+    out += " tied, ";
+    put(out, c.reads.untied);
+    out += " untied, ";
+    put(out, c.reads.not_found);
+    out += " in no SFF file), ";
+    put(out, c.tested);
+    out += " of ";
+    put(out, c.runs);
+    out += c.unchecked() ? " runs tested: unchecked" : " runs tested: checked";
+    return out;
+}
+
+void append_tsv_coverage(std::string& out, std::string_view contig_name,
+                         const contig_coverage& c) {
+    out += "# ";
+    out += contig_name;
+    out += ": ";
+    out += describe_coverage(c);
+    out += '\n';
+}
+
+std::string_view run_filter(const flow_check& check, const hp_run& r) {
+    if (!check.differs(r)) return ".";
+    return check.passes(r) ? "PASS" : "StrandConflict";
 }

@@ -50,6 +50,8 @@ bool run_order(const hp_run& a, const hp_run& b) {
 void flow_check::create_runs(const contig& c) {
     runs.clear();
     signals.clear();
+    found.clear();
+    values.clear();
     const auto L = static_cast<std::int32_t>(
         std::min<std::size_t>(c.consensus.size(), static_cast<std::size_t>(INT32_MAX - 1)));
     auto at = [&](std::int32_t column) {
@@ -217,6 +219,8 @@ void flow_check::add_read(const contig& c, const READ& read, const tied_read& t,
             value = t.flowgram[static_cast<std::size_t>(flow)];
         }
         r.add(value, t.complemented);
+        found.push_back({static_cast<std::int32_t>(it - runs.begin()),
+                         run_value{value, t.file, t.complemented}});
         if (keep_signals)
             signals.push_back(
                 {static_cast<std::int32_t>(it - runs.begin()), read_number, value, t.complemented});

@@ -20,19 +20,9 @@
 #include <vector>
 
 #include "contig.h"
+#include "flow_model.h"
 #include "read_lookup.h"
 #include "sff.h"
-
-// The spread of a flow value around the length n of the run it measures: N(n, sigma(n)).
-struct flow_model {
-    double sigma_base = 0.12;
-    double sigma_slope = 0.09;
-
-    double sigma(std::int32_t n) const { return sigma_base + sigma_slope * n; }
-    // The log-likelihood of k values with sum s1 and sum of squares s2 (in bases) under
-    // length n, less the constant that every length shares.
-    double log_likelihood(std::int32_t n, double k, double s1, double s2) const;
-};
 
 // One read of a contig tied to its SFF record.
 struct tied_read {
@@ -43,6 +33,7 @@ struct tied_read {
     std::vector<std::int32_t> base_flow;
     std::vector<std::uint16_t> flowgram;
     std::string flow_chars;  // the letter of each flow, upper case
+    std::uint16_t file = 0;  // the SFF file's number, whose model weighs its values
 };
 
 // Finds the read's unpadded sequence (reverse-complemented for a complemented read) in the
@@ -63,12 +54,17 @@ struct hp_run {
     std::int32_t position = 0;  // unpadded position of its first base (where it would start)
     std::int32_t consensus_length = 0;
 
-    // The call: the most likely length and the log-likelihood ratio (natural log) of that
-    // length against the consensus length, 0 when they agree.
+    // The call (run_call): the most probable length, the log-likelihood ratio (natural log)
+    // of that length against the consensus length (0 when they agree), the phred-scaled
+    // probability that the consensus length is right (qual) and that the called length is
+    // wrong (confidence), and whether the two strands call different lengths.
     std::int32_t called_length = 0;
     double score = 0.0;
+    float qual = 0.0f, confidence = 0.0f;
+    bool strand_conflict = false;
 
     std::int32_t signals = 0, forward = 0;
+    std::int64_t first_value = 0;  // into flow_check::values
     std::uint64_t sum = 0, sum_squares = 0;  // of the values in hundredths
     std::uint16_t max_value = 0;
     char letter = 'A';  // upper case
@@ -101,6 +97,7 @@ struct consensus_edit {
     std::int64_t begin = 0, end = 0;
     std::string bases;
     std::int32_t run = 0;  // the run whose call it applies
+    bool pass = true;      // a filtered call is reported but not applied
 };
 
 // What became of a contig's reads: tied to their records, found but not tied (edited or
@@ -109,15 +106,39 @@ struct tie_counts {
     std::int64_t tied = 0, untied = 0, not_found = 0;
 };
 
+// How much of a contig the reads weighed: a contig with fewer than half of its reads tied,
+// or fewer than half of its runs of bases tested, is unchecked; no call there is not a clean
+// bill.
+struct contig_coverage {
+    tie_counts reads;
+    std::int64_t runs = 0, tested = 0;  // runs of at least one base
+    bool unchecked() const {
+        const std::int64_t total = reads.tied + reads.untied + reads.not_found;
+        return 2 * reads.tied < total || 2 * tested < runs;
+    }
+};
+
 class flow_check {
   public:
+    // The fixed model, which `models` takes when it is still empty at the first call.
     flow_model model;
-    std::int32_t min_signals = 4;
-    double min_score = 10.0;
+    // The model per SFF file, fitted (calibrate) or read back from its table.
+    flow_models models;
+    // A run is weighed when it has min_signals signals or more and the model names its length
+    // with a confidence of min_qual or more; a call needs that and a qual of min_qual.
+    std::int32_t min_signals = 3;
+    double min_qual = 20.0;
+    double min_score = 0.0;  // a floor on the log-likelihood ratio a user may raise
     bool keep_signals = false;
 
     std::vector<hp_run> runs;         // ordered by first owned column, then column and letter
     std::vector<run_signal> signals;  // filled only with keep_signals
+    // Every value a run got, as add_read found them, with the run's index; call_runs groups
+    // them by run into `values`, where run i's are values[runs[i].first_value ...], signals
+    // of them.
+    std::vector<std::pair<std::int32_t, run_value>> found;
+    std::vector<run_value> values;
+    tie_counts reads;  // the last contig's, from check_contig
 
     // The runs of the consensus, the runs of length 0 included (these need the reads' bases,
     // not their flows). Clears what an earlier contig left.
@@ -139,16 +160,32 @@ class flow_check {
                       const read_finder& find, tie_counts& counts,
                       std::map<std::string, tied_read>* tied = nullptr);
 
-    // A run with enough signals to be weighed.
-    bool tested(const hp_run& r) const { return r.signals >= min_signals && r.signals > 0; }
-    // A tested run whose call differs from the consensus with a score at the threshold.
-    bool differs(const hp_run& r) const {
-        return tested(r) && r.called_length != r.consensus_length && r.score >= min_score;
+    // Fits `models` to the assembly: contigs from `next` (which returns false when there is
+    // none left) are checked under the fixed model and their signals gathered until the
+    // sample is full, then the fit is made. Every front end that calibrates on the same
+    // assembly and files gets the same model.
+    using contig_source = std::function<bool(contig& c)>;
+    void calibrate(const contig_source& next, const std::vector<std::string>& sff_paths,
+                   const read_finder& find, std::int64_t max_values = 2'000'000);
+    void calibrate(const contig_source& next, const read_lookup& lookup);
+    // The checked contig's runs and signals, for a fit.
+    void add_to(flow_sample& sample) const;
+
+    bool tested(const hp_run& r) const {
+        return r.signals >= min_signals && r.signals > 0 && r.confidence >= min_qual;
     }
+    // A tested run whose call differs from the consensus.
+    bool differs(const hp_run& r) const {
+        return tested(r) && r.called_length != r.consensus_length && r.qual >= min_qual &&
+               r.score >= min_score;
+    }
+    // A call that passes every filter: the forward and the complemented reads agree.
+    bool passes(const hp_run& r) const { return differs(r) && !r.strand_conflict; }
+    contig_coverage coverage() const;
 
     // The calls as edits of the unpadded consensus, in order. Two calls that would change
-    // the same bases (or insert inside a changed run) cannot both stand: the one with the
-    // higher score is kept.
+    // the same bases (or insert inside a changed run) cannot both stand: a passing call wins
+    // over a filtered one, else the one with the higher qual and score is kept.
     void edits(const std::string& unpadded, std::vector<consensus_edit>& out) const;
 };
 
@@ -183,7 +220,7 @@ void grid_signals(const contig& c, const window_grid& grid, const tied_lookup& t
 
 // The consensus without its pads, case kept.
 std::string unpadded_consensus(const contig& c);
-// `unpadded` with the edits applied.
+// `unpadded` with the edits that pass applied.
 std::string apply_edits(const std::string& unpadded, const std::vector<consensus_edit>& edits);
 
 // The report texts, appended to `out`.
@@ -191,6 +228,7 @@ void append_fasta(std::string& out, std::string_view name, std::string_view sequ
 struct vcf_contig {
     std::string name;
     std::int64_t length = 0;
+    contig_coverage coverage;
 };
 void append_vcf_header(std::string& out, std::string_view source, std::string_view reference,
                        const std::vector<vcf_contig>& contigs);
@@ -199,4 +237,12 @@ void append_vcf_header(std::string& out, std::string_view source, std::string_vi
 void append_vcf_records(std::string& out, std::string_view contig_name, const std::string& unpadded,
                         const std::vector<consensus_edit>& edits, const flow_check& check);
 void append_tsv_header(std::string& out);
-void append_tsv_line(std::string& out, std::string_view contig_name, const hp_run& r);
+// `filter` is PASS or the filter's name for a call, "." for a run that is not one.
+void append_tsv_line(std::string& out, std::string_view contig_name, const hp_run& r,
+                     std::string_view filter);
+// The line that opens a contig's lines in the TSV: how much of the contig was weighed.
+void append_tsv_coverage(std::string& out, std::string_view contig_name, const contig_coverage& c);
+// "251 reads (11 tied, 240 untied, 0 in no SFF file), 120 of 3000 runs tested: unchecked"
+std::string describe_coverage(const contig_coverage& c);
+// The filter column of a run: PASS, StrandConflict, or "." for a run that is no call.
+std::string_view run_filter(const flow_check& check, const hp_run& r);

@@ -60,7 +60,8 @@ void run_check(const std::string& ace_path, const std::vector<std::string>& sff_
         cc.consensus = unpadded_consensus(c);
         std::vector<consensus_edit> edits;
         check.edits(cc.consensus, edits);
-        out.vcf_contigs.push_back({c.name, static_cast<std::int64_t>(cc.consensus.size())});
+        out.vcf_contigs.push_back(
+            {c.name, static_cast<std::int64_t>(cc.consensus.size()), check.coverage()});
         append_vcf_records(out.vcf_records, c.name, cc.consensus, edits, check);
 
         std::vector<char> applied(check.runs.size(), 0);
@@ -69,7 +70,7 @@ void run_check(const std::string& ace_path, const std::vector<std::string>& sff_
             const hp_run& r = check.runs[i];
             if (check.tested(r)) ++cc.tested;
             if (!applied[i] && !(o.all_runs && check.tested(r))) continue;
-            append_tsv_line(out.tsv, c.name, r);
+            append_tsv_line(out.tsv, c.name, r, run_filter(check, r));
             cc.calls.push_back({c.name, r, applied[i] != 0});
         }
         cc.polished = apply_edits(cc.consensus, edits);
