@@ -88,6 +88,17 @@ TEST(Tie, EditedReadsStayUntiedAndTheKeptOccurrenceWins) {
     EXPECT_EQ(t.base_flow, (std::vector<std::int32_t>{17, 18, 19, 20}));
     ASSERT_TRUE(tie_read(placed("ACGT"), record("ACGTGGGACGT", {}, 5), kFlows, t));
     EXPECT_EQ(t.base_flow.front(), 9);
+    // The kept range starts inside the second ACGT (at its G19): that one still wins over the
+    // first.
+    ASSERT_TRUE(tie_read(placed("ACGT"), record("ACGTGGGACGTTT", {}, 14), kFlows, t));
+    EXPECT_EQ(t.base_flow, (std::vector<std::int32_t>{17, 18, 19, 20}));
+    // ACAC stands at A9 and, sharing its last two bases, at A13; the kept range starts at
+    // A17, which only the second reaches.
+    ASSERT_TRUE(tie_read(placed("ACAC"), record("ACACACGT", {}, 9), kFlows, t));
+    EXPECT_EQ(t.base_flow, (std::vector<std::int32_t>{13, 14, 17, 18}));
+    // Wholly before the kept range: tied there all the same.
+    ASSERT_TRUE(tie_read(placed("TTT"), record("TTTACGT", {}, 9), kFlows, t));
+    EXPECT_EQ(t.base_flow, (std::vector<std::int32_t>{8, 8, 8}));
 }
 
 // A contig whose reads are tied to the given records; min_signals 1 so that every signal
@@ -139,26 +150,28 @@ std::vector<std::uint16_t> values_of(const checked& k, const hp_run& run) {
 
 TEST(Signals, ARunGetsTheFlowOfItsBasesOrTheFlowBetweenItsNeighbours) {
     // The T run is measured 3.10 by a read that calls it whole, 1.90 by one that under-calls
-    // it by one, 0.40 (flow T12 between G11 and C14) by one that under-calls it to 0, and
-    // 2.90 in flow A13 by a complemented read.
+    // it by one, 0.40 (flow T12 between G11 and C14) by one that under-calls it to 0, 2.90 in
+    // flow A13 by a complemented read, and 0.70 by a complemented read that under-calls it to
+    // 0: in A13 between its C14 and G11, not in the T12 that lies there too.
     const checked k = check_contig(
         "ACGTTTCA",
         {{placed("ACGTTTCA"), record("ACGTTTCA", {{12, 310}})},
          {placed("ACG*TTCA"), record("ACGTTCA", {{12, 190}})},
          {placed("ACG***CA"), record("ACGCA", {{12, 40}})},
-         {placed("ACGTTTCA", 1, true), record(reverse_complement("ACGTTTCA"), {{13, 290}})}});
+         {placed("ACGTTTCA", 1, true), record(reverse_complement("ACGTTTCA"), {{13, 290}})},
+         {placed("ACG***CA", 1, true), record(reverse_complement("ACGCA"), {{13, 70}})}});
     const hp_run& t = run_at(k, 4, 'T');
     EXPECT_EQ(t.first_column, 4);
     EXPECT_EQ(t.last_column, 6);
     EXPECT_EQ(t.consensus_length, 3);
-    EXPECT_EQ(values_of(k, t), (std::vector<std::uint16_t>{310, 190, 40, 290}));
+    EXPECT_EQ(values_of(k, t), (std::vector<std::uint16_t>{310, 190, 40, 290, 70}));
     EXPECT_EQ(t.forward, 3);
-    EXPECT_EQ(t.reverse(), 1);
-    EXPECT_NEAR(t.mean_signal(), 2.075, 1e-9);
+    EXPECT_EQ(t.reverse(), 2);
+    EXPECT_NEAR(t.mean_signal(), 1.8, 1e-9);
     // The first and last runs have no base before or after them: never weighed.
     EXPECT_EQ(run_at(k, 1, 'A').signals, 0);
     EXPECT_EQ(run_at(k, 8, 'A').signals, 0);
-    EXPECT_EQ(run_at(k, 3, 'G').signals, 4);
+    EXPECT_EQ(run_at(k, 3, 'G').signals, 5);
 }
 
 TEST(Signals, ARunTheConsensusLacksIsWeighedAsLengthZero) {
@@ -195,29 +208,56 @@ TEST(Signals, ReadsThatMeasureMoreThanTheRunGiveNoSignal) {
 }
 
 TEST(Window, EveryReadsMeasuredValueBesideTheAssemblysCounts) {
-    // Rows: a read calling the T run whole, one under-calling it to 0, one that is not tied.
-    checked k = check_contig("ACGTTTCA", {{placed("ACGTTTCA"), record("ACGTTTCA", {{12, 310}})},
-                                          {placed("ACG***CA"), record("ACGCA", {{12, 40}})},
-                                          {placed("ACGTTTCA"), record("ACGTTCA")}});
+    // Rows: a read calling the T run whole, one under-calling it to 0, one that is not tied,
+    // and a complemented one under-calling it to 0, which measured it in A13 (between its
+    // C14 and G11) where T12 holds noise.
+    checked k = check_contig("ACGTTTCA",
+                             {{placed("ACGTTTCA"), record("ACGTTTCA", {{12, 310}})},
+                              {placed("ACG***CA"), record("ACGCA", {{12, 40}})},
+                              {placed("ACGTTTCA"), record("ACGTTCA")},
+                              {placed("ACG***CA", 1, true),
+                               record(reverse_complement("ACGCA"), {{12, 30}, {13, 70}})}});
     flow_window w;
     window_signals(k.c, k.tied, k.check, 1, 8, w);
     const std::int32_t u = flow_window::untied_read;
     using grid = std::vector<std::vector<std::int32_t>>;
     EXPECT_EQ(std::string(k.c.flow_consensus.begin(), k.c.flow_consensus.end()), "ACGTCA");
-    EXPECT_EQ(w.counts[3], (std::vector<std::int16_t>{3, 0, 3}));
-    EXPECT_EQ(w.signals, (grid{{100, 100, u},
-                               {100, 100, u},
-                               {100, 100, u},
-                               {310, 40, u},
-                               {100, 100, u},
-                               {100, 100, u}}));
+    EXPECT_EQ(w.counts[3], (std::vector<std::int16_t>{3, 0, 3, 0}));
+    EXPECT_EQ(w.signals, (grid{{100, 100, u, 100},
+                               {100, 100, u, 100},
+                               {100, 100, u, 100},
+                               {310, 40, u, 70},
+                               {100, 100, u, 100},
+                               {100, 100, u, 100}}));
     EXPECT_EQ(w.runs.size(), k.check.runs.size());
 
-    // A window on the last two columns shows only the runs there.
+    // The window the browser draws: the same values, row by row.
+    std::vector<std::int32_t> rows;
+    k.c.window_rows(1, 8, rows);
+    window_grid drawn;
+    k.c.draw_window(1, 8, rows, drawn);
+    grid values;
+    grid_signals(
+        k.c, drawn,
+        [&k](const std::string& name) -> const tied_read* {
+            auto it = k.tied.find(name);
+            return it == k.tied.end() ? nullptr : &it->second;
+        },
+        values);
+    EXPECT_EQ(values, (grid{{100, 100, 100, 310, 100, 100},
+                            {100, 100, 100, 40, 100, 100},
+                            {u, u, u, u, u, u},
+                            {100, 100, 100, 70, 100, 100}}));
+
+    // A window on the last two columns shows only the runs there; one that starts inside the
+    // T run (columns 4-6) shows it too.
     flow_window tail;
     window_signals(k.c, k.tied, k.check, 7, 2, tail);
-    EXPECT_EQ(tail.runs.size(), 2u);
+    EXPECT_EQ(tail.runs, (std::vector<std::int32_t>{4, 5}));
     EXPECT_EQ(tail.signals.front().size(), tail.counts.front().size());
+    flow_window inside;
+    window_signals(k.c, k.tied, k.check, 5, 3, inside);
+    EXPECT_EQ(inside.runs, (std::vector<std::int32_t>{3, 4}));
 }
 
 double direct_log_likelihood(const flow_model& m, int n, const std::vector<double>& v) {
@@ -347,6 +387,10 @@ TEST(Report, FastaAndTsvLines) {
     std::string fa;
     append_fasta(fa, "c1", std::string(61, 'A'));
     EXPECT_EQ(fa, ">c1\n" + std::string(60, 'A') + "\nA\n");
+    // Whole lines only: nothing after the last.
+    fa.clear();
+    append_fasta(fa, "c2", std::string(120, 'C'));
+    EXPECT_EQ(fa, ">c2\n" + std::string(60, 'C') + "\n" + std::string(60, 'C') + "\n");
     hp_run r;
     r.column = 12;
     r.position = 10;
@@ -358,8 +402,8 @@ TEST(Report, FastaAndTsvLines) {
     r.add(300, true);
     r.score = 12.346;
     std::string tsv;
-    append_tsv_line(tsv, "c1", r);
-    EXPECT_EQ(tsv, "c1\t12\t10\tG\t2\t3\t3\t1\t2\t3.03\t12.35\n");
+    append_tsv_line(tsv, "c1", r, "PASS");
+    EXPECT_EQ(tsv, "c1\t12\t10\tG\t2\t3\t3\t1\t2\t3.03\t12.35\t0.00\t0.00\tPASS\n");
 }
 
 // A small assembly on disk: four reads that all call TTT where the consensus says TT.
@@ -433,6 +477,8 @@ TEST(Program, BadCommandLinesAndInputs) {
          2,
          "sorvexa-flowcheck: --sigma-base takes a number above 0, not '0'"},
         {{"--frobnicate", "asm.ace", "a.sff"}, 2, "sorvexa-flowcheck: unknown option --frobnicate"},
+        {{"--all=yes", "asm.ace", "a.sff"}, 2, "sorvexa-flowcheck: option --all takes no value"},
+        {{"--help=x"}, 2, "sorvexa-flowcheck: option --help takes no value"},
         {{"asm.ace", "a.sff", "-o"}, 2, "sorvexa-flowcheck: option -o needs a value"},
         {{"asm.ace"}, 2, "sorvexa-flowcheck: needs an ACE file and at least one SFF file"},
         {{"asm.ace", "missing.sff"}, 1, "fail to open file missing.sff"},
