@@ -3,18 +3,35 @@
 // planted in the consensus alone, so that a checker of homopolymer runs can be scored.
 //
 //   sim_assembly --out DIR [--prefix NAME] [--contigs K] [--length BASES] [--depth D|MIN-MAX]
-//                [--noise F] [--errors N] [--seed S]
+//                [--noise F] [--errors N] [--seed S] [--family gauss|skew|heavy|mixed]
+//                [--wild P] [--long-runs] [--files 1|2] [--noise2 F2]
 //
-// writes DIR/NAME.ace, DIR/NAME.sff (one big-endian file, 800 flows of TACG, key TCAG),
-// DIR/NAME.truth.fa (the genome) and DIR/NAME.planted.tsv (the planted errors).
+// writes DIR/NAME.ace, DIR/NAME.sff (one big-endian file, 800 flows of TACG, key TCAG; with
+// --files 2 the reads are dealt at random between NAME.sff and NAME_b.sff, the second one
+// measured with noise F2), DIR/NAME.truth.fa (the genome), DIR/NAME.planted.tsv (the planted
+// errors) and DIR/NAME.truth_model.tsv (per SFF file and run length 0..12, how many template
+// flows met a run of that length, and the median and 1.4826 x MAD of their values, wild ones
+// left out: what a model fitted to the flows should come back with).
 //
-// Each read walks its template one flow at a time. A flow meeting a run of h bases of its
-// letter measures h + N(0,1) * F * (0.06 + 0.05 h) * (1 + 0.6 t), t being the fraction of the
-// read's flows already used, and calls as many bases as that value rounds to, so reads carry
-// the over- and under-calls of long runs and now and then a letter where the genome has none.
+// Each read walks its template one flow at a time, t being the fraction of the read's flows
+// already used. With --family gauss (the default) a flow meeting a run of h bases of its
+// letter measures h + N(0,1) * F * (0.06 + 0.05 h) * (1 + 0.6 t). A checker may well assume
+// just that shape, so it proves little about real reads. The other families have the centre
+// and robust spread of real flows instead: spread 0.04 at length 0, 0.06 at 1, 0.10 at 2 and
+// 3, 0.13 at 4, 0.18-0.21 at 5-7, 0.03 more per base beyond, times F * (0.8 + 0.5 t); empty
+// flows a little above 0, long runs a little below their length. Their shape is skewed (skew:
+// short runs lean high, long runs trail off towards under-measuring), heavy-tailed (heavy:
+// Student t) or both (mixed), and their values are more than half a base off their length as
+// often as real ones: 0.02-0.2% of them up to length 4, 1-4% at 5-7. With --wild P a share P
+// of the template flows measure anything from 0 to 10 bases instead.
+// A flow calls as many bases as its value rounds to, so reads carry the over- and under-calls
+// of long runs and now and then a letter where the genome has none.
 // The key's flows, and the flows before the template's first run, are kept on their true
 // value: the key must stay intact for the read to be found, and a spurious letter ahead of the
 // first run would have no place in the alignment.
+//
+// With --long-runs 3 runs in 100 of the genome are drawn 5 to 12 bases long, so that long runs,
+// and errors planted on them, are common enough to be scored.
 //
 // The alignment is the true one: every genome run gets as many columns as the longest call of
 // it, each spurious letter gets a block of columns between the two runs it fell between, and
@@ -24,6 +41,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
 #include <filesystem>
 #include <iostream>
 #include <numbers>
@@ -31,6 +49,7 @@
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include "sff_builder.h"
@@ -55,6 +74,31 @@ constexpr std::uint64_t kPlanSalt = 0x9FB21C651E98DF25ULL;
 constexpr std::uint64_t kErrorSalt = 0xD6E8FEB86659FD93ULL;
 constexpr std::uint64_t kNameSalt = 0xA0761D6478BD642FULL;
 constexpr std::uint64_t kQualitySalt = 0xE7037ED1A0B428DBULL;
+constexpr std::uint64_t kWildSalt = 0x8EBC6AF09C88C6E3ULL;
+constexpr std::uint64_t kLongRunSalt = 0x589965CC75374CC3ULL;
+constexpr std::uint64_t kFileSalt = 0x1D8E4E27C47D124FULL;
+constexpr std::uint64_t kShapeSeed = 0x2D358DCCAA6C78A5ULL;
+
+// The truth model reports on run lengths below this.
+constexpr std::uint32_t kModelLengths = 13;
+// Long runs: how many runs in 100 are drawn long, and from how short to how long.
+constexpr std::uint32_t kLongRunsPer100 = 3;
+constexpr std::uint32_t kLongRunMin = 5;
+constexpr std::uint32_t kLongRunMax = 12;
+constexpr double kWildMaxBases = 10;
+
+// Per run length 0..7 (longer runs take 7's, and 0.03 more spread a base): the robust spread of
+// real flows' values in bases, mid-read; which way the values lean, as a skew-normal's delta
+// (below 0: a long tail of under-measured values); and how heavy their tails are, as a Student
+// t's degrees of freedom. Lean and tails are set so that as many values stray more than half a
+// base from their length as on real flows.
+constexpr std::array<double, 8> kSpread = {0.04, 0.06, 0.10, 0.10, 0.13, 0.18, 0.195, 0.21};
+constexpr std::array<double, 8> kLean = {0.8, 0.5, 0.0, -0.4, -0.5, -0.7, -0.7, -0.7};
+constexpr std::array<std::uint32_t, 8> kTailFreedom = {3, 4, 8, 8, 24, 12, 16, 30};
+// Draws per shape when measuring its own median and spread.
+constexpr std::size_t kShapeDraws = std::size_t{1} << 15;
+
+enum class family { gauss, skew, heavy, mixed };
 
 struct options {
     std::string out;
@@ -66,20 +110,36 @@ struct options {
     double noise = 1.0;
     std::uint32_t errors = 6;
     std::uint64_t seed = 1;
+    family shape = family::gauss;
+    double wild = 0;
+    bool long_runs = false;
+    std::uint32_t files = 1;
+    double noise2 = -1;  // below 0: not given
 };
 
 void usage(std::ostream& out) {
     out << "usage: sim_assembly --out DIR [--prefix NAME] [--contigs K] [--length BASES]\n"
            "                    [--depth D|MIN-MAX] [--noise F] [--errors N] [--seed S]\n"
-           "  --out DIR         directory for NAME.ace, NAME.sff, NAME.truth.fa and\n"
-           "                    NAME.planted.tsv (created)\n"
+           "                    [--family gauss|skew|heavy|mixed] [--wild P] [--long-runs]\n"
+           "                    [--files 1|2] [--noise2 F2]\n"
+           "  --out DIR         directory for NAME.ace, NAME.sff, NAME.truth.fa,\n"
+           "                    NAME.planted.tsv and NAME.truth_model.tsv (created)\n"
            "  --prefix NAME     file name prefix (default sim)\n"
            "  --contigs K       contigs (default 1)\n"
            "  --length BASES    bases per contig, at least 1000 (default 4000)\n"
            "  --depth D|MIN-MAX reads deep, or a range the depth varies in (default 12)\n"
            "  --noise F         multiplier of the flow noise (default 1.0)\n"
            "  --errors N        errors planted in the consensus in total (default 6)\n"
-           "  --seed S          seed of the generator (default 1)\n";
+           "  --seed S          seed of the generator (default 1)\n"
+           "  --family NAME     shape of the flow values around a run's length: gauss (normal,\n"
+           "                    the default), skew, heavy (heavy tails) or mixed (both), the\n"
+           "                    last three with the spreads of real flows\n"
+           "  --wild P          share of template flows, 0 to 0.05, that measure a value\n"
+           "                    anywhere from 0 to 10 bases (default 0)\n"
+           "  --long-runs       3 runs in 100 of the genome 5 to 12 bases long\n"
+           "  --files 1|2       SFF files the reads are dealt between: NAME.sff, NAME_b.sff\n"
+           "                    (default 1)\n"
+           "  --noise2 F2       noise multiplier of NAME_b.sff (default F; needs --files 2)\n";
 }
 
 bool parse_number(std::string_view text, std::uint64_t& value) {
@@ -106,45 +166,82 @@ bool parse_depth(std::string_view text, options& o) {
            parse_bounded(text.substr(dash + 1), 1, 200, o.depth_max) && o.depth_min <= o.depth_max;
 }
 
-bool parse_noise(std::string_view text, double& value) {
+bool parse_real(std::string_view text, double high, double& value) {
     const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
     return !text.empty() && ec == std::errc() && end == text.data() + text.size() && value >= 0 &&
-           value <= 10;
+           value <= high;
+}
+
+bool parse_family(std::string_view text, family& value) {
+    static constexpr std::array<std::pair<std::string_view, family>, 4> names = {{
+        {"gauss", family::gauss},
+        {"skew", family::skew},
+        {"heavy", family::heavy},
+        {"mixed", family::mixed},
+    }};
+    for (const auto& [name, f] : names) {
+        if (text == name) {
+            value = f;
+            return true;
+        }
+    }
+    return false;
+}
+
+// False for an option this program does not have; `ok` tells whether its value is good.
+bool parse_option(std::string_view key, std::string_view value, options& o, bool& ok) {
+    std::uint64_t seed = 0;
+    ok = true;
+    if (key == "--out") {
+        o.out = value;
+        ok = !value.empty();
+    } else if (key == "--prefix") {
+        o.prefix = value;
+        ok = !value.empty() && value.find('/') == std::string_view::npos;
+    } else if (key == "--contigs") {
+        ok = parse_bounded(value, 1, 1000, o.contigs);
+    } else if (key == "--length") {
+        ok = parse_bounded(value, 1000, 10'000'000, o.length);
+    } else if (key == "--depth") {
+        ok = parse_depth(value, o);
+    } else if (key == "--noise") {
+        ok = parse_real(value, 10, o.noise);
+    } else if (key == "--errors") {
+        ok = parse_bounded(value, 0, 1'000'000, o.errors);
+    } else if (key == "--seed") {
+        ok = parse_number(value, seed);
+        o.seed = seed;
+    } else if (key == "--family") {
+        ok = parse_family(value, o.shape);
+    } else if (key == "--wild") {
+        ok = parse_real(value, 0.05, o.wild);
+    } else if (key == "--files") {
+        ok = parse_bounded(value, 1, 2, o.files);
+    } else if (key == "--noise2") {
+        ok = parse_real(value, 10, o.noise2);
+    } else {
+        return false;
+    }
+    return true;
 }
 
 // Empty when the arguments are fine, else what is wrong with them.
 std::string parse_options(int argc, char** argv, options& o) {
-    for (int i = 1; i < argc; i += 2) {
+    for (int i = 1; i < argc; ++i) {
         const std::string_view key = argv[i];
-        if (i + 1 == argc) return "option " + std::string(key) + " needs a value";
-        const std::string_view value = argv[i + 1];
-        std::uint64_t seed = 0;
-        bool ok = true;
-        if (key == "--out") {
-            o.out = value;
-            ok = !value.empty();
-        } else if (key == "--prefix") {
-            o.prefix = value;
-            ok = !value.empty() && value.find('/') == std::string_view::npos;
-        } else if (key == "--contigs") {
-            ok = parse_bounded(value, 1, 1000, o.contigs);
-        } else if (key == "--length") {
-            ok = parse_bounded(value, 1000, 10'000'000, o.length);
-        } else if (key == "--depth") {
-            ok = parse_depth(value, o);
-        } else if (key == "--noise") {
-            ok = parse_noise(value, o.noise);
-        } else if (key == "--errors") {
-            ok = parse_bounded(value, 0, 1'000'000, o.errors);
-        } else if (key == "--seed") {
-            ok = parse_number(value, seed);
-            o.seed = seed;
-        } else {
-            return "unknown option " + std::string(key);
+        if (key == "--long-runs") {
+            o.long_runs = true;
+            continue;
         }
+        if (i + 1 == argc) return "option " + std::string(key) + " needs a value";
+        const std::string_view value = argv[++i];
+        bool ok = true;
+        if (!parse_option(key, value, o, ok)) return "unknown option " + std::string(key);
         if (!ok) return "bad value for " + std::string(key) + ": " + std::string(value);
     }
     if (o.out.empty()) return "--out is required";
+    if (o.noise2 >= 0 && o.files != 2) return "--noise2 needs --files 2";
+    if (o.noise2 < 0) o.noise2 = o.noise;
     return {};
 }
 
@@ -171,6 +268,11 @@ std::string reverse_complement(std::string_view s) {
     return r;
 }
 
+// In [0, 1).
+double unit(fixture::splitmix64& rng) {
+    return static_cast<double>(rng.next() >> 11) * 0x1.0p-53;
+}
+
 // Standard normal draws by Box-Muller on the fixture's generator, so that the same seed gives
 // the same reads with every standard library.
 struct normal_source {
@@ -193,6 +295,92 @@ struct normal_source {
         return radius * std::cos(angle);
     }
 };
+
+// Median and 1.4826 x MAD: a normal's centre and spread, found however the values are shaped.
+struct robust_scale {
+    double centre = 0;
+    double spread = 0;
+};
+
+double median_of(std::vector<double>& v) {
+    const auto mid = static_cast<std::ptrdiff_t>(v.size() / 2);
+    std::nth_element(v.begin(), v.begin() + mid, v.end());
+    const double upper = v[static_cast<std::size_t>(mid)];
+    if (v.size() % 2 == 1) return upper;
+    return (upper + *std::max_element(v.begin(), v.begin() + mid)) / 2;
+}
+
+robust_scale robust_scale_of(std::vector<double> v) {
+    if (v.empty()) return {};
+    const double centre = median_of(v);
+    for (double& x : v) x = std::abs(x - centre);
+    return {centre, 1.4826 * median_of(v)};
+}
+
+std::size_t shape_index(std::uint32_t h) {
+    return std::min<std::size_t>(h, kSpread.size() - 1);
+}
+
+// A draw from the shape of the family for runs of shape index k, not yet centred or scaled: a
+// skew-normal leaning kLean[k] (skew), a Student t (heavy), or the skew-normal over the t's
+// chi-square (mixed).
+double shape_draw(family f, std::size_t k, normal_source& normal) {
+    const double lean = f == family::heavy ? 0.0 : kLean[k];
+    const double x = lean * std::abs(normal.next()) + std::sqrt(1 - lean * lean) * normal.next();
+    if (f == family::skew) return x;
+    double chi_square = 0;
+    for (std::uint32_t i = 0; i < kTailFreedom[k]; ++i) {
+        const double z = normal.next();
+        chi_square += z * z;
+    }
+    return x / std::sqrt(chi_square / kTailFreedom[k]);
+}
+
+// How the flows of one SFF file measure.
+struct flow_model {
+    family shape = family::gauss;
+    double noise = 1;
+    double wild = 0;
+    // Per shape index, the shape's own median and robust spread, which are taken out so that
+    // the values have the measured centre and spread whatever their shape.
+    std::array<robust_scale, kSpread.size()> shape_scale{};
+};
+
+flow_model make_flow_model(family f, double noise, double wild) {
+    flow_model m{f, noise, wild, {}};
+    if (f == family::gauss) return m;
+    // A stream of its own, fixed, so that every seed gets the same shapes.
+    normal_source normal{{kShapeSeed}};
+    std::vector<double> draws(kShapeDraws);
+    for (std::size_t k = 0; k < m.shape_scale.size(); ++k) {
+        for (double& d : draws) d = shape_draw(f, k, normal);
+        m.shape_scale[k] = robust_scale_of(draws);
+    }
+    return m;
+}
+
+double real_spread(std::uint32_t h) {
+    return h < kSpread.size() ? kSpread[h] : kSpread.back() + 0.03 * (h - 7.0);
+}
+
+// Empty flows read a little light all the same, and long runs fall a little short of their
+// length, as on real flows.
+double real_centre(std::uint32_t h) {
+    return h == 0 ? 0.05 : h - 0.01 * (h - 1.0);
+}
+
+// What a flow meeting h bases of its letter measures, wild values aside, t being the share
+// of the read's flows already used.
+double flow_value(const flow_model& m, std::uint32_t h, double t, normal_source& normal) {
+    if (m.shape == family::gauss) {
+        const double sd = m.noise * (0.06 + 0.05 * h) * (1 + 0.6 * t);
+        return std::max(0.0, h + normal.next() * sd);
+    }
+    const std::size_t k = shape_index(h);
+    const robust_scale& s = m.shape_scale[k];
+    const double x = (shape_draw(m.shape, k, normal) - s.centre) / s.spread;
+    return std::max(0.0, real_centre(h) + x * m.noise * real_spread(h) * (0.8 + 0.5 * t));
+}
 
 struct genome_run {
     char letter;
@@ -229,6 +417,8 @@ struct read_sim {
     std::string called;                 // the bases after the key, contig orientation
     std::int32_t start_column = 0;      // AF start, 1-based
     std::string padded;
+    // Run length and value of every template flow but the wild ones, for the truth model.
+    std::vector<std::pair<std::uint32_t, float>> signals;
 };
 
 // One run of the flowed sequence (key, then template); the template's first run merges with
@@ -255,7 +445,7 @@ std::vector<std::uint8_t> qualities(std::string_view bases, std::uint64_t seed) 
 // Sequences the genome runs [first, end) on the given strand. Returns false only when the
 // flow increments overflow their byte, which these reads cannot reach.
 bool sequence_read(const std::vector<genome_run>& runs, std::uint32_t first, std::uint32_t end,
-                   double noise, std::uint64_t seed, read_sim& read,
+                   const flow_model& model, std::uint64_t seed, read_sim& read,
                    fixture::sff_read_layout& sff) {
     std::vector<flow_run> flowed;
     for (char k : kKey) flowed.push_back({k, 1, 1, -1});
@@ -275,6 +465,7 @@ bool sequence_read(const std::vector<genome_run>& runs, std::uint32_t first, std
     while (flowed[first_template].template_run < 0) ++first_template;
 
     normal_source normal{{seed}};
+    fixture::splitmix64 wild_rng{seed ^ kWildSalt};
     std::vector<std::uint16_t> template_calls(template_runs, 0);
     struct template_insertion {
         std::uint32_t before;  // template run
@@ -292,16 +483,21 @@ bool sequence_read(const std::vector<genome_run>& runs, std::uint32_t first, std
         const bool done = at == flowed.size();
         const std::uint32_t h = !done && flowed[at].letter == x ? flowed[at].length : 0;
         const double t = static_cast<double>(f) / kFlows;
-        const double sd = noise * (0.06 + 0.05 * h) * (1 + 0.6 * t);
-        const double v = std::max(0.0, h + normal.next() * sd);
+        double v = flow_value(model, h, t, normal);
+        const bool held =
+            !done && ((h > 0 && flowed[at].key_bases > 0) || (h == 0 && at <= first_template));
+        const bool wild = !done && !held && model.wild > 0 && unit(wild_rng) < model.wild;
+        if (wild) v = kWildMaxBases * unit(wild_rng);
         long q = std::min(std::lround(100 * v), 65535L);
         if (done) {
             q = std::min(q, 49L);
-        } else if ((h > 0 && flowed[at].key_bases > 0) || (h == 0 && at <= first_template)) {
+        } else if (held) {
             q = std::clamp(q, std::max(0L, 100L * h - 49), 100L * h + 49);
         }
         flowgram[f] = static_cast<std::uint16_t>(q);
         if (done) continue;
+        if (!held && !wild && h < kModelLengths)
+            read.signals.emplace_back(h, static_cast<float>(v));
 
         const auto count = static_cast<std::uint16_t>((q + 50) / 100);
         for (std::uint16_t c = 0; c < count; ++c) {
@@ -357,6 +553,30 @@ bool sequence_read(const std::vector<genome_run>& runs, std::uint32_t first, std
     sff.clip_qual_left = static_cast<std::uint16_t>(kKey.size() + 1);
     sff.clip_qual_right = static_cast<std::uint16_t>(sff.bases.size());
     return true;
+}
+
+// With long runs, kLongRunsPer100 runs in 100 are drawn kLongRunMin to kLongRunMax bases
+// long, and the letter after one is another, to keep it that long.
+std::string random_genome(std::uint32_t length, bool long_runs, fixture::splitmix64& rng,
+                          fixture::splitmix64& long_rng) {
+    static constexpr std::string_view letters = "ACGT";
+    std::string genome(length, 'A');
+    if (!long_runs) {
+        for (char& b : genome) b = letters[rng.below(4)];
+        return genome;
+    }
+    genome.clear();
+    bool after_long = false;
+    while (genome.size() < length) {
+        const char b = after_long ? letters[(letters.find(genome.back()) + 1 + rng.below(3)) % 4]
+                                  : letters[rng.below(4)];
+        const bool starts_run = genome.empty() || b != genome.back();
+        after_long = starts_run && long_rng.chance(kLongRunsPer100, 100);
+        genome.append(after_long ? kLongRunMin + long_rng.below(kLongRunMax - kLongRunMin + 1) : 1,
+                      b);
+    }
+    genome.resize(length);
+    return genome;
 }
 
 // A 454 well name: run prefix, region 01, five characters for the well.
@@ -645,6 +865,31 @@ std::string planted_table(const std::vector<contig_sim>& contigs) {
     return t;
 }
 
+// Per run length, the values of the template flows of one SFF file, wild ones left out. They
+// are kept as drawn, not in the flowgram's hundredths, which would step a spread of 0.06 by
+// more than a tenth of it.
+using length_signals = std::array<std::vector<float>, kModelLengths>;
+
+std::string truth_model_table(const std::vector<std::string>& files,
+                              const std::vector<length_signals>& signals) {
+    std::string t = "file\tlength\tsignals\tcentre\tspread\n";
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        for (std::uint32_t h = 0; h < kModelLengths; ++h) {
+            const std::vector<float>& values = signals[i][h];
+            t += files[i] + "\t" + std::to_string(h) + "\t" + std::to_string(values.size());
+            if (values.empty()) {
+                t += "\tNA\tNA\n";
+                continue;
+            }
+            const robust_scale s = robust_scale_of({values.begin(), values.end()});
+            char text[64];
+            std::snprintf(text, sizeof text, "\t%.3f\t%.3f\n", s.centre, s.spread);
+            t += text;
+        }
+    }
+    return t;
+}
+
 // Which kind each planted error is: a third shortenings, about half of those removing a run
 // of one base altogether, the rest lengthenings; dealt out over the contigs in turn.
 std::vector<std::vector<error_kind>> error_kinds(const options& o, fixture::splitmix64& rng) {
@@ -660,6 +905,104 @@ std::vector<std::vector<error_kind>> error_kinds(const options& o, fixture::spli
     std::vector<std::vector<error_kind>> per_contig(o.contigs);
     for (std::size_t i = 0; i < kinds.size(); ++i) per_contig[i % o.contigs].push_back(kinds[i]);
     return per_contig;
+}
+
+// Everything drawn, in the order it is drawn: each part from a stream of its own, so that
+// changing how one part draws cannot move another.
+struct simulation {
+    explicit simulation(const options& o)
+        : o(o),
+          genome_rng{o.seed},
+          plan_rng{o.seed ^ kPlanSalt},
+          error_rng{o.seed ^ kErrorSalt},
+          name_rng{o.seed ^ kNameSalt},
+          long_run_rng{o.seed ^ kLongRunSalt},
+          file_rng{o.seed ^ kFileSalt},
+          sff(o.files),
+          signals(o.files) {
+        const flow_model model = make_flow_model(o.shape, o.noise, o.wild);
+        models.assign(o.files, model);
+        if (o.files > 1) models[1].noise = o.noise2;
+        for (fixture::sff_file_layout& f : sff) {
+            f.number_of_flows_per_read = kFlows;
+            f.flow_chars = fixture::tacg_flows(kFlows);
+            f.key_sequence = std::string(kKey);
+        }
+        kinds = error_kinds(o, error_rng);
+    }
+
+    const options& o;
+    fixture::splitmix64 genome_rng, plan_rng, error_rng, name_rng, long_run_rng, file_rng;
+    std::vector<flow_model> models;
+    std::vector<fixture::sff_file_layout> sff;
+    std::vector<length_signals> signals;
+    std::vector<std::vector<error_kind>> kinds;
+    std::set<std::string> names;
+    std::vector<contig_sim> contigs;
+};
+
+// Sequences the contig's reads, each into the SFF file it is dealt to. Empty when fine, else
+// what went wrong.
+std::string sequence_reads(simulation& sim, contig_sim& c) {
+    for (const read_plan& p : plan_reads(c.runs, sim.o.length, sim.o, sim.plan_rng)) {
+        read_sim r;
+        r.name = well_name(sim.name_rng);
+        while (!sim.names.insert(r.name).second) r.name = well_name(sim.name_rng);
+        r.reverse = p.reverse;
+        const std::uint32_t file = sim.o.files > 1 ? sim.file_rng.below(sim.o.files) : 0;
+        fixture::sff_read_layout record;
+        if (!sequence_read(c.runs, p.first_run, p.end_run, sim.models[file], sim.plan_rng.next(), r,
+                           record))
+            return "read " + r.name + " has a flow gap over 255";
+        if (r.called.empty()) continue;
+        for (const auto& [h, value] : r.signals) sim.signals[file][h].push_back(value);
+        r.signals = {};
+        c.reads.push_back(std::move(r));
+        sim.sff[file].reads.push_back(std::move(record));
+    }
+    return {};
+}
+
+std::string simulate_contig(simulation& sim, std::uint32_t k) {
+    contig_sim& c = sim.contigs.emplace_back();
+    c.name = "Contig" + std::to_string(k + 1);
+    c.genome = random_genome(sim.o.length, sim.o.long_runs, sim.genome_rng, sim.long_run_rng);
+    c.runs = runs_of(c.genome);
+    if (std::string problem = sequence_reads(sim, c); !problem.empty()) return problem;
+
+    if (!choose_errors(c.runs, sim.o.length, sim.kinds[k], sim.error_rng, c.errors))
+        return "no room for " + std::to_string(sim.kinds[k].size()) + " errors in " + c.name;
+    c.consensus_letters.resize(c.runs.size());
+    for (std::size_t i = 0; i < c.runs.size(); ++i) c.consensus_letters[i] = c.runs[i].length;
+    for (const planted& p : c.errors)
+        c.consensus_letters[p.run] += p.kind == error_kind::lengthen ? 1 : -1;
+    if (!lay_out(c)) return "a read does not fit the alignment in " + c.name;
+    std::sort(c.reads.begin(), c.reads.end(), [](const read_sim& a, const read_sim& b) {
+        return a.start_column != b.start_column ? a.start_column < b.start_column : a.name < b.name;
+    });
+    return {};
+}
+
+std::vector<std::string> sff_names(const options& o) {
+    std::vector<std::string> names = {o.prefix + ".sff"};
+    if (o.files > 1) names.push_back(o.prefix + "_b.sff");
+    return names;
+}
+
+bool write_outputs(const simulation& sim) {
+    const options& o = sim.o;
+    std::error_code ec;
+    std::filesystem::create_directories(o.out, ec);
+    if (ec) return false;
+    const std::string base = o.out + "/" + o.prefix;
+    const std::vector<std::string> files = sff_names(o);
+    for (std::size_t i = 0; i < files.size(); ++i)
+        if (!fixture::write_file(o.out + "/" + files[i], fixture::build_sff(sim.sff[i])))
+            return false;
+    return fixture::write_file(base + ".ace", ace_text(sim.contigs, o.seed)) &&
+           fixture::write_file(base + ".truth.fa", truth_fasta(sim.contigs)) &&
+           fixture::write_file(base + ".planted.tsv", planted_table(sim.contigs)) &&
+           fixture::write_file(base + ".truth_model.tsv", truth_model_table(files, sim.signals));
 }
 
 }  // namespace
@@ -679,72 +1022,22 @@ int main(int argc, char** argv) {
         return 2;
     }
 
-    fixture::splitmix64 genome_rng{o.seed};
-    fixture::splitmix64 plan_rng{o.seed ^ kPlanSalt};
-    fixture::splitmix64 error_rng{o.seed ^ kErrorSalt};
-    fixture::splitmix64 name_rng{o.seed ^ kNameSalt};
-    const std::vector<std::vector<error_kind>> kinds = error_kinds(o, error_rng);
-
-    fixture::sff_file_layout sff;
-    sff.number_of_flows_per_read = kFlows;
-    sff.flow_chars = fixture::tacg_flows(kFlows);
-    sff.key_sequence = std::string(kKey);
-    std::set<std::string> names;
-    std::vector<contig_sim> contigs(o.contigs);
+    simulation sim(o);
     for (std::uint32_t k = 0; k < o.contigs; ++k) {
-        contig_sim& c = contigs[k];
-        c.name = "Contig" + std::to_string(k + 1);
-        c.genome.resize(o.length);
-        for (char& b : c.genome) b = "ACGT"[genome_rng.below(4)];
-        c.runs = runs_of(c.genome);
-
-        for (const read_plan& p : plan_reads(c.runs, o.length, o, plan_rng)) {
-            read_sim r;
-            r.name = well_name(name_rng);
-            while (!names.insert(r.name).second) r.name = well_name(name_rng);
-            r.reverse = p.reverse;
-            fixture::sff_read_layout record;
-            if (!sequence_read(c.runs, p.first_run, p.end_run, o.noise, plan_rng.next(), r,
-                               record)) {
-                std::cerr << "sim_assembly: read " << r.name << " has a flow gap over 255\n";
-                return 1;
-            }
-            if (r.called.empty()) continue;
-            c.reads.push_back(std::move(r));
-            sff.reads.push_back(std::move(record));
-        }
-
-        if (!choose_errors(c.runs, o.length, kinds[k], error_rng, c.errors)) {
-            std::cerr << "sim_assembly: no room for " << kinds[k].size() << " errors in " << c.name
-                      << "\n";
+        if (const std::string problem = simulate_contig(sim, k); !problem.empty()) {
+            std::cerr << "sim_assembly: " << problem << "\n";
             return 1;
         }
-        c.consensus_letters.resize(c.runs.size());
-        for (std::size_t i = 0; i < c.runs.size(); ++i) c.consensus_letters[i] = c.runs[i].length;
-        for (const planted& p : c.errors)
-            c.consensus_letters[p.run] += p.kind == error_kind::lengthen ? 1 : -1;
-        if (!lay_out(c)) {
-            std::cerr << "sim_assembly: a read does not fit the alignment in " << c.name << "\n";
-            return 1;
-        }
-        std::sort(c.reads.begin(), c.reads.end(), [](const read_sim& a, const read_sim& b) {
-            return a.start_column != b.start_column ? a.start_column < b.start_column
-                                                    : a.name < b.name;
-        });
     }
-
-    std::error_code ec;
-    std::filesystem::create_directories(o.out, ec);
-    const std::string base = o.out + "/" + o.prefix;
-    if (ec || !fixture::write_file(base + ".sff", fixture::build_sff(sff)) ||
-        !fixture::write_file(base + ".ace", ace_text(contigs, o.seed)) ||
-        !fixture::write_file(base + ".truth.fa", truth_fasta(contigs)) ||
-        !fixture::write_file(base + ".planted.tsv", planted_table(contigs))) {
+    if (!write_outputs(sim)) {
         std::cerr << "sim_assembly: cannot write under " << o.out << "\n";
         return 1;
     }
-    std::cout << sff.reads.size() << " reads over " << o.contigs << " contig"
-              << (o.contigs == 1 ? "" : "s") << " of " << o.length << " bases, " << o.errors
-              << " errors planted: " << base << ".{ace,sff,truth.fa,planted.tsv}\n";
+    std::size_t reads = 0;
+    for (const fixture::sff_file_layout& f : sim.sff) reads += f.reads.size();
+    std::cout << reads << " reads over " << o.contigs << " contig" << (o.contigs == 1 ? "" : "s")
+              << " of " << o.length << " bases, " << o.errors << " errors planted: " << o.out << "/"
+              << o.prefix << ".{ace,sff,truth.fa,planted.tsv,truth_model.tsv}"
+              << (o.files > 1 ? " and " + o.prefix + "_b.sff" : "") << "\n";
     return 0;
 }
