@@ -10,6 +10,9 @@ and its homopolymer check:
 >>> read.bases[read.kept]                    # the kept bases
 >>> for contig in sorvexa.AceFile("run.ace"):
 ...     counts, rows = contig.align_flow(600, 100)   # a window in flow space
+>>> check = sorvexa.flowcheck("run.ace", ["run_a.sff"])   # the model fitted to the run
+>>> [(c.position, c.consensus_length, c.called_length, c.filter) for c in check.calls]
+>>> open("run.model.tsv", "w").write(check.model_tsv)  # flowcheck(..., model="run.model.tsv")
 
 SffFile
     An SFF file: header, records in file order, a read index and records by name.
@@ -19,7 +22,11 @@ AceFile, Contig, ReadPlacement, FlowRead
     An ACE assembly contig by contig; a contig with its layout, flow consensus, flow
     alignment and maps; where a read lies; a read in a flow alignment row.
 flowcheck, FlowCheckResult, ContigCheck, RunCall
-    The homopolymer check of an assembly against its reads' flow values.
+    The homopolymer check of an assembly against its reads' flow values, as
+    sorvexa-flowcheck makes it: the flow values' model fitted per SFF file and run length
+    (or read back from a saved model table, or fixed), each run's call with its qual,
+    confidence and filter, each contig's coverage, and the program's TSV, VCF and model
+    texts.
 FormatError, FormatWarning
     A file out of its format (a ValueError); damage a reader went past.
 

@@ -1,9 +1,17 @@
 // sorvexa.flowcheck: the homopolymer check of a whole assembly, made with the library's own
-// steps in the order sorvexa-flowcheck takes them, so that its numbers are the program's.
+// steps in the order sorvexa-flowcheck takes them (the model fitted, read or fixed first,
+// then the contigs checked one by one), so that its numbers and texts are the program's.
 #include <cmath>
+#include <cstdio>
 #include <cstdint>
+#include <fstream>
+#include <limits>
+#include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
+
+#include <pybind11/stl.h>
 
 #include "ace.h"
 #include "bindings.h"
@@ -15,40 +23,78 @@ namespace sorvexa_py {
 
 namespace {
 
-struct run_call {
+// A run as the TSV lists it, with what the check made of it.
+struct listed_run {
     std::string contig;
     hp_run run;
-    bool applied = false;  // its edit made the polished sequence
+    std::string filter;    // PASS, StrandConflict or "."
+    bool applied = false;  // its edit passed and made the polished sequence
 };
 
 struct contig_check {
     std::string name;
     std::string consensus;  // unpadded
     std::string polished;
-    std::vector<run_call> calls;
-    std::int64_t tested = 0;
+    std::vector<listed_run> calls;
+    contig_coverage coverage;
 };
 
 struct check_result {
     std::vector<contig_check> contigs;
     tie_counts reads;
-    std::int64_t tested = 0, called = 0;
+    std::int64_t runs = 0, tested = 0, called = 0, passed = 0;
+    flow_models model;
     std::string vcf_records;
     std::string tsv;
     std::vector<vcf_contig> vcf_contigs;
 };
 
+// Where the model comes from, as the program's options choose it.
+enum class model_choice { fitted, read, fixed };
+
 struct check_options {
     flow_check check;
+    model_choice choice = model_choice::fitted;
+    std::string model_path;
     bool all_runs = false;
 };
 
-void run_check(const std::string& ace_path, const std::vector<std::string>& sff_paths,
-               check_options& o, check_result& out) {
+// The model file's text, or false when it cannot be read.
+bool read_file(const std::string& path, std::string& out) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    out = text.str();
+    return static_cast<bool>(in);
+}
+
+// Empty when the run went through, else why the model file was refused, in the program's
+// words.
+std::string run_check(const std::string& ace_path, const std::vector<std::string>& sff_paths,
+                      check_options& o, check_result& out) {
     read_lookup lookup;
     lookup.index_files(sff_paths);
-    aceReader ace(ace_path);
     flow_check& check = o.check;
+    switch (o.choice) {
+        case model_choice::read: {
+            std::string text, why;
+            if (!read_file(o.model_path, text)) return "can not read model file " + o.model_path;
+            if (!check.models.parse_tsv(text, lookup.sff_names, why)) return o.model_path + ": " + why;
+            break;
+        }
+        case model_choice::fixed:
+            check.models.set_fixed(check.model, lookup.sff_names.size());
+            check.models.files = lookup.sff_names;
+            break;
+        case model_choice::fitted: {
+            // A reader of its own, as the program's: the fit samples the first contigs.
+            aceReader sample(ace_path);
+            check.calibrate([&sample](contig& c) { return sample.next_contig(c) != 0; }, lookup);
+            break;
+        }
+    }
+    out.model = check.models;
+    aceReader ace(ace_path);
     append_tsv_header(out.tsv);
     for (;;) {
         contig c;
@@ -60,24 +106,32 @@ void run_check(const std::string& ace_path, const std::vector<std::string>& sff_
         cc.consensus = unpadded_consensus(c);
         std::vector<consensus_edit> edits;
         check.edits(cc.consensus, edits);
+        cc.coverage = check.coverage();
         out.vcf_contigs.push_back(
-            {c.name, static_cast<std::int64_t>(cc.consensus.size()), check.coverage()});
+            {c.name, static_cast<std::int64_t>(cc.consensus.size()), cc.coverage});
         append_vcf_records(out.vcf_records, c.name, cc.consensus, edits, check);
+        append_tsv_coverage(out.tsv, c.name, cc.coverage);
 
-        std::vector<char> applied(check.runs.size(), 0);
-        for (const consensus_edit& e : edits) applied[static_cast<std::size_t>(e.run)] = 1;
+        // 1 for a run with an edit, 2 for one whose edit passed.
+        std::vector<char> edited(check.runs.size(), 0);
+        for (const consensus_edit& e : edits) {
+            edited[static_cast<std::size_t>(e.run)] = e.pass ? 2 : 1;
+            ++out.called;
+            if (e.pass) ++out.passed;
+        }
         for (std::size_t i = 0; i < check.runs.size(); ++i) {
             const hp_run& r = check.runs[i];
-            if (check.tested(r)) ++cc.tested;
-            if (!applied[i] && !(o.all_runs && check.tested(r))) continue;
-            append_tsv_line(out.tsv, c.name, r, run_filter(check, r));
-            cc.calls.push_back({c.name, r, applied[i] != 0});
+            if (!edited[i] && !(o.all_runs && check.tested(r))) continue;
+            const std::string_view filter = run_filter(check, r);
+            append_tsv_line(out.tsv, c.name, r, filter);
+            cc.calls.push_back({c.name, r, std::string(filter), edited[i] == 2});
         }
         cc.polished = apply_edits(cc.consensus, edits);
-        out.tested += cc.tested;
-        out.called += static_cast<std::int64_t>(edits.size());
+        out.runs += cc.coverage.runs;
+        out.tested += cc.coverage.tested;
         out.contigs.push_back(std::move(cc));
     }
+    return {};
 }
 
 std::vector<std::string> sff_path_list(py::handle given, std::vector<py::object>& originals) {
@@ -95,89 +149,148 @@ std::vector<std::string> sff_path_list(py::handle given, std::vector<py::object>
     return paths;
 }
 
-py::object flowcheck(py::object ace, py::object sffs, std::int32_t min_signals, double min_score,
-                     double sigma_base, double sigma_slope, bool all_runs) {
-    if (min_signals < 1) throw py::value_error("min_signals must be at least 1");
-    if (!(min_score >= 0) || !std::isfinite(min_score))
-        throw py::value_error("min_score must be at least 0");
-    if (!(sigma_base > 0) || !std::isfinite(sigma_base))
-        throw py::value_error("sigma_base must be above 0");
-    if (!(sigma_slope >= 0) || !std::isfinite(sigma_slope))
-        throw py::value_error("sigma_slope must be at least 0");
+// A finite number of at least 0 (above it when `positive`), as the program's options take.
+double number_option(double v, const char* name, bool positive) {
+    if (!std::isfinite(v) || v < 0 || (positive && v == 0))
+        throw py::value_error(std::string(name) + (positive ? " must be a number above 0"
+                                                            : " must be a number of at least 0"));
+    return v;
+}
+
+py::object flowcheck(py::object ace, py::object sffs, std::int64_t min_signals, double min_score,
+                     double min_qual, py::object model, std::optional<double> sigma_base,
+                     std::optional<double> sigma_slope, bool all_runs) {
+    check_options o;
+    if (min_signals < 1 || min_signals > std::numeric_limits<std::int32_t>::max())
+        throw py::value_error("min_signals must be a whole number of at least 1");
+    o.check.min_signals = static_cast<std::int32_t>(min_signals);
+    o.check.min_score = number_option(min_score, "min_score", false);
+    o.check.min_qual = number_option(min_qual, "min_qual", false);
+    if (sigma_base) {
+        o.choice = model_choice::fixed;
+        o.check.model.sigma_base = number_option(*sigma_base, "sigma_base", true);
+    }
+    if (sigma_slope) {
+        o.choice = model_choice::fixed;
+        o.check.model.sigma_slope = number_option(*sigma_slope, "sigma_slope", false);
+    }
+    if (!model.is_none()) {
+        if (o.choice == model_choice::fixed)
+            throw py::value_error("model and the fixed model's sigma_base/sigma_slope exclude "
+                                  "each other");
+        o.choice = model_choice::read;
+        o.model_path = fs_path(model);
+    }
+    o.all_runs = all_runs;
     const std::string ace_path = fs_path(ace);
     std::vector<py::object> originals;
     const std::vector<std::string> sff_paths = sff_path_list(sffs, originals);
     check_readable(ace_path, ace);
     for (std::size_t k = 0; k < sff_paths.size(); ++k) check_readable(sff_paths[k], originals[k]);
+    if (o.choice == model_choice::read) check_readable(o.model_path, model);
 
-    check_options o;
-    o.check.min_signals = min_signals;
-    o.check.min_score = min_score;
-    o.check.model.sigma_base = sigma_base;
-    o.check.model.sigma_slope = sigma_slope;
-    o.all_runs = all_runs;
     auto result = std::make_unique<check_result>();
-    const library_result r = call_library([&] { run_check(ace_path, sff_paths, o, *result); });
+    std::string refused;
+    const library_result r =
+        call_library([&] { refused = run_check(ace_path, sff_paths, o, *result); });
     raise_or_warn(r);
+    if (!refused.empty()) raise_format_error(refused);
     return py::cast(std::move(result));
 }
 
-py::list calls_of(const std::vector<run_call>& calls) {
+py::list calls_of(const std::vector<listed_run>& calls) {
     py::list out;
     for (const auto& c : calls) out.append(py::cast(c));
+    return out;
+}
+
+py::list model_lines(const flow_models& m) {
+    py::list out;
+    auto lines = [&](std::string_view file, const std::vector<length_model>& t) {
+        for (std::size_t n = 0; n < t.size(); ++n) {
+            py::dict line;
+            line["file"] = text(file);
+            line["length"] = n;
+            line["signals"] = t[n].signals;
+            line["centre"] = t[n].centre;
+            line["spread"] = t[n].spread;
+            line["outlier_rate"] = t[n].outlier;
+            line["source"] = source_name(t[n].source);
+            out.append(line);
+        }
+    };
+    // In the table's order, file names as it writes them.
+    for (std::size_t f = 0; f < m.models.size(); ++f)
+        lines(f < m.files.size() ? std::string_view(m.files[f]) : std::string_view(), m.models[f]);
+    lines("*", m.pooled);
     return out;
 }
 
 }  // namespace
 
 void bind_flowcheck(py::module_& m) {
-    py::class_<run_call>(m, "RunCall", R"doc(
+    py::class_<listed_run>(m, "RunCall", R"doc(
 A homopolymer run of a contig's consensus weighed against the flow values of the reads
-over it: the columns sorvexa-flowcheck lists in its TSV file.
+over it: a line of sorvexa-flowcheck's TSV file.
 )doc")
         .def_property_readonly(
-            "contig", [](const run_call& c) { return text(c.contig); }, "The contig's name.")
+            "contig", [](const listed_run& c) { return text(c.contig); }, "The contig's name.")
         .def_property_readonly(
-            "column", [](const run_call& c) { return c.run.column; },
+            "column", [](const listed_run& c) { return c.run.column; },
             "Padded column of the run's first base (the first pad column for a run the "
             "consensus lacks).")
         .def_property_readonly(
-            "position", [](const run_call& c) { return c.run.position; },
+            "position", [](const listed_run& c) { return c.run.position; },
             "Unpadded 1-based position of the run's first base (where it would start).")
         .def_property_readonly(
-            "letter", [](const run_call& c) { return std::string(1, c.run.letter); },
+            "letter", [](const listed_run& c) { return std::string(1, c.run.letter); },
             "The run's base, upper case.")
         .def_property_readonly(
-            "consensus_length", [](const run_call& c) { return c.run.consensus_length; },
+            "consensus_length", [](const listed_run& c) { return c.run.consensus_length; },
             "The run's length in the consensus.")
         .def_property_readonly(
-            "called_length", [](const run_call& c) { return c.run.called_length; },
-            "The length the flow values call.")
+            "called_length", [](const listed_run& c) { return c.run.called_length; },
+            "The most probable length under the model.")
         .def_property_readonly(
-            "signals", [](const run_call& c) { return c.run.signals; }, "Flow values weighed.")
+            "signals", [](const listed_run& c) { return c.run.signals; }, "Flow values weighed.")
         .def_property_readonly(
-            "forward", [](const run_call& c) { return c.run.forward; },
+            "forward", [](const listed_run& c) { return c.run.forward; },
             "Of those, values from reads placed forward.")
         .def_property_readonly(
-            "reverse", [](const run_call& c) { return c.run.reverse(); },
+            "reverse", [](const listed_run& c) { return c.run.reverse(); },
             "Of those, values from complemented reads.")
         .def_property_readonly(
-            "mean_signal", [](const run_call& c) { return c.run.mean_signal(); },
+            "mean_signal", [](const listed_run& c) { return c.run.mean_signal(); },
             "Mean flow value, in bases.")
         .def_property_readonly(
-            "score", [](const run_call& c) { return c.run.score; },
+            "score", [](const listed_run& c) { return c.run.score; },
             "Log-likelihood ratio (natural log) of the called length against the "
             "consensus length; 0 when they agree.")
-        .def_readonly("applied", &run_call::applied,
-                      "Whether the call changed the polished sequence.")
-        .def("__repr__", [](const run_call& c) {
+        .def_property_readonly(
+            "qual", [](const listed_run& c) { return static_cast<double>(c.run.qual); },
+            "Phred-scaled probability that the consensus length is right (high when the "
+            "reads speak against it), at most 99; the VCF record's QUAL.")
+        .def_property_readonly(
+            "confidence", [](const listed_run& c) { return static_cast<double>(c.run.confidence); },
+            "Phred-scaled probability that the called length is wrong, at most 99.")
+        .def_property_readonly(
+            "filter", [](const listed_run& c) { return c.filter; },
+            "'PASS' for a call that passes, 'StrandConflict' for one whose forward and "
+            "complemented reads call different lengths, '.' for a run that is no call.")
+        .def_readonly("applied", &listed_run::applied,
+                      "Whether the call changed the polished sequence (it passed and no "
+                      "stronger call claimed its bases).")
+        .def("__repr__", [](const listed_run& c) {
             return "<sorvexa.RunCall " + py::repr(text(c.contig)).cast<std::string>() + ":" +
                    std::to_string(c.run.position) + " " + std::string(1, c.run.letter) + "x" +
                    std::to_string(c.run.consensus_length) + " -> " +
-                   std::to_string(c.run.called_length) + ">";
+                   std::to_string(c.run.called_length) + " " + c.filter + ">";
         });
 
-    py::class_<contig_check>(m, "ContigCheck", "The check of one contig.")
+    py::class_<contig_check>(m, "ContigCheck", R"doc(
+The check of one contig: its sequence before and after the calls, the listed runs, and
+how much of it the reads weighed.
+)doc")
         .def_property_readonly(
             "name", [](const contig_check& c) { return text(c.name); }, "The contig's name.")
         .def_property_readonly(
@@ -185,17 +298,40 @@ over it: the columns sorvexa-flowcheck lists in its TSV file.
             "The consensus without pads.")
         .def_property_readonly(
             "polished", [](const contig_check& c) { return text(c.polished); },
-            "The consensus without pads, with the calls applied.")
+            "The consensus without pads, with the passing calls applied.")
         .def_property_readonly(
             "calls", [](const contig_check& c) { return calls_of(c.calls); },
             "The RunCall objects listed for the contig (see flowcheck's all_runs).")
-        .def_readonly("tested", &contig_check::tested, "Runs with enough signals to weigh.")
+        .def_property_readonly(
+            "reads_tied", [](const contig_check& c) { return c.coverage.reads.tied; },
+            "Reads tied to their SFF records.")
+        .def_property_readonly(
+            "reads_untied", [](const contig_check& c) { return c.coverage.reads.untied; },
+            "Reads found in an SFF file whose sequence could not be tied to the record.")
+        .def_property_readonly(
+            "reads_not_found", [](const contig_check& c) { return c.coverage.reads.not_found; },
+            "Reads in no SFF file.")
+        .def_property_readonly(
+            "runs", [](const contig_check& c) { return c.coverage.runs; },
+            "Runs of at least one base in the consensus.")
+        .def_property_readonly(
+            "tested", [](const contig_check& c) { return c.coverage.tested; },
+            "Of those, runs with enough signals whose length the model names with "
+            "confidence.")
+        .def_property_readonly(
+            "unchecked", [](const contig_check& c) { return c.coverage.unchecked(); },
+            "Whether under half of the reads were tied or under half of the runs tested: "
+            "a contig without calls is then no clean bill.")
         .def("__repr__", [](const contig_check& c) {
             return "<sorvexa.ContigCheck " + py::repr(text(c.name)).cast<std::string>() + ", " +
-                   std::to_string(c.calls.size()) + " listed>";
+                   std::to_string(c.calls.size()) + " listed" +
+                   (c.coverage.unchecked() ? ", unchecked>" : ">");
         });
 
-    py::class_<check_result>(m, "FlowCheckResult", "What flowcheck() found.")
+    py::class_<check_result>(m, "FlowCheckResult", R"doc(
+What flowcheck() found: the contigs' checks, the model the calls were made under, and the
+texts sorvexa-flowcheck writes (tsv, model_tsv, vcf()).
+)doc")
         .def_property_readonly(
             "contigs",
             [](py::handle self) {
@@ -214,8 +350,13 @@ over it: the columns sorvexa-flowcheck lists in its TSV file.
                 return out;
             },
             "Every contig's RunCall objects, in file order.")
-        .def_readonly("tested", &check_result::tested, "Runs weighed, over all contigs.")
-        .def_readonly("called", &check_result::called, "Calls applied, over all contigs.")
+        .def_readonly("runs", &check_result::runs,
+                      "Runs of at least one base, over all contigs.")
+        .def_readonly("tested", &check_result::tested, "Of those, runs tested.")
+        .def_readonly("called", &check_result::called,
+                      "Calls reported (in the VCF), filtered ones included.")
+        .def_readonly("passed", &check_result::passed,
+                      "Of those, calls that passed and were applied.")
         .def_property_readonly(
             "reads_tied", [](const check_result& r) { return r.reads.tied; },
             "Reads tied to their SFF records.")
@@ -226,8 +367,22 @@ over it: the columns sorvexa-flowcheck lists in its TSV file.
             "reads_not_found", [](const check_result& r) { return r.reads.not_found; },
             "Reads in no SFF file.")
         .def_property_readonly(
+            "model", [](const check_result& r) { return model_lines(r.model); },
+            "The model the calls were made under, a dict per line of model_tsv (file, "
+            "length, signals, centre, spread, outlier_rate, source), numbers unrounded.")
+        .def_property_readonly(
+            "model_tsv",
+            [](const check_result& r) {
+                std::string out;
+                r.model.append_tsv(out);
+                return text(out);
+            },
+            "The model as sorvexa-flowcheck's model table (PREFIX.flowcheck.model.tsv), "
+            "which flowcheck's model option reads back.")
+        .def_property_readonly(
             "tsv", [](const check_result& r) { return text(r.tsv); },
-            "The listed runs as sorvexa-flowcheck's TSV file.")
+            "The listed runs, each contig's opened by a coverage line, as sorvexa-flowcheck's "
+            "TSV file.")
         .def(
             "vcf",
             [](const check_result& r, const std::string& reference, const std::string& source) {
@@ -242,25 +397,46 @@ over it: the columns sorvexa-flowcheck lists in its TSV file.
             "the FASTA file of the unpadded consensus.")
         .def("__repr__", [](const check_result& r) {
             return "<sorvexa.FlowCheckResult " + std::to_string(r.contigs.size()) + " contigs, " +
-                   std::to_string(r.tested) + " runs tested, " + std::to_string(r.called) +
-                   " called>";
+                   std::to_string(r.tested) + " of " + std::to_string(r.runs) +
+                   " runs tested, " + std::to_string(r.called) + " called (" +
+                   std::to_string(r.passed) + " pass)>";
         });
 
     const flow_check defaults;
-    m.def("flowcheck", &flowcheck, py::arg("ace_path"), py::arg("sff_paths"), py::kw_only(),
-          py::arg("min_signals") = defaults.min_signals, py::arg("min_score") = defaults.min_score,
-          py::arg("sigma_base") = defaults.model.sigma_base,
-          py::arg("sigma_slope") = defaults.model.sigma_slope, py::arg("all_runs") = false,
-          R"doc(
+    const py::none none;
+    auto fixed2 = [](double v) {
+        char buf[32];
+        std::snprintf(buf, sizeof buf, "%.2f", v);
+        return std::string(buf);
+    };
+    // The defaults come from the library's own, so that the text cannot drift from them.
+    static const std::string doc = R"doc(
 Weighs every homopolymer run of an assembly's consensus against the flow values its 454
-reads measured, as sorvexa-flowcheck does, with the same numbers.
+reads measured, as sorvexa-flowcheck does, with the same calls and texts.
 
 ace_path is the ACE file; sff_paths one SFF path or a sequence of them (a read is taken
-from the first file that holds it). A run is weighed when it has at least min_signals
-values; a call stands when its score reaches min_score. Flow values of a run of length n
-are modelled as normal with spread sigma_base + sigma_slope * n. The result lists the runs
-whose call was applied, or with all_runs every weighed run. Runs without the GIL.
-)doc");
+from the first file that holds it).
+
+The flow values' spread per SFF file and run length is fitted to the assembly's own
+signals, from its first contigs, as the program fits it. model, the path of a model table
+(a FlowCheckResult's model_tsv saved, or the program's PREFIX.flowcheck.model.tsv), uses
+that model instead. Giving sigma_base or sigma_slope uses the fixed model, values of a run
+of length n normal with spread sigma_base + sigma_slope * n (the other one at its default,
+)doc" + fixed2(defaults.model.sigma_base) + " and " + fixed2(defaults.model.sigma_slope) + R"doc(); it excludes model.
+
+A run is weighed when it has at least min_signals values and the model names its length
+with a confidence of min_qual (phred) or more; a call needs that, a qual of min_qual and
+a score of min_score. Only passing calls change the polished sequence. The result lists
+the runs with a call, or with all_runs every weighed run.
+
+Bad options raise ValueError; a model table that cannot be read as one, FormatError.
+Runs without the GIL.
+)doc";
+    m.def("flowcheck", &flowcheck, py::arg("ace_path"), py::arg("sff_paths"), py::kw_only(),
+          py::arg("min_signals") = defaults.min_signals, py::arg("min_score") = defaults.min_score,
+          py::arg("min_qual") = defaults.min_qual, py::arg("model") = none,
+          py::arg("sigma_base") = none, py::arg("sigma_slope") = none,
+          py::arg("all_runs") = false, doc.c_str());
 }
 
 }  // namespace sorvexa_py
