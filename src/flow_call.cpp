@@ -14,20 +14,9 @@
 // beyond that order.
 void flow_check::call_runs() {
     if (models.pooled.empty()) models.set_fixed(model, 0);
-    std::vector<std::int64_t> next(runs.size() + 1, 0);
-    for (const auto& entry : found) ++next[static_cast<std::size_t>(entry.first) + 1];
-    for (std::size_t i = 0; i < runs.size(); ++i) {
-        next[i + 1] += next[i];
-        runs[i].first_value = next[i];
-    }
-    values.resize(found.size());
-    for (const auto& [run, v] : found) values[static_cast<std::size_t>(next[static_cast<std::size_t>(run)]++)] = v;
-    // next[i] is now where run i's values end.
-    for (std::size_t i = 0; i < runs.size(); ++i) {
-        hp_run& r = runs[i];
-        const run_call c = call_values(models, values.data() + r.first_value,
-                                       static_cast<std::size_t>(next[i] - r.first_value),
-                                       r.consensus_length, min_signals);
+    for (hp_run& r : runs) {
+        const run_call c = decide_run(models, r.consensus_length, r.likelihood, r.forward,
+                                      r.reverse(), min_signals, min_qual);
         r.called_length = c.called;
         r.score = c.score;
         r.qual = static_cast<float>(c.qual);
@@ -103,6 +92,7 @@ void flow_check::calibrate(const contig_source& next, const read_lookup& lookup)
 void flow_check::calibrate(const contig_source& next, const std::vector<std::string>& sff_paths,
                            const read_finder& find, std::int64_t max_values) {
     flow_check probe;
+    probe.keep_values = true;
     probe.model = model;
     probe.min_signals = min_signals;
     probe.min_qual = min_qual;
@@ -123,24 +113,19 @@ void flow_check::calibrate(const contig_source& next, const std::vector<std::str
 }
 
 void flow_check::add_to(flow_sample& sample) const {
-    // Longer runs than this are too few to shape the prior.
-    constexpr std::size_t kSpectrum = 64;
-    for (const hp_run& r : runs) {
-        if (r.consensus_length <= 0) continue;
-        const auto n = std::min(static_cast<std::size_t>(r.consensus_length), kSpectrum);
-        if (sample.spectrum.size() <= n) sample.spectrum.resize(n + 1, 0.0);
-        sample.spectrum[n] += 1.0;
-    }
+    // The values grouped by run, in the order the reads gave them.
+    std::vector<std::int64_t> next(runs.size() + 1, 0);
+    for (std::uint32_t run : value_runs) ++next[run + 1];
+    for (std::size_t i = 0; i < runs.size(); ++i) next[i + 1] += next[i];
+    const auto base = static_cast<std::int64_t>(sample.values.size());
     for (std::size_t i = 0; i < runs.size(); ++i) {
-        const hp_run& r = runs[i];
-        const std::int64_t end = i + 1 < runs.size() ? runs[i + 1].first_value
-                                                     : static_cast<std::int64_t>(values.size());
-        if (end <= r.first_value) continue;
-        sample.runs.push_back({r.consensus_length, static_cast<std::int32_t>(end - r.first_value),
-                               static_cast<std::int64_t>(sample.values.size())});
-        sample.values.insert(sample.values.end(), values.begin() + r.first_value,
-                             values.begin() + end);
+        if (next[i + 1] == next[i]) continue;
+        sample.runs.push_back({runs[i].consensus_length,
+                               static_cast<std::int32_t>(next[i + 1] - next[i]), base + next[i]});
     }
+    sample.values.resize(sample.values.size() + values.size());
+    for (std::size_t k = 0; k < values.size(); ++k)
+        sample.values[static_cast<std::size_t>(base + next[value_runs[k]]++)] = values[k];
 }
 
 contig_coverage flow_check::coverage() const {

@@ -10,6 +10,9 @@
 namespace {
 
 constexpr std::size_t kBins = 1 + static_cast<std::size_t>(flow_models::kValueRange * 100);
+// The furthest a length's fitted centre may lie from the length: real long runs read a few
+// tenths short, never half a base.
+constexpr double kMaxShift = 0.4;
 
 // Values in hundredths, counted; the last bin holds every value above the range.
 struct histogram {
@@ -36,13 +39,19 @@ struct histogram {
     }
 };
 
-// The Gaussian core and the flat outlier share by expectation-maximisation, started from the
-// median and the median absolute deviation so that a heavy tail cannot pull the start.
-length_model fit_length(const histogram& h) {
-    length_model m;
+// Far wider than any chemistry's spread, even at twice the usual noise: a fit that wide has
+// caught the values of several lengths.
+double max_spread(std::int32_t n) { return 0.5 + 0.2 * n; }
+
+// The Gaussian core and the flat outlier share by expectation-maximisation, started at the
+// length itself with the median absolute deviation from it, so that neither a heavy tail
+// nor the runs the consensus has wrong can pull the start. False when the values do not
+// centre on the length: the runs labelled so are mostly something else (a consensus that
+// lacks runs its reads have labels their values 0), and the length is left to a fallback.
+bool fit_length(const histogram& h, std::int32_t n, length_model& m) {
     m.signals = h.total;
     m.source = model_source::estimated;
-    m.centre = h.quantile(0.5);
+    m.centre = n;
     histogram deviation;
     for (std::size_t i = 0; i < kBins; ++i) {
         const auto d = static_cast<std::size_t>(
@@ -77,7 +86,7 @@ length_model fit_length(const histogram& h) {
         m.outlier = std::clamp(outlier, flow_models::kMinOutlier, 0.5);
         if (settled) break;
     }
-    return m;
+    return std::fabs(m.centre - n) <= kMaxShift && m.outlier < 0.5 && m.spread <= max_spread(n);
 }
 
 // Lengths that could not be estimated take the straight line through those that were:
@@ -124,7 +133,8 @@ void fit_tables(const std::vector<std::vector<histogram>>& by_file, const fit_op
     for (const auto& file : by_file)
         for (std::int32_t n = 0; n < L; ++n) all[static_cast<std::size_t>(n)].add(file[static_cast<std::size_t>(n)]);
     auto fitted = [&](const histogram& h, std::int32_t n) {
-        length_model m = h.total >= fit_options::kMinSignals ? fit_length(h) : o.fallback.at(n);
+        length_model m;
+        if (h.total < fit_options::kMinSignals || !fit_length(h, n, m)) m = o.fallback.at(n);
         m.signals = h.total;
         return m;
     };
@@ -136,8 +146,9 @@ void fit_tables(const std::vector<std::vector<histogram>>& by_file, const fit_op
         std::vector<length_model>& t = out.models[f];
         for (std::int32_t n = 0; n < L; ++n) {
             const histogram& h = by_file[f][static_cast<std::size_t>(n)];
-            if (h.total >= fit_options::kMinSignals) {
-                t.push_back(fit_length(h));
+            length_model own;
+            if (h.total >= fit_options::kMinSignals && fit_length(h, n, own)) {
+                t.push_back(own);
                 continue;
             }
             length_model m = out.pooled[static_cast<std::size_t>(n)];
@@ -161,6 +172,9 @@ void fit_tables(const std::vector<std::vector<histogram>>& by_file, const fit_op
             m.signals = signals;
         }
     }
+    for (length_model& m : out.pooled) round_to_table(m);
+    for (auto& t : out.models)
+        for (length_model& m : t) round_to_table(m);
     out.prepare();
 }
 
@@ -169,7 +183,6 @@ void fit_tables(const std::vector<std::vector<histogram>>& by_file, const fit_op
 void fit_flow_models(const flow_sample& sample, const std::vector<std::string>& files,
                      const fit_options& options, flow_models& out) {
     out.files = files;
-    out.spectrum = sample.spectrum;
     const std::size_t F = files.size();
     const auto L = static_cast<std::size_t>(flow_models::kLengths);
     std::vector<std::int32_t> label(sample.runs.size());
@@ -181,7 +194,7 @@ void fit_flow_models(const flow_sample& sample, const std::vector<std::string>& 
             if (label[i] < 0 || static_cast<std::size_t>(label[i]) >= L) continue;
             for (std::int32_t j = 0; j < r.count; ++j) {
                 const run_value& v = sample.values[static_cast<std::size_t>(r.first + j)];
-                if (v.file < F) by_file[v.file][static_cast<std::size_t>(label[i])].add(v.value);
+                if (v.file() < F) by_file[v.file()][static_cast<std::size_t>(label[i])].add(v.value);
             }
         }
         fit_tables(by_file, options, out);
@@ -191,7 +204,7 @@ void fit_flow_models(const flow_sample& sample, const std::vector<std::string>& 
             const sample_run& r = sample.runs[i];
             const run_call c = call_values(out, &sample.values[static_cast<std::size_t>(r.first)],
                                            static_cast<std::size_t>(r.count), r.consensus_length,
-                                           options.min_strand);
+                                           options.min_strand, options.min_qual);
             const std::int32_t want =
                 c.called != r.consensus_length && c.confidence >= options.min_qual
                     ? c.called

@@ -39,11 +39,18 @@ const char* source_name(model_source s) {
     return "fixed";
 }
 
+void round_to_table(length_model& m) {
+    m.centre = std::round(m.centre * 1e4) / 1e4;
+    m.spread = std::round(m.spread * 1e4) / 1e4;
+    m.outlier = std::round(m.outlier * 1e5) / 1e5;
+}
+
 length_model flow_model::at(std::int32_t n) const {
     length_model m;
     m.centre = n;
     m.spread = std::max(sigma(n), flow_models::kMinSpread);
     m.outlier = flow_models::kMinOutlier;
+    round_to_table(m);
     return m;
 }
 
@@ -80,39 +87,31 @@ length_model flow_models::at(std::size_t file, std::int32_t n) const {
     return m;
 }
 
-double flow_models::log_prior(std::int32_t m, std::int32_t n) const {
+double flow_models::compute_log_prior(std::int32_t m, std::int32_t n) const {
     const double e = std::clamp(error_rate, 1e-9, 0.5);
-    const double miscall =
-        m == n ? std::log1p(-e) : std::log(e / 2) + (std::abs(m - n) - 1) * std::log(0.1);
-    // The spectrum's share of a length; a length 0 counts as a single base, so that the
-    // error term alone speaks against a base the consensus lacks.
-    auto share = [&](std::int32_t k) {
-        k = std::max(k, 1);
-        const auto size = static_cast<std::int32_t>(spectrum.size());
-        if (size <= 1) return 0.0;
-        if (k < size) return std::log(spectrum[static_cast<std::size_t>(k)] + 0.5);
-        return std::log(spectrum.back() + 0.5) + (k - size + 1) * std::log(0.25);
-    };
-    return miscall + share(m);
+    return m == n ? std::log1p(-e) : std::log(e / 2) + (std::abs(m - n) - 1) * std::log(0.1);
 }
 
 void flow_models::prepare() {
+    prior_.clear();
+    std::vector<double> prior(kPriorLengths * kPriorLengths);
+    for (std::int32_t n = 0; n < kPriorLengths; ++n)
+        for (std::int32_t m = 0; m < kPriorLengths; ++m)
+            prior[static_cast<std::size_t>(n * kPriorLengths + m)] = compute_log_prior(m, n);
+    prior_ = std::move(prior);
     table_files_ = models.size() + 1;
     table_.assign(table_files_ * kLengths * kTableValues, 0.0f);
     for (std::size_t f = 0; f < table_files_; ++f) {
         for (std::int32_t n = 0; n < kLengths; ++n) {
             const length_model m = at(f == 0 ? models.size() : f - 1, n);
-            float* row = &table_[(f * kLengths + static_cast<std::size_t>(n)) * kTableValues];
             for (int v = 0; v < kTableValues; ++v)
-                row[v] = static_cast<float>(::log_density(m, v / 100.0));
+                table_[(f * kTableValues + static_cast<std::size_t>(v)) * kLengths +
+                       static_cast<std::size_t>(n)] = static_cast<float>(::log_density(m, v / 100.0));
         }
     }
 }
 
-double flow_models::log_density(std::size_t file, std::int32_t n, std::uint16_t value) const {
-    const std::size_t f = file < models.size() ? file + 1 : 0;
-    if (n >= 0 && n < kLengths && f < table_files_ && value < kTableValues)
-        return table_[(f * kLengths + static_cast<std::size_t>(n)) * kTableValues + value];
+double flow_models::slow_log_density(std::size_t file, std::int32_t n, std::uint16_t value) const {
     return ::log_density(at(file, n), value / 100.0);
 }
 
@@ -280,15 +279,17 @@ std::string describe_models(const flow_models& m) {
         for (const length_model& l : m.models[f]) ++count[static_cast<int>(l.source)];
         if (!out.empty()) out += "; ";
         out += f < m.files.size() ? std::string(base_name(m.files[f])) : std::string("?");
-        out += ':';
+        char sep = ':';
         for (model_source s : {model_source::estimated, model_source::pooled,
                                model_source::extrapolated, model_source::fixed}) {
             const int k = count[static_cast<int>(s)];
             if (k == 0) continue;
+            out += sep;
             out += ' ';
             out += std::to_string(k);
             out += ' ';
             out += source_name(s);
+            sep = ',';
         }
     }
     return out;
@@ -297,85 +298,88 @@ std::string describe_models(const flow_models& m) {
 namespace {
 
 constexpr double kPhred = 10.0 / std::numbers::ln10;
+constexpr std::int32_t kMaxCandidates = 16;
 
-// The median of the values, in bases.
-double median_value(const run_value* values, std::size_t count) {
-    thread_local std::vector<std::uint16_t> scratch;
-    scratch.resize(count);
-    for (std::size_t i = 0; i < count; ++i) scratch[i] = values[i].value;
-    const auto mid = scratch.begin() + static_cast<std::ptrdiff_t>(count / 2);
-    std::nth_element(scratch.begin(), mid, scratch.end());
-    return *mid / 100.0;
-}
+// Posterior weights of the candidate lengths and what a run's call needs of them.
+struct posterior {
+    double log_post[kMaxCandidates] = {};
+    std::int32_t size = 0, best = 0;
 
-double log_sum_exp(const double* x, std::size_t count) {
-    const double top = *std::max_element(x, x + count);
-    double sum = 0.0;
-    for (std::size_t i = 0; i < count; ++i) sum += std::exp(x[i] - top);
-    return top + std::log(sum);
-}
+    // The most probable candidate, `keep` winning ties: it only moves on evidence.
+    void choose(std::int32_t keep) {
+        best = keep;
+        for (std::int32_t c = 0; c < size; ++c)
+            if (log_post[c] > log_post[best]) best = c;
+    }
+    // The phred-scaled probability that candidate `c` is not the length.
+    double phred_not(std::int32_t c) const {
+        // A candidate that leads every other by this many nats is certain to the cap.
+        constexpr double kDecisive = run_call::kMaxQual / kPhred + 3.0;
+        double second = -HUGE_VAL;
+        for (std::int32_t k = 0; k < size; ++k)
+            if (k != c) second = std::max(second, log_post[k]);
+        if (log_post[c] - second > kDecisive) return run_call::kMaxQual;
+        double here = 0.0, others = 0.0;
+        const double top = std::max(log_post[c], second);
+        for (std::int32_t k = 0; k < size; ++k) (k == c ? here : others) += std::exp(log_post[k] - top);
+        if (others <= 0.0) return run_call::kMaxQual;
+        return std::clamp(kPhred * std::log((here + others) / others), 0.0, run_call::kMaxQual);
+    }
+    // The phred-scaled probability that candidate `c` is the length.
+    double phred_is(std::int32_t c) const {
+        const double top = *std::max_element(log_post, log_post + size);
+        if (top - log_post[c] > run_call::kMaxQual / kPhred) return run_call::kMaxQual;
+        double total = 0.0;
+        for (std::int32_t k = 0; k < size; ++k) total += std::exp(log_post[k] - top);
+        return std::clamp(kPhred * (std::log(total) + top - log_post[c]), 0.0, run_call::kMaxQual);
+    }
+};
 
 }  // namespace
 
-// Only lengths within a base of the median value and the consensus length are weighed: the
-// robust likelihood of any length further from the bulk of the values is smaller by several
-// reads' worth of outlier terms, so it could neither win nor move the posterior.
-run_call call_values(const flow_models& m, const run_value* values, std::size_t count,
-                     std::int32_t n, std::int32_t min_strand) {
+run_call decide_run(const flow_models& m, std::int32_t n,
+                    const float (&likelihood)[2][run_window::kSize], std::int32_t forward_count,
+                    std::int32_t reverse_count, std::int32_t min_strand, double min_qual) {
     run_call out;
     out.called = n;
-    if (count == 0) return out;
-    constexpr std::int32_t kMaxCandidates = 16;
-    const auto middle = static_cast<std::int32_t>(std::lround(median_value(values, count)));
-    const std::int32_t lo = std::max(0, std::min(n, middle) - 1);
-    const std::int32_t hi = std::min(std::max(n, middle) + 1, lo + kMaxCandidates - 1);
-    const std::int32_t size = hi - lo + 1;
-    double both[kMaxCandidates], forward[kMaxCandidates], reverse[kMaxCandidates];
-    std::int32_t forward_count = 0;
-    for (std::size_t i = 0; i < count; ++i) forward_count += values[i].complemented ? 0 : 1;
-    const auto reverse_count = static_cast<std::int32_t>(count) - forward_count;
-    const bool by_strand = forward_count >= min_strand && reverse_count >= min_strand;
-    for (std::int32_t c = 0; c < size; ++c) {
-        double f = 0.0, r = 0.0;
-        for (std::size_t i = 0; i < count; ++i) {
-            const double ll = m.log_density(values[i].file, lo + c, values[i].value);
-            (values[i].complemented ? r : f) += ll;
-        }
-        forward[c] = f;
-        reverse[c] = r;
-        both[c] = f + r;
-    }
-    // The consensus length may lie outside the weighed range only when the range was cut.
-    const std::int32_t at_n = n - lo;
-    if (at_n < 0 || at_n >= size) return out;
-    double post[kMaxCandidates];
-    auto best_of = [&](const double* ll) {
-        std::int32_t best = at_n;
-        for (std::int32_t c = 0; c < size; ++c) {
-            post[c] = ll[c] + m.log_prior(lo + c, n);
-            if (c != at_n && post[c] > post[best]) best = c;
-        }
-        // Ties go to the consensus length: it is only moved by evidence.
-        if (post[best] <= post[at_n]) best = at_n;
-        return best;
+    if (forward_count + reverse_count == 0 || n < 0) return out;
+    const std::int32_t lo = run_window::first(n), size = run_window::kSize, at_n = n - lo;
+    double prior[kMaxCandidates];
+    for (std::int32_t c = 0; c < size; ++c) prior[c] = m.log_prior(lo + c, n);
+    auto weigh = [&](posterior& p, auto likelihood_of) {
+        p.size = size;
+        for (std::int32_t c = 0; c < size; ++c) p.log_post[c] = likelihood_of(c) + prior[c];
+        p.choose(at_n);
     };
-    if (by_strand) {
-        const std::int32_t f = best_of(forward);
-        out.strand_conflict = f != best_of(reverse);
+    const auto& [forward, reverse] = likelihood;
+    // The strands conflict only when each, alone, names its length with the confidence a
+    // call needs: a strand whose few values leave the length open does not speak.
+    if (forward_count >= min_strand && reverse_count >= min_strand) {
+        posterior f, r;
+        weigh(f, [&](std::int32_t c) { return double{forward[c]}; });
+        weigh(r, [&](std::int32_t c) { return double{reverse[c]}; });
+        out.strand_conflict = f.best != r.best && f.phred_not(f.best) >= min_qual &&
+                              r.phred_not(r.best) >= min_qual;
     }
-    const std::int32_t best = best_of(both);
-    const double total = log_sum_exp(post, static_cast<std::size_t>(size));
-    out.called = lo + best;
-    out.score = both[best] - both[at_n];
-    out.qual = std::min(run_call::kMaxQual, -kPhred * (post[at_n] - total));
-    double others[kMaxCandidates];
-    std::size_t k = 0;
-    for (std::int32_t c = 0; c < size; ++c)
-        if (c != best) others[k++] = post[c];
-    out.confidence =
-        k == 0 ? run_call::kMaxQual
-               : std::min(run_call::kMaxQual, -kPhred * (log_sum_exp(others, k) - total));
-    out.qual = std::max(out.qual, 0.0);
-    out.confidence = std::max(out.confidence, 0.0);
+    posterior both;
+    weigh(both, [&](std::int32_t c) { return double{forward[c]} + double{reverse[c]}; });
+    out.called = lo + both.best;
+    out.score = double{forward[both.best]} + double{reverse[both.best]} - double{forward[at_n]} -
+                double{reverse[at_n]};
+    out.confidence = both.phred_not(both.best);
+    out.qual = both.phred_is(at_n);
     return out;
+}
+
+run_call call_values(const flow_models& m, const run_value* values, std::size_t count,
+                     std::int32_t n, std::int32_t min_strand, double min_qual) {
+    float likelihood[2][run_window::kSize] = {};
+    std::int32_t counts[2] = {0, 0};
+    const std::int32_t lo = run_window::first(n);
+    for (std::size_t i = 0; i < count; ++i) {
+        const int strand = values[i].complemented() ? 1 : 0;
+        ++counts[strand];
+        m.add_densities(values[i].file(), lo, values[i].value, likelihood[strand]);
+    }
+    return decide_run(m, n, likelihood, counts[0], counts[1], min_strand, min_qual);
 }

@@ -50,8 +50,8 @@ bool run_order(const hp_run& a, const hp_run& b) {
 void flow_check::create_runs(const contig& c) {
     runs.clear();
     signals.clear();
-    found.clear();
     values.clear();
+    value_runs.clear();
     const auto L = static_cast<std::int32_t>(
         std::min<std::size_t>(c.consensus.size(), static_cast<std::size_t>(INT32_MAX - 1)));
     auto at = [&](std::int32_t column) {
@@ -148,6 +148,13 @@ void flow_check::create_runs(const contig& c) {
     std::sort(runs.begin(), runs.end(), run_order);
 }
 
+void flow_check::add_value(hp_run& r, std::uint16_t value, bool complemented, std::size_t file) {
+    if (models.pooled.empty()) models.set_fixed(model, 0);
+    r.add(value, complemented);
+    models.add_densities(file, run_window::first(r.consensus_length), value,
+                         r.likelihood[complemented ? 1 : 0]);
+}
+
 void flow_check::add_read(const contig& c, const READ& read, const tied_read& t,
                           std::int32_t read_number) {
     const auto L = static_cast<std::int64_t>(c.consensus.size());
@@ -218,9 +225,11 @@ void flow_check::add_read(const contig& c, const READ& read, const tied_read& t,
             if (static_cast<std::size_t>(flow) >= t.flowgram.size()) continue;
             value = t.flowgram[static_cast<std::size_t>(flow)];
         }
-        r.add(value, t.complemented);
-        found.push_back({static_cast<std::int32_t>(it - runs.begin()),
-                         run_value{value, t.file, t.complemented}});
+        add_value(r, value, t.complemented, t.file);
+        if (keep_values) {
+            values.emplace_back(value, t.file, t.complemented);
+            value_runs.push_back(static_cast<std::uint32_t>(it - runs.begin()));
+        }
         if (keep_signals)
             signals.push_back(
                 {static_cast<std::int32_t>(it - runs.begin()), read_number, value, t.complemented});

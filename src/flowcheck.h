@@ -64,23 +64,34 @@ struct hp_run {
     bool strand_conflict = false;
 
     std::int32_t signals = 0, forward = 0;
-    std::int64_t first_value = 0;  // into flow_check::values
     std::uint64_t sum = 0, sum_squares = 0;  // of the values in hundredths
     std::uint16_t max_value = 0;
     char letter = 'A';  // upper case
+    // The log-likelihood of the values under each length the call weighs (run_window::first
+    // and on), summed as they arrive, per strand: forward reads, then complemented ones. The
+    // run holds no values, so its memory does not grow with the depth.
+    float likelihood[2][run_window::kSize] = {};
 
     std::int32_t reverse() const { return signals - forward; }
     // In bases.
     double mean_signal() const {
         return signals > 0 ? static_cast<double>(sum) / 100.0 / signals : 0.0;
     }
-    // Adds one value (hundredths).
+    // Adds one value (hundredths) to the counts and sums; flow_check::add_value also weighs it.
     void add(std::uint16_t value, bool complemented) {
         ++signals;
         if (!complemented) ++forward;
         sum += value;
         sum_squares += std::uint64_t{value} * value;
         if (value > max_value) max_value = value;
+    }
+    // Forgets every value, keeping the run and its call.
+    void clear_signals() {
+        signals = forward = 0;
+        sum = sum_squares = 0;
+        max_value = 0;
+        for (auto& strand : likelihood)
+            for (float& x : strand) x = 0.0f;
     }
 };
 
@@ -133,11 +144,10 @@ class flow_check {
 
     std::vector<hp_run> runs;         // ordered by first owned column, then column and letter
     std::vector<run_signal> signals;  // filled only with keep_signals
-    // Every value a run got, as add_read found them, with the run's index; call_runs groups
-    // them by run into `values`, where run i's are values[runs[i].first_value ...], signals
-    // of them.
-    std::vector<std::pair<std::int32_t, run_value>> found;
+    // With keep_values, every value a run got and the run's index, for a fit's sample.
+    bool keep_values = false;
     std::vector<run_value> values;
+    std::vector<std::uint32_t> value_runs;
     tie_counts reads;  // the last contig's, from check_contig
 
     // The runs of the consensus, the runs of length 0 included (these need the reads' bases,
@@ -146,6 +156,8 @@ class flow_check {
     // The signals of one read tied to its record; `read_number` is what run_signal::read
     // records.
     void add_read(const contig& c, const READ& read, const tied_read& t, std::int32_t read_number);
+    // One value of run `r`, from a read of file `file`: counted and weighed.
+    void add_value(hp_run& r, std::uint16_t value, bool complemented, std::size_t file);
     // Calls the length of every run that has at least one signal.
     void call_runs();
     // The whole check of one contig: its runs, every read's record fetched through `lookup`
@@ -168,7 +180,7 @@ class flow_check {
     void calibrate(const contig_source& next, const std::vector<std::string>& sff_paths,
                    const read_finder& find, std::int64_t max_values = 2'000'000);
     void calibrate(const contig_source& next, const read_lookup& lookup);
-    // The checked contig's runs and signals, for a fit.
+    // The checked contig's runs and values (kept with keep_values), for a fit.
     void add_to(flow_sample& sample) const;
 
     bool tested(const hp_run& r) const {

@@ -260,56 +260,6 @@ TEST(Window, EveryReadsMeasuredValueBesideTheAssemblysCounts) {
     EXPECT_EQ(inside.runs, (std::vector<std::int32_t>{3, 4}));
 }
 
-double direct_log_likelihood(const flow_model& m, int n, const std::vector<double>& v) {
-    double ll = 0;
-    const double sd = m.sigma(n);
-    for (double x : v) ll += -std::log(sd) - (x - n) * (x - n) / (2 * sd * sd);
-    return ll;
-}
-
-TEST(Call, TheMostLikelyLengthAndItsRatioAgainstTheConsensus) {
-    struct row {
-        std::vector<double> values;
-        std::int32_t consensus, called;
-    };
-    const std::vector<row> rows = {
-        {{3.1, 2.9, 3.2, 2.8, 3.0}, 2, 3},  // lengthened
-        {{1.05, 0.95, 1.1, 0.9}, 2, 1},     // shortened
-        {{0.1, 0.05, 0.2, 0.12}, 1, 0},     // removed
-        {{1.0, 0.9, 1.1, 1.0}, 0, 1},       // a run the consensus lacks
-        {{2.0, 2.1, 1.9}, 2, 2},            // agreeing: score 0
-    };
-    for (const row& r : rows) {
-        flow_check check;
-        hp_run run;
-        run.consensus_length = r.consensus;
-        for (double v : r.values) run.add(static_cast<std::uint16_t>(std::lround(v * 100)), false);
-        check.runs = {run};
-        check.call_runs();
-        const hp_run& got = check.runs[0];
-        EXPECT_EQ(got.called_length, r.called) << r.values[0];
-        const double expected = direct_log_likelihood(check.model, r.called, r.values) -
-                                direct_log_likelihood(check.model, r.consensus, r.values);
-        EXPECT_NEAR(got.score, expected, 1e-6) << r.values[0];
-    }
-}
-
-TEST(Call, ThresholdsDecideWhatCountsAsDifferent) {
-    flow_check check;
-    hp_run r;
-    r.consensus_length = 2;
-    r.called_length = 3;
-    r.signals = 4;
-    r.score = 10.0;
-    EXPECT_TRUE(check.differs(r));
-    r.score = 9.99;
-    EXPECT_FALSE(check.differs(r));
-    r.score = 50;
-    r.signals = 3;
-    EXPECT_FALSE(check.tested(r));
-    EXPECT_FALSE(check.differs(r));
-}
-
 // The VCF records and the polished sequence of hand-set calls on a contig's runs.
 struct report {
     std::string vcf, polished;
@@ -323,9 +273,12 @@ report report_of(const std::string& consensus, const std::map<std::int32_t, std:
     for (hp_run& r : check.runs) {
         r.signals = 10;
         r.called_length = r.consensus_length;
+        r.confidence = 99;
         if (auto it = calls.find(r.column); it != calls.end()) {
             r.called_length = it->second;
             r.score = 20;
+            r.qual = 50;
+            r.confidence = 40;
         }
     }
     const std::string unpadded = unpadded_consensus(c);
@@ -337,30 +290,31 @@ report report_of(const std::string& consensus, const std::map<std::int32_t, std:
     return out;
 }
 
-const std::string kInfo = "\t.\tPASS\tDP=10;FWD=0;REV=10;";
+const std::string kInfo = "\t50.00\tPASS\tDP=10;FWD=0;REV=10;";
 
 TEST(Vcf, RecordsAreAnchoredOnTheBaseBeforeTheRun) {
     // Next to the contig's first base; behind pad columns; a run removed.
     EXPECT_EQ(report_of("AC**GGTA", {{2, 2}}).vcf,
-              "c1\t1\t.\tAC\tACC" + kInfo + "CL=1;HL=2;SC=20.00\n");
+              "c1\t1\t.\tAC\tACC" + kInfo + "CL=1;HL=2;SC=20.00;CQ=40.00\n");
     EXPECT_EQ(report_of("AC**GGTA", {{5, 3}}).vcf,
-              "c1\t2\t.\tCGG\tCGGG" + kInfo + "CL=2;HL=3;SC=20.00\n");
+              "c1\t2\t.\tCGG\tCGGG" + kInfo + "CL=2;HL=3;SC=20.00;CQ=40.00\n");
     const report removed = report_of("AC**GGTA", {{7, 0}});
-    EXPECT_EQ(removed.vcf, "c1\t4\t.\tGT\tG" + kInfo + "CL=1;HL=0;SC=20.00\n");
+    EXPECT_EQ(removed.vcf, "c1\t4\t.\tGT\tG" + kInfo + "CL=1;HL=0;SC=20.00;CQ=40.00\n");
     EXPECT_EQ(removed.polished, "ACGGA");
 }
 
 TEST(Vcf, CallsSharingAnAnchorBaseBecomeOneRecord) {
     const report both = report_of("AC**GGTA", {{2, 2}, {5, 3}});
     EXPECT_EQ(both.vcf,
-              "c1\t1\t.\tACGG\tACCGGG\t.\tPASS\tDP=10,10;FWD=0,0;REV=10,10;CL=1,2;HL=2,3;"
-              "SC=20.00,20.00\n");
+              "c1\t1\t.\tACGG\tACCGGG\t50.00\tPASS\tDP=10,10;FWD=0,0;REV=10,10;CL=1,2;HL=2,3;"
+              "SC=20.00,20.00;CQ=40.00,40.00\n");
     EXPECT_EQ(both.polished, "ACCGGGTA");
     // A run the consensus lacks goes in after the base before its pad columns.
     const report inserted = report_of("AC**GGTA", {{3, 1}, {5, 1}}, {{"r", 1, "ACTTGGTA"}});
     EXPECT_EQ(
         inserted.vcf,
-        "c1\t2\t.\tCGG\tCTG\t.\tPASS\tDP=10,10;FWD=0,0;REV=10,10;CL=0,2;HL=1,1;SC=20.00,20.00\n");
+        "c1\t2\t.\tCGG\tCTG\t50.00\tPASS\tDP=10,10;FWD=0,0;REV=10,10;CL=0,2;HL=1,1;"
+        "SC=20.00,20.00;CQ=40.00,40.00\n");
     EXPECT_EQ(inserted.polished, "ACTGTA");
 }
 
@@ -373,6 +327,7 @@ TEST(Vcf, CollidingCallsKeepTheStrongerAndCaseIsKept) {
         r.signals = 10;
         r.called_length = r.consensus_length == 0 ? 1 : r.consensus_length;
         r.score = r.letter == 'A' ? 30 : r.consensus_length == 0 ? 15 : 0;
+        r.qual = r.confidence = r.letter == 'A' ? 60.0f : r.consensus_length == 0 ? 30.0f : 99.0f;
     }
     const std::string unpadded = unpadded_consensus(c);
     std::vector<consensus_edit> edits;
@@ -435,27 +390,54 @@ TEST(Program, WritesTheFourFilesAndASummary) {
     const run_result res = flowcheck({"asm.ace", "a.sff"}, d.path);
     EXPECT_EQ(res.status, 0) << res.err;
     EXPECT_EQ(res.out, "");
+    // Four reads are too few to fit a model: the fixed one serves, and the summary says so.
     EXPECT_EQ(res.err,
-              "sorvexa-flowcheck: 1 contigs, 9 runs tested, 1 called different; reads: 4 tied, 0 "
-              "untied, 1 in no SFF file\n");
+              "sorvexa-flowcheck: 1 contigs (0 unchecked), 9 of 11 runs tested, 1 called "
+              "different (1 pass); reads: 4 tied, 0 untied, 1 in no SFF file\n"
+              "sorvexa-flowcheck: model fitted: a.sff: 13 fixed\n");
     EXPECT_EQ(read_file(d / "asm.consensus.fa"), ">Contig1\nACGTTCAGGTACA\n");
     EXPECT_EQ(read_file(d / "asm.polished.fa"), ">Contig1\nACGTTTCAGGTACA\n");
     const std::string vcf = read_file(d / "asm.flowcheck.vcf");
     EXPECT_NE(vcf.find("##reference=file:asm.consensus.fa\n##contig=<ID=Contig1,length=13>\n"),
               std::string::npos);
-    EXPECT_NE(vcf.find("\nContig1\t3\t.\tGTT\tGTTT\t.\tPASS\tDP=4;FWD=4;REV=0;CL=2;HL=3;SC="),
+    EXPECT_NE(vcf.find("\n##flowcheck_coverage=<ID=Contig1,Reads=5,Tied=4,Untied=0,NotFound=1,"
+                       "Runs=11,Tested=9,Status=checked>\n"),
               std::string::npos);
+    EXPECT_NE(vcf.find("\n##FILTER=<ID=StrandConflict,"), std::string::npos);
+    const std::size_t call = vcf.find("\nContig1\t3\t.\tGTT\tGTTT\t");
+    ASSERT_NE(call, std::string::npos);
+    EXPECT_NE(vcf.find("\tPASS\tDP=4;FWD=4;REV=0;CL=2;HL=3;SC=", call), std::string::npos);
     const std::string tsv = read_file(d / "asm.flowcheck.tsv");
     EXPECT_EQ(
         tsv.substr(0, tsv.find('\n')),
         "contig\tcolumn\tposition\tletter\tconsensus_length\tcalled_length\tsignals\tforward\t"
-        "reverse\tmean_signal\tscore");
-    EXPECT_NE(tsv.find("\nContig1\t4\t4\tT\t2\t3\t4\t4\t0\t"), std::string::npos);
+        "reverse\tmean_signal\tscore\tqual\tconfidence\tfilter");
+    EXPECT_NE(tsv.find("\n# Contig1: 5 reads (4 tied, 0 untied, 1 in no SFF file), 9 of 11 runs "
+                       "tested: checked\nContig1\t4\t4\tT\t2\t3\t4\t4\t0\t"),
+              std::string::npos);
+    EXPECT_EQ(tsv.substr(tsv.size() - 6), "\tPASS\n");
+
+    // The model it used, read back with --model, gives the same calls; the fixed model's
+    // options give its own.
+    const std::string model = read_file(d / "asm.flowcheck.model.tsv");
+    EXPECT_EQ(model.substr(0, model.find('\n')),
+              "file\tlength\tsignals\tcentre\tspread\toutlier_rate\tsource");
+    ASSERT_TRUE(write_file(d / "saved.tsv", model));
+    const run_result again = flowcheck({"--model", "saved.tsv", "-o", "again", "asm.ace", "a.sff"}, d.path);
+    EXPECT_EQ(again.status, 0) << again.err;
+    EXPECT_NE(again.err.find("model read from saved.tsv"), std::string::npos);
+    EXPECT_EQ(read_file(d / "again.flowcheck.tsv"), tsv);
+    EXPECT_EQ(read_file(d / "again.flowcheck.model.tsv"), model);
+    const run_result wide =
+        flowcheck({"--sigma-base", "0.5", "-o", "wide", "asm.ace", "a.sff"}, d.path);
+    EXPECT_NE(wide.err.find("model fixed"), std::string::npos);
+    EXPECT_NE(read_file(d / "wide.flowcheck.model.tsv").find("a.sff\t2\t0\t2.0000\t0.6800\t"),
+              std::string::npos);
 
     // --all lists every weighed run; -o puts the files elsewhere.
     EXPECT_EQ(flowcheck({"--all", "-o", "sub", "asm.ace", "a.sff"}, d.path).status, 0);
     const std::string all = read_file(d / "sub.flowcheck.tsv");
-    EXPECT_EQ(std::count(all.begin(), all.end(), '\n'), 10);
+    EXPECT_EQ(std::count(all.begin(), all.end(), '\n'), 11);
 }
 
 TEST(Program, BadCommandLinesAndInputs) {
@@ -476,6 +458,18 @@ TEST(Program, BadCommandLinesAndInputs) {
         {{"--sigma-base", "0", "asm.ace", "a.sff"},
          2,
          "sorvexa-flowcheck: --sigma-base takes a number above 0, not '0'"},
+        {{"--min-qual", "-1", "asm.ace", "a.sff"},
+         2,
+         "sorvexa-flowcheck: --min-qual takes a number of at least 0, not '-1'"},
+        {{"--model", "m.tsv", "--sigma-slope", "0.1", "asm.ace", "a.sff"},
+         2,
+         "sorvexa-flowcheck: --model and the fixed model's --sigma options exclude each other"},
+        {{"--model", "missing.tsv", "asm.ace", "a.sff"},
+         1,
+         "sorvexa-flowcheck: can not read model file missing.tsv"},
+        {{"--model", "asm.ace", "asm.ace", "a.sff"},
+         1,
+         "sorvexa-flowcheck: asm.ace: line 1 is not the model's header line"},
         {{"--frobnicate", "asm.ace", "a.sff"}, 2, "sorvexa-flowcheck: unknown option --frobnicate"},
         {{"--all=yes", "asm.ace", "a.sff"}, 2, "sorvexa-flowcheck: option --all takes no value"},
         {{"--help=x"}, 2, "sorvexa-flowcheck: option --help takes no value"},
@@ -495,13 +489,13 @@ TEST(Program, BadCommandLinesAndInputs) {
     }
     ASSERT_TRUE(write_file(d / "bad.ace", "AS 1 1\n\nCO c 4 1 1 U\nACGT\n\nXX\n"));
     EXPECT_EQ(flowcheck({"bad.ace", "a.sff"}, d.path).status, 1);
-    // A contig out of grammar after a good one: what was written for the first stays, in all
-    // four files.
+    // A contig out of grammar after a good one: the fit reads every contig of so small an
+    // assembly first, so the run ends there, with the reader's message and status 1.
     ASSERT_TRUE(
         write_file(d / "late.ace", read_file(d / "asm.ace") + "CO c 4 1 1 U\nACGT\n\nXX\n"));
-    EXPECT_EQ(flowcheck({"late.ace", "a.sff"}, d.path).status, 1);
-    EXPECT_EQ(read_file(d / "late.consensus.fa"), ">Contig1\nACGTTCAGGTACA\n");
-    EXPECT_EQ(read_file(d / "late.polished.fa"), ">Contig1\nACGTTTCAGGTACA\n");
+    const run_result late = flowcheck({"late.ace", "a.sff"}, d.path);
+    EXPECT_EQ(late.status, 1);
+    EXPECT_FALSE(late.err.empty());
 
     const run_result help = flowcheck({"-h"}, d.path);
     EXPECT_EQ(help.status, 0);
