@@ -134,8 +134,10 @@ response site::contig_window(std::size_t index, const request& req) const {
     const window& w = d.w;
     if (differences) differences_only(d.view);
     const window_view& v = d.view;
+    // The window does not wait for the model's fit: its evidence shows once the fit is done.
+    const bool fitting = evidence != nullptr && evidence->models_if_ready() == nullptr;
     const std::shared_ptr<const contig_evidence> ev =
-        evidence != nullptr ? evidence->get(index) : nullptr;
+        evidence != nullptr && !fitting ? evidence->get(index) : nullptr;
     // This window with one toggle changed.
     auto toggled = [&](bool signals, bool diff) {
         return window_href(s.name, w.from, w.width, v.page) +
@@ -158,6 +160,11 @@ response site::contig_window(std::size_t index, const request& req) const {
              fixed(s.avg_len, 0) + " on average");
     fact(h, "layout rows", grouped(s.rows));
     h.close("dl").markup("\n");
+    if (ev != nullptr) coverage_note(h, ev->coverage);
+    if (fitting)
+        h.element("p", {{"class", "note"}},
+                  "The flow model is still being fitted to this assembly's signals: the runs the "
+                  "flowgrams dispute show here once it is; reload in a moment.");
     h.append(depth_chart(*d.b, w.from, w.last, w.width,
                          contig_href(s.name) + "?width=" + std::to_string(w.width) + "&from="));
 
@@ -247,7 +254,7 @@ response site::contig_window(std::size_t index, const request& req) const {
                   "the length the flowgrams call where they dispute it.");
         signals_map_html(*d.b, v, *ev, sff, fnames, fmap);
     } else {
-        if (signals_view)
+        if (signals_view && !fitting)
             h.element("p", {{"class", "error"}},
                       "The flow signals cannot be read: the files changed since start-up.");
         h.element("p", {{"class", "note"}},

@@ -34,22 +34,32 @@ std::vector<bool> unchanged_files(const read_source& sff) {
     return unchanged;
 }
 
-}  // namespace
-
-std::shared_ptr<const contig_evidence> build_evidence(const contig& c, const read_source& sff) {
-    auto e = std::make_shared<contig_evidence>();
+std::vector<std::string> paths_of(const read_source& sff) {
     std::vector<std::string> paths;
     for (const read_source::sff_file& f : sff.files) paths.push_back(f.path);
-    const std::vector<bool> unchanged = unchanged_files(sff);
-    e->check.check_contig(
-        c, paths,
-        [&](const std::string& name, std::int64_t& pos) {
-            const read_source::entry* found = sff.find(name);
-            if (found == nullptr || !unchanged[found->file]) return -1;
-            pos = found->pos;
-            return static_cast<int>(found->file);
-        },
-        e->counts);
+    return paths;
+}
+
+// The file and record of a read as the check looks them up; a file that changed holds none.
+flow_check::read_finder finder_of(const read_source& sff, std::vector<bool> unchanged) {
+    return [&sff, unchanged = std::move(unchanged)](const std::string& name, std::int64_t& pos) {
+        const read_source::entry* found = sff.find(name);
+        if (found == nullptr || !unchanged[found->file]) return -1;
+        pos = found->pos;
+        return static_cast<int>(found->file);
+    };
+}
+
+}  // namespace
+
+std::shared_ptr<const contig_evidence> build_evidence(const contig& c, const read_source& sff,
+                                                      std::shared_ptr<const flow_models> models) {
+    auto e = std::make_shared<contig_evidence>();
+    e->check.models = *models;
+    e->check.check_contig(c, paths_of(sff), finder_of(sff, unchanged_files(sff)), e->counts);
+    e->check.models = flow_models{};
+    e->models = std::move(models);
+    e->coverage = e->check.coverage();
     e->unpadded = unpadded_consensus(c);
     e->check.edits(e->unpadded, e->edits);
     for (const consensus_edit& edit : e->edits) e->disputed.push_back(edit.run);
@@ -60,6 +70,21 @@ std::shared_ptr<const contig_evidence> build_evidence(const contig& c, const rea
     e->bytes =
         e->check.runs.capacity() * sizeof(hp_run) + e->unpadded.size() + e->edits.size() * 64 + 256;
     return e;
+}
+
+flow_models fit_models(const assembly& a, const read_source& sff, const std::atomic<bool>& stop) {
+    flow_check check;
+    file_stamp now;
+    if (sff.files.empty() || !stamp_of(a.ace_path, now) || !(now == a.ace_stamp)) {
+        check.models.set_fixed(check.model, sff.files.size());
+        check.models.files = paths_of(sff);
+        return std::move(check.models);
+    }
+    // As sorvexa-flowcheck reads them: the contigs from the file's start, one after another.
+    aceReader ace(a.ace_path);
+    check.calibrate([&](contig& c) { return !stop && ace.next_contig(c) != 0; }, paths_of(sff),
+                    finder_of(sff, unchanged_files(sff)));
+    return std::move(check.models);
 }
 
 std::map<std::string, tied_read> tie_reads(const contig& c, const read_source& sff,
@@ -134,13 +159,52 @@ evidence_store::evidence_store(assembly& a, const read_source& s, std::size_t ca
       sff_(s),
       cache_size_(std::max<std::size_t>(cache_size, 1)),
       cache_bytes_(cache_bytes),
-      counts_(std::make_unique<std::atomic<std::int32_t>[]>(a.contigs.size())) {
-    for (std::size_t i = 0; i < a.contigs.size(); ++i) counts_[i] = -1;
-}
+      tallies_(a.contigs.size()) {}
 
 evidence_store::~evidence_store() {
     stop_ = true;
+    if (fitter_.joinable()) fitter_.join();
     if (counter_.joinable()) counter_.join();
+}
+
+void evidence_store::use_models(flow_models m, std::string origin) {
+    auto shared = std::make_shared<const flow_models>(std::move(m));
+    std::lock_guard<std::mutex> lock(model_mutex_);
+    models_ = std::move(shared);
+    model_origin_ = std::move(origin);
+    model_ready_.notify_all();
+}
+
+void evidence_store::fit_in_background() {
+    if (fitter_.joinable()) return;
+    // At the request threads' priority: evidence pages wait for it.
+    fitter_ = std::thread([this] { models(); });
+}
+
+std::shared_ptr<const flow_models> evidence_store::models() {
+    std::unique_lock<std::mutex> lock(model_mutex_);
+    if (models_ == nullptr && !fitting_) {
+        fitting_ = true;
+        lock.unlock();
+        auto fitted = std::make_shared<const flow_models>(fit_models(ace_, sff_, stop_));
+        // The fit's sample of signals is freed by now: hand it back.
+        malloc_trim(0);
+        lock.lock();
+        fitting_ = false;
+        if (models_ == nullptr) {
+            models_ = std::move(fitted);
+            model_origin_ = "fitted to this assembly's signals";
+        }
+        model_ready_.notify_all();
+    }
+    model_ready_.wait(lock, [this] { return models_ != nullptr; });
+    return models_;
+}
+
+std::shared_ptr<const flow_models> evidence_store::models_if_ready(std::string* origin) const {
+    std::lock_guard<std::mutex> lock(model_mutex_);
+    if (origin != nullptr) *origin = model_origin_;
+    return models_;
 }
 
 namespace {
@@ -155,6 +219,11 @@ bool parse_again(const assembly& a, std::size_t index, contig& c) {
 
 }  // namespace
 
+void evidence_store::record(std::size_t index, const contig_evidence& e) {
+    std::lock_guard<std::mutex> lock(tally_mutex_);
+    tallies_[index] = contig_tally{static_cast<std::int32_t>(e.disputed.size()), e.coverage};
+}
+
 std::shared_ptr<const contig_evidence> evidence_store::get(std::size_t index) {
     if (index >= ace_.contigs.size()) return nullptr;
     {
@@ -165,6 +234,7 @@ std::shared_ptr<const contig_evidence> evidence_store::get(std::size_t index) {
             return e.evidence;
         }
     }
+    std::shared_ptr<const flow_models> m = models();
     // One build at a time: requests for the same contig wait for the first instead of
     // repeating its work, and the memory of builds does not add up.
     std::lock_guard<std::mutex> build(build_mutex_);
@@ -175,8 +245,8 @@ std::shared_ptr<const contig_evidence> evidence_store::get(std::size_t index) {
     }
     contig c;
     if (!parse_again(ace_, index, c)) return nullptr;
-    std::shared_ptr<const contig_evidence> built = build_evidence(c, sff_);
-    counts_[index] = static_cast<std::int32_t>(built->disputed.size());
+    std::shared_ptr<const contig_evidence> built = build_evidence(c, sff_, std::move(m));
+    record(index, *built);
     std::lock_guard<std::mutex> lock(mutex_);
     // The most recently used stay, within both bounds (the newest always).
     std::size_t bytes = built->bytes;
@@ -195,13 +265,14 @@ std::shared_ptr<const contig_evidence> evidence_store::get(std::size_t index) {
 void evidence_store::count_in_background() {
     if (counter_.joinable()) return;
     counter_ = std::thread([this] {
+        const std::shared_ptr<const flow_models> m = models();
         // Pages come first: the count runs at a lower priority than the request threads.
         setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), 10);
         for (std::size_t i = 0; i < ace_.contigs.size() && !stop_; ++i) {
-            if (counts_[i] >= 0) continue;
+            if (tally(i)) continue;
             contig c;
             if (!parse_again(ace_, i, c)) return;
-            counts_[i] = static_cast<std::int32_t>(build_evidence(c, sff_)->disputed.size());
+            record(i, *build_evidence(c, sff_, m));
             // What a contig's check took is handed back before the next one.
             c = contig{};
             malloc_trim(0);
@@ -209,8 +280,14 @@ void evidence_store::count_in_background() {
     });
 }
 
+std::optional<contig_tally> evidence_store::tally(std::size_t index) const {
+    std::lock_guard<std::mutex> lock(tally_mutex_);
+    return index < tallies_.size() ? tallies_[index] : std::nullopt;
+}
+
 std::int32_t evidence_store::disputed_runs(std::size_t index) const {
-    return index < ace_.contigs.size() ? counts_[index].load() : -1;
+    const std::optional<contig_tally> t = tally(index);
+    return t ? t->disputed : -1;
 }
 
 }  // namespace browse

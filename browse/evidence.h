@@ -1,10 +1,12 @@
 // The flow-signal evidence the browser shows: every homopolymer run of a contig weighed
-// against the flow values its reads measured, by the library's check (the numbers of
-// sorvexa-flowcheck), built when a page first needs it and kept for the contig; and, in the
-// background after start-up, the number of disputed runs of every contig for the overview.
+// against the flow values its reads measured, by the library's check under the model that
+// sorvexa-flowcheck fits to the same assembly and files (so the numbers are the program's),
+// built when a page first needs it and kept for the contig; and, in the background after
+// start-up, what was weighed of every contig and its disputed runs, for the overview.
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -25,8 +27,12 @@ namespace browse {
 // reads' flows (a deep contig's would take tens of megabytes); a page ties again the few
 // reads it draws (tie_reads).
 struct contig_evidence {
-    flow_check check;  // runs and calls
+    // Runs and calls. The check's own copy of the model is dropped once the calls are made
+    // (each file's table is tens of kilobytes); `models` is the one they were made under.
+    flow_check check;
+    std::shared_ptr<const flow_models> models;
     tie_counts counts;
+    contig_coverage coverage;  // how much of the contig the reads weighed
     std::string unpadded;
     std::vector<consensus_edit> edits;   // the calls, as sorvexa-flowcheck applies them
     std::vector<std::int32_t> disputed;  // runs of the edits, highest score first
@@ -45,9 +51,16 @@ struct contig_evidence {
     bool is_disputed(std::int32_t run) const;
 };
 
-// The check of contig `c` (as the ACE file has it) with its reads fetched through `sff`;
-// reads whose file changed since start-up count as in no file.
-std::shared_ptr<const contig_evidence> build_evidence(const contig& c, const read_source& sff);
+// The check of contig `c` (as the ACE file has it) under `models`, with its reads fetched
+// through `sff`; reads whose file changed since start-up count as in no file.
+std::shared_ptr<const contig_evidence> build_evidence(const contig& c, const read_source& sff,
+                                                      std::shared_ptr<const flow_models> models);
+
+// The model sorvexa-flowcheck fits to the same assembly and SFF files: the library's
+// calibration over the contigs in file order, the files in the order given. Stops early
+// (with what it gathered) once `stop` is set; the fixed model when there is no SFF file or
+// the ACE file changed since start-up.
+flow_models fit_models(const assembly& a, const read_source& sff, const std::atomic<bool>& stop);
 
 // The named reads of contig `c` tied to their records (each file opened once); reads that
 // cannot be tied are left out.
@@ -65,6 +78,12 @@ enum class signal_class { close, borderline, disputed };
 signal_class classify(std::int32_t value, std::int32_t count);
 constexpr std::int32_t close_within = 25, borderline_within = 50;
 
+// What the background count found of a contig.
+struct contig_tally {
+    std::int32_t disputed = 0;
+    contig_coverage coverage;
+};
+
 class evidence_store {
   public:
     evidence_store(assembly& a, const read_source& s, std::size_t cache_size = 4,
@@ -73,14 +92,26 @@ class evidence_store {
     evidence_store(const evidence_store&) = delete;
     evidence_store& operator=(const evidence_store&) = delete;
 
+    // The model every check weighs its values under: one read from a table (given before
+    // anything asks for evidence), else fitted once by fit_models. Until then no evidence is
+    // built, so none is ever kept that the fixed model made.
+    void use_models(flow_models m, std::string origin);
+    // Starts the fit in a thread of its own, so that start-up need not wait for it.
+    void fit_in_background();
+    // The model, waiting for the fit (or making it, when no one has started it).
+    std::shared_ptr<const flow_models> models();
+    // Null while the fit is still running; with where the model came from.
+    std::shared_ptr<const flow_models> models_if_ready(std::string* origin = nullptr) const;
+
     // The evidence of contig `index`, built on first use (parsing the contig again from the
     // ACE file) and kept for the most recently used contigs; null when the ACE file changed.
     std::shared_ptr<const contig_evidence> get(std::size_t index);
 
-    // Starts counting the disputed runs of every contig, one contig at a time, in a thread of
-    // its own; disputed_runs() is -1 for a contig not counted yet.
+    // Starts weighing every contig, one at a time after the model is there, in a thread of
+    // its own; tally() is empty for a contig not weighed yet.
     void count_in_background();
-    std::int32_t disputed_runs(std::size_t index) const;
+    std::optional<contig_tally> tally(std::size_t index) const;
+    std::int32_t disputed_runs(std::size_t index) const;  // -1 when not counted yet
 
   private:
     assembly& ace_;
@@ -95,9 +126,18 @@ class evidence_store {
     };
     std::vector<cached> cache_;
     std::uint64_t clock_ = 0;
-    std::unique_ptr<std::atomic<std::int32_t>[]> counts_;
+    mutable std::mutex tally_mutex_;
+    std::vector<std::optional<contig_tally>> tallies_;
+    void record(std::size_t index, const contig_evidence& e);
+
+    mutable std::mutex model_mutex_;
+    std::condition_variable model_ready_;
+    std::shared_ptr<const flow_models> models_;
+    std::string model_origin_;
+    bool fitting_ = false;
+
     std::atomic<bool> stop_{false};
-    std::thread counter_;
+    std::thread fitter_, counter_;
 };
 
 }  // namespace browse

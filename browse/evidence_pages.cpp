@@ -44,20 +44,54 @@ std::string length_change(const hp_run& r) {
     return std::to_string(r.consensus_length) + " \u2192 " + std::to_string(r.called_length);
 }
 
+// The SFF files whose reads measured the run, in file order: their models weigh its values.
+std::vector<std::size_t> files_of(const read_source& sff, const std::vector<run_signal>& signals,
+                                  const std::vector<std::string>& names) {
+    std::vector<bool> seen(sff.files.size(), false);
+    for (const run_signal& sig : signals)
+        if (const read_source::entry* found = sff.find(names[static_cast<std::size_t>(sig.read)]))
+            seen[found->file] = true;
+    std::vector<std::size_t> files;
+    for (std::size_t f = 0; f < seen.size(); ++f)
+        if (seen[f]) files.push_back(f);
+    return files;
+}
+
+// The lengths whose curves the run page draws: the consensus and called ones and one beyond.
+std::pair<std::int32_t, std::int32_t> lengths_drawn(const hp_run& r) {
+    return {std::max(0, std::min(r.consensus_length, r.called_length) - 1),
+            std::max(r.consensus_length, r.called_length) + 1};
+}
+
+// One curve a file: told apart by the dashes, named in the model table under the plot.
+struct curve_style {
+    const char* dashes;
+    const char* name;
+};
+curve_style style_of(std::size_t k) {
+    static const curve_style styles[] = {
+        {"none", "solid"}, {"6 3", "dashed"}, {"2 3", "dotted"}, {"9 3 2 3", "dash-dot"}};
+    return styles[k % 4];
+}
+
 // The picture a finisher decides from: every read's value as a dot (forward and complemented
-// reads in two colours, spread vertically so that equal values stay apart), the model's
-// curve for each length around the run's, and the consensus and called lengths marked.
-void run_plot(html& out, const contig_evidence& e, const hp_run& r,
-              const std::vector<const run_signal*>& signals) {
-    const double width = 640, height = 280, left = 40, right = 20, top = 20, axis = 210;
-    const std::int32_t lo = std::max(0, std::min(r.consensus_length, r.called_length) - 1);
-    const std::int32_t hi = std::max(r.consensus_length, r.called_length) + 1;
+// reads in two colours, spread vertically so that equal values stay apart), the density of a
+// value under each length around the run's as the model of each file that measured the run
+// has it (outliers included, so a curve's floor is the outlier share), and the consensus and
+// called lengths marked.
+void run_plot(html& out, const flow_models& models, const std::vector<std::size_t>& files,
+              const hp_run& r, const std::vector<const run_signal*>& signals) {
+    const double width = 640, left = 40, right = 20, top = 20, axis = 210;
+    const auto [lo, hi] = lengths_drawn(r);
     const double x_max = std::max<double>(hi + 0.6, r.max_value / 100.0 + 0.3);
     auto x_of = [&](double v) { return left + (width - left - right) * v / x_max; };
     auto num = [](double v) { return fixed(v, 1); };
-    const flow_model& m = e.check.model;
     double peak = 0;
-    for (std::int32_t n = lo; n <= hi; ++n) peak = std::max(peak, 1.0 / m.sigma(n));
+    for (std::size_t f : files)
+        for (std::int32_t n = lo; n <= hi; ++n) {
+            const length_model m = models.at(f, n);
+            peak = std::max(peak, std::exp(log_density(m, m.centre)));
+        }
     out.open("svg", {{"class", "run-plot"},
                      {"viewBox", "0 0 640 280"},
                      {"width", "640"},
@@ -78,20 +112,28 @@ void run_plot(html& out, const contig_evidence& e, const hp_run& r,
         out.element("text", {{"x", num(x_of(n) - 3)}, {"y", num(axis + 18)}, {"font-size", "11"}},
                     std::to_string(n));
     }
-    // The model: N(n, sigma(n)) for each length, drawn to one scale.
-    for (std::int32_t n = lo; n <= hi; ++n) {
-        std::string points;
-        const double sd = std::max(m.sigma(n), 1e-6);
-        for (int k = 0; k <= 200; ++k) {
-            const double v = x_max * k / 200.0;
-            const double d = std::exp(-(v - n) * (v - n) / (2 * sd * sd)) / sd;
-            const double y = axis - (axis - top - 20) * d / peak;
-            if (!points.empty()) points += ' ';
-            points += num(x_of(v)) + "," + num(y);
-        }
-        out.empty("polyline", {{"points", points}, {"fill", "none"}, {"stroke", "#999"}});
-        out.element("text", {{"x", num(x_of(n) - 4)}, {"y", num(top + 10)}, {"font-size", "11"}},
+    // Fine enough that the narrowest core the fit allows still shows its peak.
+    constexpr int kSteps = 400;
+    for (std::size_t k = 0; k < files.size(); ++k) {
+        for (std::int32_t n = lo; n <= hi; ++n) {
+            const length_model m = models.at(files[k], n);
+            std::string points;
+            for (int step = 0; step <= kSteps; ++step) {
+                const double v = x_max * step / kSteps;
+                const double y = axis - (axis - top - 20) * std::exp(log_density(m, v)) / peak;
+                if (!points.empty()) points += ' ';
+                points += num(x_of(v)) + "," + num(y);
+            }
+            out.empty("polyline", {{"points", points},
+                                   {"fill", "none"},
+                                   {"stroke", "#999"},
+                                   {"stroke-dasharray", style_of(k).dashes}});
+            if (k == 0)
+                out.element(
+                    "text",
+                    {{"x", num(x_of(m.centre) - 4)}, {"y", num(top + 10)}, {"font-size", "11"}},
                     "n=" + std::to_string(n));
+        }
     }
     auto mark = [&](std::int32_t n, const char* colour, const char* label, double y) {
         out.empty("line", {{"x1", num(x_of(n))},
@@ -122,7 +164,35 @@ void run_plot(html& out, const contig_evidence& e, const hp_run& r,
                 {{"x", "2"}, {"y", num(axis + 58)}, {"font-size", "10"}, {"fill", "#d62728"}},
                 "rev");
     out.close("svg");
-    (void)height;
+}
+
+// The numbers behind the curves: per file drawn and length, the model's parameters, written
+// as sorvexa-flowcheck writes its model table.
+void model_table(html& out, const site& s, const flow_models& models,
+                 const std::vector<std::size_t>& files, const hp_run& r) {
+    const auto [lo, hi] = lengths_drawn(r);
+    out.open("table", {{"class", "model"}});
+    out.markup(
+        "<thead><tr><th>SFF file</th><th>curve</th><th>length</th><th>centre</th><th>spread</th>"
+        "<th>outlier share</th><th>signals fitted</th><th>source</th></tr></thead><tbody>");
+    for (std::size_t k = 0; k < files.size(); ++k) {
+        const std::size_t f = files[k];
+        for (std::int32_t n = lo; n <= hi; ++n) {
+            const length_model m = models.at(f, n);
+            out.open("tr");
+            out.element("td", f < s.sff.files.size() ? s.sff.files[f].path
+                                                     : std::string("every file (pooled)"));
+            out.element("td", style_of(k).name);
+            out.element("td", std::to_string(n));
+            out.element("td", fixed(m.centre, 4));
+            out.element("td", fixed(m.spread, 4));
+            out.element("td", fixed(m.outlier, 5));
+            out.element("td", grouped(m.signals));
+            out.element("td", source_name(m.source));
+            out.close("tr");
+        }
+    }
+    out.markup("</tbody>").close("table");
 }
 
 // The file name sorvexa-flowcheck gives the consensus of this ACE file.
@@ -144,7 +214,7 @@ response calls_vcf(const site& s, std::size_t contig, std::string_view, const re
     response r;
     r.content_type = "text/plain; charset=utf-8";
     append_vcf_header(r.body, "sorvexa-browse", consensus_file(s.ace.ace_path),
-                      {{name, static_cast<std::int64_t>(e->unpadded.size()), e->check.coverage()}});
+                      {{name, static_cast<std::int64_t>(e->unpadded.size()), e->coverage}});
     append_vcf_records(r.body, name, e->unpadded, e->edits, e->check);
     r.attachment = file_name_for(name) + ".flowcheck.vcf";
     return r;
@@ -158,6 +228,7 @@ response calls_tsv(const site& s, std::size_t contig, std::string_view, const re
     response r;
     r.content_type = "text/plain; charset=utf-8";
     append_tsv_header(r.body);
+    append_tsv_coverage(r.body, name, e->coverage);
     std::vector<char> applied(e->check.runs.size(), 0);
     for (const consensus_edit& edit : e->edits) applied[static_cast<std::size_t>(edit.run)] = 1;
     for (std::size_t i = 0; i < e->check.runs.size(); ++i)
@@ -224,13 +295,27 @@ response search_page(const site& s, std::string_view rest, const request& req) {
     return r;
 }
 
+void coverage_note(html& out, const contig_coverage& c) {
+    const std::int64_t reads = c.reads.tied + c.reads.untied + c.reads.not_found;
+    out.open("p", {{"class", "coverage"}})
+        .text("Weighed: " + grouped(c.reads.tied) + " of " + grouped(reads) +
+              " reads tied to their flows (" + grouped(c.reads.untied) + " untied, " +
+              grouped(c.reads.not_found) + " in no SFF file); " + grouped(c.tested) + " of " +
+              grouped(c.runs) + " runs tested.");
+    if (c.unchecked())
+        out.text(" ")
+            .element("strong", {{"class", "unchecked"}}, "Unchecked")
+            .text(
+                ": under half of the reads are tied to their flows or under half of the runs "
+                "were tested, so few or no disputed runs here say little about the consensus.");
+    out.close("p");
+}
+
 void disputed_table(html& out, std::string_view contig, const contig_evidence& e) {
     out.open("p");
     out.text(std::to_string(e.disputed.size()) +
              (e.disputed.size() == 1 ? " run whose flowgrams call" : " runs whose flowgrams call") +
-             " another length (" + grouped(e.counts.tied) + " reads tied to their flows, " +
-             grouped(e.counts.untied) + " untied, " + grouped(e.counts.not_found) +
-             " in no SFF file); as ")
+             " another length; as ")
         .open("a", {{"href", contig_href(contig) + ".vcf"}})
         .text("VCF")
         .close("a")
@@ -245,7 +330,7 @@ void disputed_table(html& out, std::string_view contig, const contig_evidence& e
     out.markup(
         "<thead><tr><th>column</th><th>position</th><th>letter</th><th>consensus</th>"
         "<th>called</th><th>signals</th><th>forward/reverse</th><th>mean</th><th>score</th>"
-        "<th></th></tr></thead><tbody>");
+        "<th>qual</th><th>filter</th><th></th></tr></thead><tbody>");
     for (std::int32_t i : e.disputed) {
         const hp_run& r = e.check.runs[static_cast<std::size_t>(i)];
         out.open("tr");
@@ -260,6 +345,8 @@ void disputed_table(html& out, std::string_view contig, const contig_evidence& e
         out.element("td", std::to_string(r.forward) + "/" + std::to_string(r.reverse()));
         out.element("td", two_decimals(r.mean_signal()));
         out.element("td", two_decimals(r.score));
+        out.element("td", two_decimals(r.qual));
+        out.element("td", run_filter(e.check, r));
         out.open("td").open("a", {{"href", run_href(contig, r)}}).text("run").close("a");
         out.close("td");
         out.close("tr");
@@ -525,7 +612,21 @@ response run_page(const site& s, std::size_t contig, std::string_view rest, cons
          std::to_string(r.signals) + " (" + std::to_string(r.forward) + " forward, " +
              std::to_string(r.reverse()) + " complemented)");
     fact(body, "mean signal", two_decimals(r.mean_signal()));
-    fact(body, "score", two_decimals(r.score));
+    fact(body, "score", two_decimals(r.score) + " (log-likelihood ratio of the called length)");
+    fact(body, "qual",
+         two_decimals(r.qual) +
+             " (phred-scaled probability that the consensus length is right: high when the "
+             "reads speak against it)");
+    fact(body, "confidence",
+         two_decimals(r.confidence) +
+             " (phred-scaled probability that the called length is wrong: high when the reads "
+             "name it clearly)");
+    const std::string_view filter = run_filter(e->check, r);
+    fact(body, "filter",
+         filter == "."                ? std::string("none: not a call")
+         : filter == "StrandConflict" ? std::string("StrandConflict: the forward and the "
+                                                    "complemented reads call different lengths")
+                                      : std::string(filter));
     html window_link;
     window_link.open("a", {{"href", centred_href(name, r)}})
         .text("the window around it")
@@ -540,7 +641,19 @@ response run_page(const site& s, std::size_t contig, std::string_view rest, cons
     const std::vector<run_signal> all = signals_of_run(*b, s.sff, *e, i, names);
     std::vector<const run_signal*> signals;
     for (const run_signal& sig : all) signals.push_back(&sig);
-    run_plot(body, *e, r, signals);
+    // A run no read measured is drawn under the model of every file together.
+    std::vector<std::size_t> files = files_of(s.sff, all, names);
+    if (files.empty()) files.push_back(e->models->models.size());
+    run_plot(body, *e->models, files, r, signals);
+    std::string origin;
+    if (s.evidence != nullptr) s.evidence->models_if_ready(&origin);
+    body.element("h2", "Model");
+    body.element("p", {{"class", "note"}},
+                 "The curves give the density of a value under each length as the model of the "
+                 "SFF file whose reads measured the run has it: a Gaussian core with its centre "
+                 "and spread, and a flat share of outliers over 0 to " +
+                     fixed(flow_models::kValueRange, 0) + " bases. The model was " + origin + ".");
+    model_table(body, s, *e->models, files, r);
 
     body.open("table", {{"class", "signals"}});
     body.markup("<thead><tr><th>read</th><th>direction</th><th>value</th></tr></thead><tbody>");

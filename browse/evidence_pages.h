@@ -25,6 +25,9 @@ response calls_tsv(const site& s, std::size_t contig, std::string_view rest, con
 constexpr std::int64_t max_search_results = 100;
 response search_page(const site& s, std::string_view rest, const request& req);
 
+// How much of a contig the reads weighed, and a visible mark when that is too little for an
+// absence of calls to mean anything.
+void coverage_note(html& out, const contig_coverage& c);
 // The table of the contig's disputed runs, highest score first.
 void disputed_table(html& out, std::string_view contig, const contig_evidence& e);
 // The disputed runs with a column in from..last, each linking to its run page.

@@ -1,14 +1,16 @@
 // sorvexa-browse: serves an ACE assembly and its SFF files to a web browser.
 //
-//   sorvexa-browse [--port N] [--bind ADDR] aceFile [sffFile ...]
+//   sorvexa-browse [--port N] [--bind ADDR] [--model FILE] aceFile [sffFile ...]
 #include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
 
 #include <atomic>
 #include <cstdlib>
+#include <fstream>
 #include <iostream>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -24,19 +26,23 @@
 namespace {
 
 const char* const usage_text =
-    "Usage: sorvexa-browse [--port N] [--bind ADDR] aceFile [sffFile ...]\n"
+    "Usage: sorvexa-browse [--port N] [--bind ADDR] [--model FILE] aceFile [sffFile ...]\n"
     "\n"
     "Serves the contigs of an ACE assembly, with the reads' flowgrams from the SFF files,\n"
-    "to a web browser, until interrupted.\n"
+    "to a web browser, until interrupted. The flow values are weighed under the model that\n"
+    "sorvexa-flowcheck fits to the same files, given in the same order.\n"
     "\n"
     "  --port N     port to listen on (default 8454; 0 picks a free port)\n"
     "  --bind ADDR  address to listen on (default 127.0.0.1)\n"
+    "  --model FILE use the model in FILE (a PREFIX.flowcheck.model.tsv) instead of\n"
+    "               fitting one\n"
     "  -h, --help   print this text and exit\n"
     "  -v, --version print the version and exit\n";
 
 struct options {
     int port = 8454;
     std::string bind = "127.0.0.1";
+    std::string model;
     std::string ace;
     std::vector<std::string> sff;
 };
@@ -67,7 +73,7 @@ int parse(int argc, char** argv, options& o) {
             std::cout << "sorvexa-browse " << SORVEXA_VERSION << "\n";
             return 0;
         }
-        if (a == "--port" || a == "--bind") {
+        if (a == "--port" || a == "--bind" || a == "--model") {
             if (i + 1 >= argc) {
                 std::cerr << "sorvexa-browse: " << a << " needs a value\n" << usage_text;
                 return 1;
@@ -75,6 +81,12 @@ int parse(int argc, char** argv, options& o) {
             const std::string v = argv[++i];
             if (a == "--bind") {
                 o.bind = v;
+            } else if (a == "--model") {
+                if (v.empty()) {
+                    std::cerr << "sorvexa-browse: --model needs a file name\n" << usage_text;
+                    return 1;
+                }
+                o.model = v;
             } else if (!parse_port(v, o.port)) {
                 std::cerr << "sorvexa-browse: --port takes a number from 0 to 65535, not " << v
                           << "\n";
@@ -97,6 +109,23 @@ int parse(int argc, char** argv, options& o) {
     return -1;
 }
 
+// The model table of `path` for the SFF files, as sorvexa-flowcheck --model reads it.
+bool read_models(const std::string& path, const std::vector<std::string>& names, flow_models& out,
+                 std::string& why) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    if (!in) {
+        why = "can not read model file " + path;
+        return false;
+    }
+    if (!out.parse_tsv(text.str(), names, why)) {
+        why = path + ": " + why;
+        return false;
+    }
+    return true;
+}
+
 // The ACE file while start-up reads it on the main thread. The reader ends the process on a
 // file out of its grammar; on the way out, a file of a known writer's shape gets the rewrite
 // that makes it readable after the reader's message.
@@ -115,6 +144,15 @@ void exit_after_hint(int status) {
 int serve(int argc, char** argv) {
     options o;
     if (int status = parse(argc, argv, o); status >= 0) return status;
+    // A model file that cannot serve is refused before the long reading of the assembly.
+    std::optional<flow_models> models;
+    if (!o.model.empty()) {
+        std::string why;
+        if (!read_models(o.model, o.sff, models.emplace(), why)) {
+            std::cerr << "sorvexa-browse: " << why << std::endl;
+            return 1;
+        }
+    }
 
     // Request threads allocate and free whole contig drawings; a few shared malloc arenas keep
     // the freed memory in use instead of one idle arena per thread.
@@ -152,6 +190,12 @@ int serve(int argc, char** argv) {
     // for the overview in the background once the server is up.
     browse::evidence_store evidence(ace, *sff);
     site.evidence = &evidence;
+    if (models) {
+        evidence.use_models(std::move(*models), "read from " + o.model);
+    } else {
+        // Evidence pages wait for the fit; the overview and the windows do not.
+        evidence.fit_in_background();
+    }
 
     browse::http_server server;
     browse::add_routes(server, site);

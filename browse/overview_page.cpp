@@ -1,4 +1,6 @@
 // The overview: the files, the counts, and the table of contigs.
+#include <optional>
+
 #include "browse_assets.h"
 #include "evidence.h"
 #include "page_parts.h"
@@ -17,6 +19,13 @@ response site::overview() const {
     fact(b, "reads placed", grouped(ace.reads_placed));
     fact(b, "reads found in the SFF files", grouped(ace.reads_found));
     fact(b, "consensus columns", grouped(ace.columns));
+    if (evidence != nullptr) {
+        std::string origin;
+        const std::shared_ptr<const flow_models> m = evidence->models_if_ready(&origin);
+        fact(b, "flow model",
+             m == nullptr ? std::string("being fitted to this assembly's signals")
+                          : origin + (m->models.empty() ? "" : " (" + describe_models(*m) + ")"));
+    }
     b.close("dl").markup("\n");
     if (!ace.start_up_hint.empty()) b.element("p", {{"class", "hint"}}, ace.start_up_hint);
 
@@ -29,7 +38,8 @@ response site::overview() const {
             "</span> shown; click a heading to sort</span></p>\n"
             "<table class=\"data\" id=\"contigs\"><thead><tr><th>name</th><th>columns</th>"
             "<th>reads</th><th>reads found</th><th>min length</th><th>avg length</th>"
-            "<th>max length</th><th>layout rows</th><th>disputed runs</th></tr></thead>\n"
+            "<th>max length</th><th>layout rows</th><th>reads tied / untied / in no SFF file</th>"
+            "<th>runs tested</th><th>disputed runs</th></tr></thead>\n"
             "<tbody>\n");
     for (const contig_summary& s : ace.contigs) {
         b.open("tr").open("td", {{"data-v", s.name}});
@@ -44,12 +54,28 @@ response site::overview() const {
         cell(s.avg_len, fixed(s.avg_len, 0));
         cell(s.max_len, std::to_string(s.max_len));
         cell(s.rows, grouped(s.rows));
-        // Counted in the background after start-up; "..." until this contig's turn came.
-        const std::int32_t disputed =
-            evidence != nullptr
-                ? evidence->disputed_runs(static_cast<std::size_t>(&s - ace.contigs.data()))
-                : -1;
-        cell(disputed, disputed < 0 ? std::string("...") : grouped(disputed));
+        // Weighed in the background after start-up; "..." until this contig's turn came. A
+        // contig the reads hardly weighed says "unchecked" where its disputed runs would be, so
+        // that no call is not read as a clean bill.
+        const std::optional<contig_tally> t =
+            evidence != nullptr ? evidence->tally(static_cast<std::size_t>(&s - ace.contigs.data()))
+                                : std::nullopt;
+        if (!t) {
+            for (int k = 0; k < 3; ++k) b.element("td", {{"data-v", "-1"}}, "...");
+        } else {
+            const contig_coverage& c = t->coverage;
+            cell(static_cast<double>(c.reads.tied), grouped(c.reads.tied) + " / " +
+                                                        grouped(c.reads.untied) + " / " +
+                                                        grouped(c.reads.not_found));
+            cell(static_cast<double>(c.tested), grouped(c.tested) + " of " + grouped(c.runs));
+            if (c.unchecked()) {
+                b.open("td", {{"data-v", "-1"}, {"class", "unchecked"}});
+                if (t->disputed > 0) b.text(grouped(t->disputed) + ", ");
+                b.element("strong", "unchecked").close("td");
+            } else {
+                cell(t->disputed, grouped(t->disputed));
+            }
+        }
         b.close("tr").markup("\n");
     }
     b.markup("</tbody></table>\n");

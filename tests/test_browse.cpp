@@ -6,13 +6,16 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "ace.h"
 #include "ace_writer.h"
 #include "assembly.h"
+#include "evidence.h"
 #include "html.h"
 #include "pages.h"
 #include "read_source.h"
@@ -336,6 +339,64 @@ TEST(BrowsePages, OverviewCountsAndReadPageFromTheSffRecord) {
     const auto flowgram = f.site.read("r2.flows.tsv");
     EXPECT_EQ(std::count(flowgram.body.begin(), flowgram.body.end(), '\n'), 41);
     EXPECT_TRUE(flowgram.body.starts_with("flow\tnucleotide\tvalue\n0\tT\t"));
+}
+
+// Reads the assembly edited after they were flowed (as some assemblers do) cannot be tied to
+// their flows, and reads in no SFF file give none: such a contig has no disputed run, and
+// says it was not checked rather than clean.
+TEST(BrowsePages, AContigTheReadsDidNotWeighIsMarkedUnchecked) {
+    sff_file_layout sff;
+    for (const std::string name : {"r1", "r2", "r3", "r4", "r5", "r6"})
+        sff.reads.push_back(make_read(name, "TCAG" + repeat("AAC", 120), tacg_flows(400), {}, 7));
+    site_fixture f({window_contig(), named_reads("absent", {"x1", "x2"})}, {sff});
+    browse::evidence_store evidence(f.ace, f.sff);
+    f.site.evidence = &evidence;
+    evidence.count_in_background();
+    for (int k = 0; k < 1000 && evidence.disputed_runs(1) < 0; ++k)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    ASSERT_GE(evidence.disputed_runs(1), 0);
+
+    const std::string overview = f.site.overview().body;
+    const std::string mark = "<td data-v=\"-1\" class=\"unchecked\"><strong>unchecked</strong>";
+    const std::size_t first = overview.find(mark);
+    ASSERT_NE(first, std::string::npos);
+    EXPECT_NE(overview.find(mark, first + 1), std::string::npos);
+    EXPECT_TRUE(contains(overview, ">0 / 6 / 0<"));
+    EXPECT_TRUE(contains(overview, ">0 / 0 / 2<"));
+    const std::string w = f.contig("w").body;
+    EXPECT_TRUE(
+        contains(w, "Weighed: 0 of 6 reads tied to their flows (6 untied, 0 in no SFF file)"));
+    EXPECT_TRUE(contains(w, "<strong class=\"unchecked\">Unchecked</strong>"));
+    EXPECT_TRUE(
+        contains(f.contig("absent").body, "<strong class=\"unchecked\">Unchecked</strong>"));
+}
+
+// Each SFF file's values spread as its own model says: a run's page draws the model of the
+// files whose reads measured it, and no other.
+TEST(BrowsePages, RunPageShowsTheModelOfTheFileThatMeasuredTheRun) {
+    const ace_contig w = window_contig();
+    sff_file_layout first, second;
+    for (const fixture::ace_read& r : w.reads)
+        (r.name == "r6" ? second : first)
+            .reads.push_back(make_read(r.name, "TCAG" + r.sequence, tacg_flows(400), {}, 3));
+    site_fixture f({w}, {first, second});
+    browse::evidence_store evidence(f.ace, f.sff);
+    f.site.evidence = &evidence;
+    const auto e = evidence.get(0);
+    ASSERT_NE(e, nullptr);
+    EXPECT_EQ(e->coverage.reads.tied, 6);
+    // Columns 160..199 lie under r2 and r3 alone, 310..390 under r6 alone.
+    auto page_of_run_within = [&](std::int32_t from, std::int32_t to) {
+        for (const hp_run& r : e->check.runs)
+            if (r.column >= from && r.column <= to && r.signals > 0)
+                return f.site.serve(get("/contig/w/run/" + std::to_string(r.column))).body;
+        return std::string();
+    };
+    const std::string early = page_of_run_within(160, 199), late = page_of_run_within(310, 390);
+    EXPECT_TRUE(contains(early, "<tr><td>" + f.dir / "r0.sff" + "</td><td>solid</td>"));
+    EXPECT_FALSE(contains(early, "r1.sff"));
+    EXPECT_TRUE(contains(late, "<tr><td>" + f.dir / "r1.sff" + "</td><td>solid</td>"));
+    EXPECT_FALSE(contains(late, "r0.sff"));
 }
 
 TEST(BrowsePages, ChangedFilesAreRefusedNotRead) {

@@ -1,11 +1,14 @@
 // The flow-signal evidence in the browser, on a simulated assembly with errors planted in its
-// consensus: the disputed runs and the .vcf and .tsv views equal sorvexa-flowcheck's calls,
-// the run page plots every signal, the window's toggles, read search, the overview's count,
-// and the 400 and 404 answers of the new views.
+// consensus and reads split over two SFF files of different noise: the model, the disputed
+// runs and the .vcf and .tsv views equal sorvexa-flowcheck's, the run page plots every signal
+// under the model of the files that measured the run, the window's toggles, read search, the
+// overview's weighing, and the 400 and 404 answers of the new views.
 
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <regex>
+#include <set>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -14,6 +17,7 @@
 #include "assembly.h"
 #include "evidence.h"
 #include "evidence_pages.h"
+#include "html.h"
 #include "pages.h"
 #include "read_source.h"
 #include "run_tool.h"
@@ -52,15 +56,16 @@ struct simulated {
     std::optional<browse::site> site;
 
     simulated() {
-        const run_result sim =
-            run_binary(SORVEXA_SIM_ASSEMBLY_BIN,
-                       {"--out", dir.path, "--prefix", "sim", "--contigs", "2", "--length", "3000",
-                        "--depth", "10", "--noise", "1.0", "--errors", "6", "--seed", "5"},
-                       dir.path);
+        const run_result sim = run_binary(
+            SORVEXA_SIM_ASSEMBLY_BIN,
+            {"--out",  dir.path,  "--prefix", "sim",     "--contigs", "2",        "--length",
+             "3000",   "--depth", "10",       "--noise", "1.0",       "--errors", "6",
+             "--seed", "5",       "--files",  "2",       "--noise2",  "2.0"},
+            dir.path);
         EXPECT_EQ(sim.status, 0) << sim.err;
-        checked = run_binary(SORVEXA_FLOWCHECK_BIN, {"sim.ace", "sim.sff"}, dir.path);
+        checked = run_binary(SORVEXA_FLOWCHECK_BIN, {"sim.ace", "sim.sff", "sim_b.sff"}, dir.path);
         EXPECT_EQ(checked.status, 0) << checked.err;
-        sff.emplace(std::vector<std::string>{dir / "sim.sff"});
+        sff.emplace(std::vector<std::string>{dir / "sim.sff", dir / "sim_b.sff"});
         ace.emplace(dir / "sim.ace");
         ace->count_found(*sff);
         evidence.emplace(*ace, *sff);
@@ -76,9 +81,16 @@ simulated& shared() {
 
 TEST(Evidence, CallsAreTheCheckersOwn) {
     simulated& s = shared();
+    // The same model: the program names the files as it was given them.
+    std::string model;
+    s.evidence->models()->append_tsv(model);
+    for (std::size_t at; (at = model.find(s.dir.path + "/")) != std::string::npos;)
+        model.erase(at, s.dir.path.size() + 1);
+    EXPECT_EQ(model, read_file(s.dir / "sim.flowcheck.model.tsv"));
+
     const std::vector<std::string> tsv = lines_of(read_file(s.dir / "sim.flowcheck.tsv"));
     const std::vector<std::string> vcf = lines_of(read_file(s.dir / "sim.flowcheck.vcf"), true);
-    ASSERT_GT(tsv.size(), 1u);
+    ASSERT_GT(tsv.size(), 3u);
     std::vector<std::string> served_tsv, served_vcf;
     std::size_t disputed = 0;
     for (const std::string contig : {"Contig1", "Contig2"}) {
@@ -95,22 +107,79 @@ TEST(Evidence, CallsAreTheCheckersOwn) {
     }
     EXPECT_EQ(served_tsv, tsv);
     EXPECT_EQ(served_vcf, vcf);
-    EXPECT_EQ(disputed, tsv.size() - 1);
+    EXPECT_EQ(disputed, tsv.size() - 3);  // less the header and a coverage line per contig
 
-    // The contig page lists the same runs, each with its run page.
+    // The contig page lists the same runs, each with its run page and its filter.
     const browse::response page = s.site->serve(get("/contig/Contig1"));
     EXPECT_EQ(page.status, 200);
     const std::size_t in_contig1 = count_of(read_file(s.dir / "sim.flowcheck.tsv"), "\nContig1\t");
     EXPECT_EQ(count_of(page.body, ">run</a>"), in_contig1);
+    EXPECT_EQ(count_of(page.body, "<td>PASS</td>"), in_contig1);
 
-    // The overview's count, once the background count has come by.
+    // The overview's weighing, once the background count has come by: the program's runs
+    // tested, and neither contig marked unchecked.
     s.evidence->count_in_background();
     for (int k = 0; k < 600 && s.evidence->disputed_runs(1) < 0; ++k)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_EQ(s.evidence->disputed_runs(0), static_cast<std::int32_t>(in_contig1));
+    const std::string overview = s.site->serve(get("/")).body;
+    static const std::regex weighed(
+        "# Contig.: [0-9]+ reads \\(([0-9]+) tied, ([0-9]+) untied, ([0-9]+) in no SFF file\\), "
+        "([0-9]+) of ([0-9]+) runs tested: checked");
+    std::size_t contigs = 0;
+    for (const std::string& line : tsv) {
+        std::smatch m;
+        if (!std::regex_match(line, m, weighed)) continue;
+        ++contigs;
+        auto n = [&](int k) { return browse::grouped(std::stoll(m[k].str())); };
+        EXPECT_NE(overview.find(">" + n(1) + " / " + n(2) + " / " + n(3) + "<"), std::string::npos);
+        EXPECT_NE(overview.find(">" + n(4) + " of " + n(5) + "<"), std::string::npos);
+    }
+    EXPECT_EQ(contigs, 2u);
+    EXPECT_EQ(count_of(overview, "<strong>unchecked</strong>"), 0u);
+    EXPECT_NE(overview.find("fitted to this assembly"), std::string::npos);
 }
 
-TEST(Evidence, RunPagePlotsEverySignal) {
+// The model rows of a run page: "file-base-name\tlength\tcentre\tspread\toutlier\tsource",
+// as the program's model table has them.
+std::set<std::string> model_rows(const std::string& body) {
+    static const std::regex row(
+        "<tr><td>([^<]*)</td><td>[a-z-]+</td><td>([0-9]+)</td><td>([0-9.]+)</td><td>([0-9.]+)"
+        "</td><td>([0-9.]+)</td><td>[0-9,]+</td><td>([a-z]+)</td></tr>");
+    std::set<std::string> out;
+    for (auto it = std::sregex_iterator(body.begin(), body.end(), row);
+         it != std::sregex_iterator(); ++it) {
+        const std::string file = (*it)[1].str();
+        out.insert(file.substr(file.rfind('/') + 1) + "\t" + (*it)[2].str() + "\t" +
+                   (*it)[3].str() + "\t" + (*it)[4].str() + "\t" + (*it)[5].str() + "\t" +
+                   (*it)[6].str());
+    }
+    return out;
+}
+
+// The rows of the program's model table of the files whose reads the run page lists, for
+// lengths lo..hi.
+std::set<std::string> expected_rows(simulated& s, const std::string& body, std::int32_t lo,
+                                    std::int32_t hi) {
+    static const std::regex read("<tr><td><a href=\"/read/([^\"]+)\"");
+    std::set<std::string> files;
+    for (auto it = std::sregex_iterator(body.begin(), body.end(), read);
+         it != std::sregex_iterator(); ++it)
+        files.insert(s.sff->file_of((*it)[1].str()) == 0 ? "sim.sff" : "sim_b.sff");
+    std::set<std::string> out;
+    for (const std::string& l : lines_of(read_file(s.dir / "sim.flowcheck.model.tsv"))) {
+        std::vector<std::string> f;
+        std::istringstream in(l);
+        for (std::string x; std::getline(in, x, '\t');) f.push_back(x);
+        if (f.size() != 7 || files.count(f[0]) == 0 || f[1] == "length") continue;
+        const std::int32_t n = std::stoi(f[1]);
+        if (n >= lo && n <= hi)
+            out.insert(f[0] + "\t" + f[1] + "\t" + f[3] + "\t" + f[4] + "\t" + f[5] + "\t" + f[6]);
+    }
+    return out;
+}
+
+TEST(Evidence, RunPageDrawsTheModelOfTheReadsFiles) {
     simulated& s = shared();
     const auto e = s.evidence->get(0);
     ASSERT_FALSE(e->disputed.empty());
@@ -120,6 +189,16 @@ TEST(Evidence, RunPagePlotsEverySignal) {
     EXPECT_EQ(page.status, 200);
     EXPECT_EQ(count_of(page.body, "<circle"), static_cast<std::size_t>(r.signals));
     EXPECT_NE(page.body.find("(disputed)"), std::string::npos);
+    EXPECT_NE(page.body.find("<dt>filter</dt><dd>PASS</dd>"), std::string::npos);
+    EXPECT_NE(page.body.find("<dt>qual</dt><dd>" + browse::fixed(r.qual, 2)), std::string::npos);
+    const std::int32_t lo = std::max(0, std::min(r.consensus_length, r.called_length) - 1);
+    const std::int32_t hi = std::max(r.consensus_length, r.called_length) + 1;
+    const std::set<std::string> rows = model_rows(page.body);
+    EXPECT_EQ(rows, expected_rows(s, page.body, lo, hi));
+    // Both files measured it (the reads lie over the whole contig): a curve per file and length.
+    EXPECT_EQ(count_of(page.body, "<polyline"), rows.size());
+    EXPECT_EQ(rows.size(), 2u * static_cast<std::size_t>(hi - lo + 1));
+
     EXPECT_EQ(s.site->serve(get("/contig/Contig1/run/1x")).status, 400);
     EXPECT_EQ(s.site->serve(get("/contig/Contig1/run/999999")).status, 404);
     EXPECT_EQ(s.site->serve(get("/contig/NoSuchContig/run/5")).status, 404);

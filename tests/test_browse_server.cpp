@@ -152,6 +152,39 @@ TEST(BrowseServer, StartUpErrorsEndItBeforeServing) {
     EXPECT_TRUE(contains(help.out, "Usage: sorvexa-browse"));
 }
 
+// --model: a table that cannot serve ends start-up with one line and status 1; a good one
+// is the model the evidence is weighed under.
+TEST(BrowseServer, ModelFromAFileOrOneLineWhyNot) {
+    temp_dir d;
+    const std::vector<std::string> files = {kExample + "/example.ace", kExample + "/example_a.sff"};
+    auto args = [&](const std::string& model) {
+        std::vector<std::string> a = {"--port", "0", "--model", model};
+        a.insert(a.end(), files.begin(), files.end());
+        return a;
+    };
+    write_file(d / "bad.tsv",
+               "file\tlength\tsignals\tcentre\tspread\toutlier_rate\tsource\n"
+               "*\t1\t100\t1.0\t-0.2\t0.01\testimated\n");
+    server_process bad(SORVEXA_BROWSE_BIN, args(d / "bad.tsv"), d.path);
+    EXPECT_EQ(bad.wait(), 1);
+    EXPECT_EQ(bad.port, 0);
+    EXPECT_EQ(bad.err(), "sorvexa-browse: " + d / "bad.tsv" + ": line 2 is not a model line\n");
+    server_process missing(SORVEXA_BROWSE_BIN, args(d / "none.tsv"), d.path);
+    EXPECT_EQ(missing.wait(), 1);
+    EXPECT_EQ(missing.err(), "sorvexa-browse: can not read model file " + d / "none.tsv" + "\n");
+
+    write_file(d / "good.tsv",
+               "file\tlength\tsignals\tcentre\tspread\toutlier_rate\tsource\n"
+               "*\t1\t100\t1.0\t0.2\t0.01\testimated\n");
+    server_process good(SORVEXA_BROWSE_BIN, args(d / "good.tsv"), d.path);
+    ASSERT_GT(good.port, 0) << good.err();
+    httplib::Client c("127.0.0.1", good.port);
+    auto overview = c.Get("/");
+    ASSERT_TRUE(overview);
+    EXPECT_TRUE(contains(overview->body, "<dt>flow model</dt><dd>read from " + d / "good.tsv"));
+    EXPECT_EQ(good.stop(SIGTERM), 0);
+}
+
 // The files two assemblers write before their one-line rewrites: the hint printed names the
 // command, and the command, run as printed, makes a file the browser reads.
 TEST(BrowseServer, HintsForFilesOfKnownWritersWork) {
