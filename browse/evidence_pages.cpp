@@ -571,9 +571,7 @@ std::vector<run_signal> signals_of_run(const built_contig& b, const read_source&
     flow_check one;
     one.keep_signals = true;
     hp_run alone = r;
-    alone.signals = alone.forward = 0;
-    alone.sum = alone.sum_squares = 0;
-    alone.max_value = 0;
+    alone.clear_signals();
     one.runs = {alone};
     for (std::size_t k = 0; k < names.size(); ++k) {
         auto t = tied.find(names[k]);

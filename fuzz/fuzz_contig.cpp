@@ -9,6 +9,7 @@
 // inside the flow consensus, and a copied contig draws exactly what the original draws.
 #include <fuzzer/FuzzedDataProvider.h>
 
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -180,26 +181,67 @@ sff_read make_record(FuzzedDataProvider& in, const READ& r) {
     return rec;
 }
 
+// A model fitted to the check's own values must be sane whatever they were, and read back
+// from its table unchanged.
+void fit_model(const flow_check& check, const std::vector<std::string>& files, flow_models& out) {
+    flow_sample sample;
+    check.add_to(sample);
+    fit_flow_models(sample, files, fit_options{}, out);
+    for (std::size_t f = 0; f <= files.size(); ++f) {
+        for (std::int32_t n = 0; n < 2 * flow_models::kLengths; ++n) {
+            const length_model m = out.at(f, n);
+            if (!(std::isfinite(m.centre) && m.spread >= flow_models::kMinSpread &&
+                  std::isfinite(m.spread) && m.outlier >= flow_models::kMinOutlier &&
+                  m.outlier <= 0.5))
+                broken("a fitted length's parameters are out of range");
+        }
+    }
+    std::string table, again, why;
+    out.append_tsv(table);
+    flow_models back;
+    if (!back.parse_tsv(table, files, why)) broken("the model table does not read back");
+    back.append_tsv(again);
+    if (again != table) broken("the model table changes when read back");
+}
+
 // The flow-signal check over the contig: every read tied where it can be, the runs called,
-// the edits applied and reported, and a window's signals laid on align_flow's grid. The
-// edits must not overlap and the polished consensus must be exactly their result.
+// under the fixed model and then under one fitted to the contig, the edits applied and
+// reported, and a window's signals laid on align_flow's grid. The edits must not overlap
+// and the polished consensus must be exactly the result of those that pass.
 void flow_evidence(FuzzedDataProvider& in, contig& c, const std::string& flows) {
     flow_check check;
     check.min_signals = in.ConsumeIntegralInRange<std::int32_t>(1, 5);
     check.min_score = in.ConsumeFloatingPointInRange<double>(0, 20);
+    check.min_qual = in.ConsumeFloatingPointInRange<double>(0, 99);
     check.model.sigma_base = in.ConsumeFloatingPointInRange<double>(0.01, 1);
     check.model.sigma_slope = in.ConsumeFloatingPointInRange<double>(0, 1);
     check.keep_signals = in.ConsumeBool();
+    check.keep_values = true;
     check.create_runs(c);
     std::map<std::string, tied_read> tied;
     std::int32_t n = 0;
     for (const auto& [name, r] : c.reads) {
         tied_read t;
         if (!tie_read(r, make_record(in, r), flows, t)) continue;
+        t.file = static_cast<std::uint16_t>(in.ConsumeIntegralInRange<int>(0, 2));
         check.add_read(c, r, t, n++);
         tied[name] = t;
     }
     check.call_runs();
+    if (in.ConsumeBool()) {
+        flow_models fitted;
+        fit_model(check, {"a.sff", "b.sff"}, fitted);
+        flow_check again;
+        again.models = fitted;
+        again.min_signals = check.min_signals;
+        again.min_qual = check.min_qual;
+        again.create_runs(c);
+        n = 0;
+        for (const auto& [name, t] : tied) again.add_read(c, c.reads.at(name), t, n++);
+        again.call_runs();
+        check.runs = std::move(again.runs);
+        check.models = std::move(fitted);
+    }
     const std::string unpadded = unpadded_consensus(c);
     std::vector<consensus_edit> edits;
     check.edits(unpadded, edits);
@@ -208,13 +250,14 @@ void flow_evidence(FuzzedDataProvider& in, contig& c, const std::string& flows) 
         if (e.begin < at || e.end < e.begin || e.end > static_cast<std::int64_t>(unpadded.size()))
             broken("edits overlap or leave the consensus");
         at = e.end;
-        size += static_cast<std::int64_t>(e.bases.size()) - (e.end - e.begin);
+        if (e.pass) size += static_cast<std::int64_t>(e.bases.size()) - (e.end - e.begin);
     }
     if (static_cast<std::int64_t>(apply_edits(unpadded, edits).size()) != size)
         broken("the polished consensus is not the edits' result");
     std::string text;
     append_vcf_records(text, c.name, unpadded, edits, check);
-    for (const hp_run& r : check.runs) append_tsv_line(text, c.name, r);
+    for (const hp_run& r : check.runs) append_tsv_line(text, c.name, r, run_filter(check, r));
+    append_tsv_coverage(text, c.name, check.coverage());
 
     flow_window w;
     const window win = pick_window(in, c);

@@ -18,7 +18,7 @@ void flow_check::call_runs() {
         const run_call c = decide_run(models, r.consensus_length, r.likelihood, r.forward,
                                       r.reverse(), min_signals, min_qual);
         r.called_length = c.called;
-        r.score = c.score;
+        r.score = static_cast<float>(c.score);
         r.qual = static_cast<float>(c.qual);
         r.confidence = static_cast<float>(c.confidence);
         r.strand_conflict = c.strand_conflict;
@@ -32,8 +32,8 @@ void flow_check::check_contig(const contig& c, const read_lookup& lookup, tie_co
         counts);
 }
 
-// Records are fetched file by file, in name order within a file, so that each file is opened
-// once per contig, as Sorvexa's run does.
+// Records are fetched file by file, so that each file is opened once per contig, as
+// Sorvexa's run does.
 void flow_check::check_contig(const contig& c, const std::vector<std::string>& sff_paths,
                               const read_finder& find, tie_counts& counts,
                               std::map<std::string, tied_read>* tied) {
@@ -57,6 +57,13 @@ void flow_check::check_contig(const contig& c, const std::vector<std::string>& s
         ++number;
     }
     tied_read t;
+    // Within a file, reads are taken in the order they lie along the contig: consecutive
+    // reads then share most of their runs, which stay in the cache between them (in name
+    // order every read would fetch its runs from memory anew).
+    for (auto& w : wanted)
+        std::stable_sort(w.begin(), w.end(), [](const wanted_read& a, const wanted_read& b) {
+            return a.read->start < b.read->start;
+        });
     for (std::size_t k = 0; k < wanted.size(); ++k) {
         if (wanted[k].empty()) continue;
         reader rd(sff_paths[k]);
@@ -82,9 +89,9 @@ void flow_check::check_contig(const contig& c, const std::vector<std::string>& s
 }
 
 void flow_check::calibrate(const contig_source& next, const read_lookup& lookup) {
-    calibrate(
-        next, lookup.sff_names,
-        [&lookup](const std::string& name, std::int64_t& pos) { return lookup.find(name, pos); });
+    calibrate(next, lookup.sff_names, [&lookup](const std::string& name, std::int64_t& pos) {
+        return lookup.find(name, pos);
+    });
 }
 
 // The sample is checked under the fixed model: its calls only matter for the refit, which

@@ -41,7 +41,9 @@ struct histogram {
 
 // Far wider than any chemistry's spread, even at twice the usual noise: a fit that wide has
 // caught the values of several lengths.
-double max_spread(std::int32_t n) { return 0.5 + 0.2 * n; }
+double max_spread(std::int32_t n) {
+    return 0.5 + 0.2 * n;
+}
 
 // The Gaussian core and the flat outlier share by expectation-maximisation, started at the
 // length itself with the median absolute deviation from it, so that neither a heavy tail
@@ -80,7 +82,8 @@ bool fit_length(const histogram& h, std::int32_t n, length_model& m) {
         const double centre = sum / weight;
         const double spread = std::sqrt(std::max(squares / weight - centre * centre, 0.0));
         const double outlier = 1.0 - weight / static_cast<double>(h.total);
-        const bool settled = std::fabs(centre - m.centre) < 1e-5 && std::fabs(spread - m.spread) < 1e-5;
+        const bool settled =
+            std::fabs(centre - m.centre) < 1e-5 && std::fabs(spread - m.spread) < 1e-5;
         m.centre = centre;
         m.spread = std::max(spread, flow_models::kMinSpread);
         m.outlier = std::clamp(outlier, flow_models::kMinOutlier, 0.5);
@@ -131,7 +134,8 @@ void fit_tables(const std::vector<std::vector<histogram>>& by_file, const fit_op
     const std::int32_t L = flow_models::kLengths;
     std::vector<histogram> all(static_cast<std::size_t>(L));
     for (const auto& file : by_file)
-        for (std::int32_t n = 0; n < L; ++n) all[static_cast<std::size_t>(n)].add(file[static_cast<std::size_t>(n)]);
+        for (std::int32_t n = 0; n < L; ++n)
+            all[static_cast<std::size_t>(n)].add(file[static_cast<std::size_t>(n)]);
     auto fitted = [&](const histogram& h, std::int32_t n) {
         length_model m;
         if (h.total < fit_options::kMinSignals || !fit_length(h, n, m)) m = o.fallback.at(n);
@@ -139,7 +143,8 @@ void fit_tables(const std::vector<std::vector<histogram>>& by_file, const fit_op
         return m;
     };
     out.pooled.clear();
-    for (std::int32_t n = 0; n < L; ++n) out.pooled.push_back(fitted(all[static_cast<std::size_t>(n)], n));
+    for (std::int32_t n = 0; n < L; ++n)
+        out.pooled.push_back(fitted(all[static_cast<std::size_t>(n)], n));
     extrapolate(out.pooled);
     out.models.assign(by_file.size(), {});
     for (std::size_t f = 0; f < by_file.size(); ++f) {
@@ -152,8 +157,10 @@ void fit_tables(const std::vector<std::vector<histogram>>& by_file, const fit_op
                 continue;
             }
             length_model m = out.pooled[static_cast<std::size_t>(n)];
-            if (m.source == model_source::estimated) m.source = model_source::pooled;
-            else m.source = model_source::fixed;  // settled below, by this file's own trend
+            if (m.source == model_source::estimated)
+                m.source = model_source::pooled;
+            else
+                m.source = model_source::fixed;  // settled below, by this file's own trend
             m.signals = h.total;
             t.push_back(m);
         }
@@ -168,7 +175,8 @@ void fit_tables(const std::vector<std::vector<histogram>>& by_file, const fit_op
             const length_model& p = out.pooled[static_cast<std::size_t>(n)];
             m = own[static_cast<std::size_t>(n)].source == model_source::extrapolated
                     ? own[static_cast<std::size_t>(n)]
-                    : p.source == model_source::extrapolated ? p : o.fallback.at(n);
+                : p.source == model_source::extrapolated ? p
+                                                         : o.fallback.at(n);
             m.signals = signals;
         }
     }
@@ -194,7 +202,8 @@ void fit_flow_models(const flow_sample& sample, const std::vector<std::string>& 
             if (label[i] < 0 || static_cast<std::size_t>(label[i]) >= L) continue;
             for (std::int32_t j = 0; j < r.count; ++j) {
                 const run_value& v = sample.values[static_cast<std::size_t>(r.first + j)];
-                if (v.file() < F) by_file[v.file()][static_cast<std::size_t>(label[i])].add(v.value);
+                if (v.file() < F)
+                    by_file[v.file()][static_cast<std::size_t>(label[i])].add(v.value);
             }
         }
         fit_tables(by_file, options, out);

@@ -106,7 +106,8 @@ void flow_models::prepare() {
             const length_model m = at(f == 0 ? models.size() : f - 1, n);
             for (int v = 0; v < kTableValues; ++v)
                 table_[(f * kTableValues + static_cast<std::size_t>(v)) * kLengths +
-                       static_cast<std::size_t>(n)] = static_cast<float>(::log_density(m, v / 100.0));
+                       static_cast<std::size_t>(n)] =
+                    static_cast<float>(::log_density(m, v / 100.0));
         }
     }
 }
@@ -263,8 +264,9 @@ bool flow_models::parse_tsv(std::string_view text, const std::vector<std::string
     for (std::size_t k = 0; k < sff_files.size(); ++k) {
         const std::string& want = sff_files[k];
         if (table_of([&](const std::string& f) { return f == want; }, pooled, models[k])) continue;
-        if (table_of([&](const std::string& f) { return f != "*" && base_name(f) == base_name(want); },
-                     pooled, models[k]))
+        if (table_of(
+                [&](const std::string& f) { return f != "*" && base_name(f) == base_name(want); },
+                pooled, models[k]))
             continue;
         models[k] = pooled;
     }
@@ -299,6 +301,8 @@ namespace {
 
 constexpr double kPhred = 10.0 / std::numbers::ln10;
 constexpr std::int32_t kMaxCandidates = 16;
+// Nats by which a candidate must lead for the others' share to vanish below 1e-9.
+constexpr double kSure = 23.0;
 
 // Posterior weights of the candidate lengths and what a run's call needs of them.
 struct posterior {
@@ -311,17 +315,23 @@ struct posterior {
         for (std::int32_t c = 0; c < size; ++c)
             if (log_post[c] > log_post[best]) best = c;
     }
+    // The highest log-posterior of the candidates other than `c`.
+    double runner_up(std::int32_t c) const {
+        double second = -HUGE_VAL;
+        for (std::int32_t k = 0; k < size; ++k)
+            if (k != c) second = std::max(second, log_post[k]);
+        return second;
+    }
     // The phred-scaled probability that candidate `c` is not the length.
     double phred_not(std::int32_t c) const {
         // A candidate that leads every other by this many nats is certain to the cap.
         constexpr double kDecisive = run_call::kMaxQual / kPhred + 3.0;
-        double second = -HUGE_VAL;
-        for (std::int32_t k = 0; k < size; ++k)
-            if (k != c) second = std::max(second, log_post[k]);
+        const double second = runner_up(c);
         if (log_post[c] - second > kDecisive) return run_call::kMaxQual;
         double here = 0.0, others = 0.0;
         const double top = std::max(log_post[c], second);
-        for (std::int32_t k = 0; k < size; ++k) (k == c ? here : others) += std::exp(log_post[k] - top);
+        for (std::int32_t k = 0; k < size; ++k)
+            (k == c ? here : others) += std::exp(log_post[k] - top);
         if (others <= 0.0) return run_call::kMaxQual;
         return std::clamp(kPhred * std::log((here + others) / others), 0.0, run_call::kMaxQual);
     }
@@ -329,6 +339,9 @@ struct posterior {
     double phred_is(std::int32_t c) const {
         const double top = *std::max_element(log_post, log_post + size);
         if (top - log_post[c] > run_call::kMaxQual / kPhred) return run_call::kMaxQual;
+        // A candidate this far ahead of every other is certain to a hundredth of a phred,
+        // the most the reports write: the common case, with no exponential to take.
+        if (c == best && runner_up(c) < log_post[c] - kSure) return 0.0;
         double total = 0.0;
         for (std::int32_t k = 0; k < size; ++k) total += std::exp(log_post[k] - top);
         return std::clamp(kPhred * (std::log(total) + top - log_post[c]), 0.0, run_call::kMaxQual);
@@ -351,16 +364,8 @@ run_call decide_run(const flow_models& m, std::int32_t n,
         for (std::int32_t c = 0; c < size; ++c) p.log_post[c] = likelihood_of(c) + prior[c];
         p.choose(at_n);
     };
-    const auto& [forward, reverse] = likelihood;
-    // The strands conflict only when each, alone, names its length with the confidence a
-    // call needs: a strand whose few values leave the length open does not speak.
-    if (forward_count >= min_strand && reverse_count >= min_strand) {
-        posterior f, r;
-        weigh(f, [&](std::int32_t c) { return double{forward[c]}; });
-        weigh(r, [&](std::int32_t c) { return double{reverse[c]}; });
-        out.strand_conflict = f.best != r.best && f.phred_not(f.best) >= min_qual &&
-                              r.phred_not(r.best) >= min_qual;
-    }
+    const float* forward = likelihood[0];
+    const float* reverse = likelihood[1];
     posterior both;
     weigh(both, [&](std::int32_t c) { return double{forward[c]} + double{reverse[c]}; });
     out.called = lo + both.best;
@@ -368,6 +373,16 @@ run_call decide_run(const flow_models& m, std::int32_t n,
                 double{reverse[at_n]};
     out.confidence = both.phred_not(both.best);
     out.qual = both.phred_is(at_n);
+    // The strands conflict only when each, alone, names its length with the confidence a
+    // call needs: a strand whose few values leave the length open does not speak. Only a
+    // run called otherwise than the consensus can be filtered, so only such a run asks.
+    if (out.called != n && forward_count >= min_strand && reverse_count >= min_strand) {
+        posterior f, r;
+        weigh(f, [&](std::int32_t c) { return double{forward[c]}; });
+        weigh(r, [&](std::int32_t c) { return double{reverse[c]}; });
+        out.strand_conflict =
+            f.best != r.best && f.phred_not(f.best) >= min_qual && r.phred_not(r.best) >= min_qual;
+    }
     return out;
 }
 

@@ -59,7 +59,7 @@ class flow_models {
     // assembly it was fitted on.)
     double error_rate = 0.005;
 
-    std::vector<std::string> files;                // the SFF files in the lookup's order
+    std::vector<std::string> files;                 // the SFF files in the lookup's order
     std::vector<std::vector<length_model>> models;  // [file][length], kLengths each
     std::vector<length_model> pooled;               // every file together, kLengths
 
@@ -162,11 +162,11 @@ class flow_sample {
     bool full() const { return static_cast<std::int64_t>(values.size()) >= max_values; }
 };
 
-// The lengths a run's call weighs: from two below its consensus length to three above. An
+// The lengths a run's call weighs: from two below its consensus length to two above. An
 // assembly's consensus is off by a base or two where it errs; a length further off would
 // mean reads and consensus disagree on the whole run, which no call from flows can mend.
 struct run_window {
-    static constexpr std::int32_t kSize = 6;
+    static constexpr std::int32_t kSize = 5;
     static std::int32_t first(std::int32_t consensus_length) {
         return std::max(0, consensus_length - 2);
     }
@@ -176,9 +176,9 @@ struct run_window {
 // winning ties) among the lengths near the values, the log-likelihood ratio of that length
 // against the consensus length, the phred-scaled probability that the consensus length is
 // right (qual: high when the reads speak against it) and that the called length is wrong
-// (confidence), both capped at kMaxQual; and whether the forward and the
-// complemented reads, each with `min_strand` signals or more, call different lengths, each
-// with a confidence of `min_qual` or more.
+// (confidence), both capped at kMaxQual; and, for a run called otherwise than the consensus,
+// whether the forward and the complemented reads, each with `min_strand` signals or more,
+// call different lengths, each with a confidence of `min_qual` or more.
 struct run_call {
     static constexpr double kMaxQual = 99.0;
     std::int32_t called = 0;

@@ -24,6 +24,7 @@ struct vcf_record {
     std::int64_t first = 0, last = 0;
     std::string alt;
     std::vector<std::int32_t> runs;
+    bool pass = true;
 };
 
 template <class Field>
@@ -142,7 +143,9 @@ void append_vcf_records(std::string& out, std::string_view contig_name, const st
     vcf_record rec;
     bool open = false;
     for (const consensus_edit& e : edits) {
-        if (open && e.begin - 1 == rec.last) {
+        // A filtered call never joins a passing one: applying the passing records must give
+        // the polished consensus.
+        if (open && e.begin - 1 == rec.last && e.pass == rec.pass) {
             rec.alt += e.bases;
             rec.last = std::max(rec.last, e.end - 1);
             rec.runs.push_back(e.run);
@@ -151,6 +154,7 @@ void append_vcf_records(std::string& out, std::string_view contig_name, const st
         if (open) append_record(out, contig_name, unpadded, rec, check);
         open = true;
         rec.runs.assign(1, e.run);
+        rec.pass = e.pass;
         if (e.begin > 0) {
             rec.first = e.begin - 1;
             rec.last = e.end - 1;
@@ -216,8 +220,7 @@ std::string describe_coverage(const contig_coverage& c) {
     return out;
 }
 
-void append_tsv_coverage(std::string& out, std::string_view contig_name,
-                         const contig_coverage& c) {
+void append_tsv_coverage(std::string& out, std::string_view contig_name, const contig_coverage& c) {
     out += "# ";
     out += contig_name;
     out += ": ";

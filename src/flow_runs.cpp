@@ -133,6 +133,7 @@ void flow_check::create_runs(const contig& c) {
             runs.push_back(r);
         },
         [](auto...) {});
+    const std::size_t base_runs = runs.size();
     for (const pad_block& block : blocks) {
         for (char x : fcycle) {
             if (!(block.letters & letter_bit(x))) continue;
@@ -145,14 +146,15 @@ void flow_check::create_runs(const contig& c) {
             runs.push_back(r);
         }
     }
-    std::sort(runs.begin(), runs.end(), run_order);
+    // Both parts are in order already: the runs of bases by their first owned column, the
+    // runs of length 0 by block and then letter. Merging them moves each run once.
+    std::inplace_merge(runs.begin(), runs.begin() + static_cast<std::ptrdiff_t>(base_runs),
+                       runs.end(), run_order);
 }
 
 void flow_check::add_value(hp_run& r, std::uint16_t value, bool complemented, std::size_t file) {
     if (models.pooled.empty()) models.set_fixed(model, 0);
-    r.add(value, complemented);
-    models.add_densities(file, run_window::first(r.consensus_length), value,
-                         r.likelihood[complemented ? 1 : 0]);
+    weigh_value(r, value, complemented, file);
 }
 
 void flow_check::add_read(const contig& c, const READ& read, const tied_read& t,
@@ -169,7 +171,11 @@ void flow_check::add_read(const contig& c, const READ& read, const tied_read& t,
 
     // For every offset, the nearest base at or before it and at or after it.
     const auto span = static_cast<std::size_t>(k1 - k0);
-    std::vector<std::int64_t> before(span), after(span);
+    std::vector<std::int64_t>& before = scratch_before_;
+    std::vector<std::int64_t>& after = scratch_after_;
+    before.resize(span);
+    after.resize(span);
+    if (models.pooled.empty()) models.set_fixed(model, 0);
     std::int64_t last = -1;
     for (std::int64_t k = k0; k < k1; ++k) {
         if (flow_at(k) >= 0) last = k;
@@ -225,7 +231,7 @@ void flow_check::add_read(const contig& c, const READ& read, const tied_read& t,
             if (static_cast<std::size_t>(flow) >= t.flowgram.size()) continue;
             value = t.flowgram[static_cast<std::size_t>(flow)];
         }
-        add_value(r, value, t.complemented, t.file);
+        weigh_value(r, value, t.complemented, t.file);
         if (keep_values) {
             values.emplace_back(value, t.file, t.complemented);
             value_runs.push_back(static_cast<std::uint32_t>(it - runs.begin()));

@@ -53,23 +53,20 @@ struct hp_run {
     std::int32_t column = 0;    // its first base; the first pad column for a run of length 0
     std::int32_t position = 0;  // unpadded position of its first base (where it would start)
     std::int32_t consensus_length = 0;
-
     // The call (run_call): the most probable length, the log-likelihood ratio (natural log)
     // of that length against the consensus length (0 when they agree), the phred-scaled
     // probability that the consensus length is right (qual) and that the called length is
     // wrong (confidence), and whether the two strands call different lengths.
     std::int32_t called_length = 0;
-    double score = 0.0;
-    float qual = 0.0f, confidence = 0.0f;
-    bool strand_conflict = false;
-
     std::int32_t signals = 0, forward = 0;
-    std::uint64_t sum = 0, sum_squares = 0;  // of the values in hundredths
+    std::uint64_t sum = 0;  // of the values in hundredths
+    float score = 0.0f, qual = 0.0f, confidence = 0.0f;
     std::uint16_t max_value = 0;
     char letter = 'A';  // upper case
+    bool strand_conflict = false;
     // The log-likelihood of the values under each length the call weighs (run_window::first
     // and on), summed as they arrive, per strand: forward reads, then complemented ones. The
-    // run holds no values, so its memory does not grow with the depth.
+    // run holds no values, so its memory does not grow with the depth: 96 bytes a run.
     float likelihood[2][run_window::kSize] = {};
 
     std::int32_t reverse() const { return signals - forward; }
@@ -82,13 +79,12 @@ struct hp_run {
         ++signals;
         if (!complemented) ++forward;
         sum += value;
-        sum_squares += std::uint64_t{value} * value;
         if (value > max_value) max_value = value;
     }
     // Forgets every value, keeping the run and its call.
     void clear_signals() {
         signals = forward = 0;
-        sum = sum_squares = 0;
+        sum = 0;
         max_value = 0;
         for (auto& strand : likelihood)
             for (float& x : strand) x = 0.0f;
@@ -161,8 +157,9 @@ class flow_check {
     // Calls the length of every run that has at least one signal.
     void call_runs();
     // The whole check of one contig: its runs, every read's record fetched through `lookup`
-    // (file by file, each file opened once) and tied, the signals, the calls. A read's number
-    // in run_signal is its place in the contig's name order. Adds to `counts`.
+    // (file by file, each file opened once, a file's reads in the order of their start
+    // column) and tied, the signals, the calls. A read's number in run_signal is its place
+    // in the contig's name order. Adds to `counts`.
     void check_contig(const contig& c, const read_lookup& lookup, tie_counts& counts);
     // The same with any index of the files `sff_paths`: `find` gives the number of the file
     // that holds a read and the record's position there, or -1. With `tied`, the reads that
@@ -199,6 +196,16 @@ class flow_check {
     // the same bases (or insert inside a changed run) cannot both stand: a passing call wins
     // over a filtered one, else the one with the higher qual and score is kept.
     void edits(const std::string& unpadded, std::vector<consensus_edit>& out) const;
+
+  private:
+    // add_value once `models` is known to be set.
+    void weigh_value(hp_run& r, std::uint16_t value, bool complemented, std::size_t file) {
+        r.add(value, complemented);
+        models.add_densities(file, run_window::first(r.consensus_length), value,
+                             r.likelihood[complemented ? 1 : 0]);
+    }
+    // add_read's per-read arrays, kept from read to read.
+    std::vector<std::int64_t> scratch_before_, scratch_after_;
 };
 
 // A window of a contig in flow space with the flow values the reads measured: align_flow's
@@ -245,7 +252,8 @@ struct vcf_contig {
 void append_vcf_header(std::string& out, std::string_view source, std::string_view reference,
                        const std::vector<vcf_contig>& contigs);
 // One record per edit, anchored on the base before it; edits that share that base go into
-// one record, so that no two records overlap.
+// one record, so that no two records overlap, unless one passes and the other is filtered:
+// those stay apart, so that the passing records alone give the polished consensus.
 void append_vcf_records(std::string& out, std::string_view contig_name, const std::string& unpadded,
                         const std::vector<consensus_edit>& edits, const flow_check& check);
 void append_tsv_header(std::string& out);

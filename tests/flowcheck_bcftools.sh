@@ -58,9 +58,23 @@ contig_lengths() {
 check "contig lengths in the header" contig_lengths
 check "the header names the consensus file" \
     grep -qxF "##reference=file:sim.consensus.fa" <(bcftools view -h "$vcf.gz")
-bcftools consensus -f "$ref" "$vcf.gz" >"$tmp/applied.fa" 2>"$tmp/consensus.err" || cat "$tmp/consensus.err"
+# Only calls that pass are applied, as PREFIX.polished.fa applies them.
+bcftools consensus -i 'FILTER="PASS"' -f "$ref" "$vcf.gz" >"$tmp/applied.fa" 2>"$tmp/consensus.err" || cat "$tmp/consensus.err"
 check "bcftools consensus gives the polished FASTA" cmp "$tmp/applied.fa" "$tmp/sim.polished.fa"
 check "the polished FASTA is the simulated genome" cmp "$tmp/sim.polished.fa" "$tmp/sim.truth.fa"
+# QUAL is the phred-scaled probability that the consensus length is right: every call
+# clears the default threshold.
+check "every record's QUAL is at least 20" \
+    [ "$(bcftools view -H -e 'QUAL>=20' "$vcf.gz" | wc -l)" -eq 0 ]
+# A filtered call (declared in the header) is read without a warning and left out by -f PASS.
+bcftools view -h "$vcf.gz" >"$tmp/filtered.vcf"
+bcftools view -H "$vcf.gz" | awk -F'\t' 'BEGIN { OFS = FS } NR == 1 { $7 = "StrandConflict" } { print }' \
+    >>"$tmp/filtered.vcf"
+filtered_quietly() {
+    [ "$(bcftools view -H -f PASS "$tmp/filtered.vcf" 2>"$tmp/filtered.err" | wc -l)" -eq \
+        "$(($(wc -l <"$tmp/sim.planted.tsv") - 2))" ] && [ ! -s "$tmp/filtered.err" ]
+}
+check "a StrandConflict record is declared and filtered out" filtered_quietly
 
 echo "flowcheck_bcftools: $passed passed, $failed failed"
 [ "$failed" -eq 0 ]

@@ -37,13 +37,14 @@ flow_check tight() {
 TEST(Call, NoWildValueCarriesACallAndAgreementDoes) {
     flow_check check = tight();
     // A true T3 with one wild value among twelve good ones: no call.
-    const hp_run t3 = weigh(check, 3, {3.19, 3.20, 7.90, 3.41, 2.90, 3.23, 3.16, 3.05, 3.13, 2.95,
-                                       3.02, 3.04, 3.05});
+    const hp_run t3 = weigh(
+        check, 3, {3.19, 3.20, 7.90, 3.41, 2.90, 3.23, 3.16, 3.05, 3.13, 2.95, 3.02, 3.04, 3.05});
     EXPECT_EQ(t3.called_length, 3);
     EXPECT_TRUE(check.tested(t3));
     EXPECT_FALSE(check.differs(t3));
     // Two values that say 4 among ten that say 3 cannot move it either.
-    const hp_run two = weigh(check, 3, {4.0, 4.02, 3.0, 3.1, 2.9, 3.0, 3.05, 2.95, 3.0, 3.1, 2.9, 3.0});
+    const hp_run two =
+        weigh(check, 3, {4.0, 4.02, 3.0, 3.1, 2.9, 3.0, 3.05, 2.95, 3.0, 3.1, 2.9, 3.0});
     EXPECT_FALSE(check.differs(two));
     // Three agreeing reads carry a call, with the quality of the evidence.
     const hp_run three = weigh(check, 2, {3.0, 3.05, 2.95});
@@ -178,9 +179,10 @@ TEST(ModelTable, RoundTripAndMatchingAndBadTables) {
     EXPECT_EQ(again, text);
 
     // A table with a few lines: the missing lengths follow the nearest given one.
-    ASSERT_TRUE(back.parse_tsv("file\tlength\tsignals\tcentre\tspread\toutlier_rate\tsource\n"
-                               "x.sff\t3\t10\t2.9\t0.2\t0.01\testimated\r\n",
-                               {"x.sff"}, why))
+    ASSERT_TRUE(
+        back.parse_tsv("file\tlength\tsignals\tcentre\tspread\toutlier_rate\tsource\n"
+                       "x.sff\t3\t10\t2.9\t0.2\t0.01\testimated\r\n",
+                       {"x.sff"}, why))
         << why;
     EXPECT_NEAR(back.at(0, 5).centre, 4.9, 1e-9);
     EXPECT_EQ(back.at(0, 5).source, model_source::extrapolated);
@@ -189,7 +191,8 @@ TEST(ModelTable, RoundTripAndMatchingAndBadTables) {
     for (const std::string& bad :
          {std::string("no header\n"), header, header + "x\t1\t5\t1.0\t0\t0.01\testimated\n",
           header + "x\t13\t5\t1.0\t0.1\t0.01\testimated\n",
-          header + "x\t1\t5\t1.0\t0.1\t0.01\tguessed\n", header + "x\t1.5\t5\t1\t0.1\t0.01\tfixed\n",
+          header + "x\t1\t5\t1.0\t0.1\t0.01\tguessed\n",
+          header + "x\t1.5\t5\t1\t0.1\t0.01\tfixed\n",
           header + "x\t1\t5\tnan\t0.1\t0.01\tfixed\n"}) {
         EXPECT_FALSE(back.parse_tsv(bad, {"x"}, why)) << bad;
         EXPECT_FALSE(why.empty());

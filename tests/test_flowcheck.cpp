@@ -211,12 +211,12 @@ TEST(Window, EveryReadsMeasuredValueBesideTheAssemblysCounts) {
     // Rows: a read calling the T run whole, one under-calling it to 0, one that is not tied,
     // and a complemented one under-calling it to 0, which measured it in A13 (between its
     // C14 and G11) where T12 holds noise.
-    checked k = check_contig("ACGTTTCA",
-                             {{placed("ACGTTTCA"), record("ACGTTTCA", {{12, 310}})},
-                              {placed("ACG***CA"), record("ACGCA", {{12, 40}})},
-                              {placed("ACGTTTCA"), record("ACGTTCA")},
-                              {placed("ACG***CA", 1, true),
-                               record(reverse_complement("ACGCA"), {{12, 30}, {13, 70}})}});
+    checked k = check_contig(
+        "ACGTTTCA",
+        {{placed("ACGTTTCA"), record("ACGTTTCA", {{12, 310}})},
+         {placed("ACG***CA"), record("ACGCA", {{12, 40}})},
+         {placed("ACGTTTCA"), record("ACGTTCA")},
+         {placed("ACG***CA", 1, true), record(reverse_complement("ACGCA"), {{12, 30}, {13, 70}})}});
     flow_window w;
     window_signals(k.c, k.tied, k.check, 1, 8, w);
     const std::int32_t u = flow_window::untied_read;
@@ -311,10 +311,9 @@ TEST(Vcf, CallsSharingAnAnchorBaseBecomeOneRecord) {
     EXPECT_EQ(both.polished, "ACCGGGTA");
     // A run the consensus lacks goes in after the base before its pad columns.
     const report inserted = report_of("AC**GGTA", {{3, 1}, {5, 1}}, {{"r", 1, "ACTTGGTA"}});
-    EXPECT_EQ(
-        inserted.vcf,
-        "c1\t2\t.\tCGG\tCTG\t50.00\tPASS\tDP=10,10;FWD=0,0;REV=10,10;CL=0,2;HL=1,1;"
-        "SC=20.00,20.00;CQ=40.00,40.00\n");
+    EXPECT_EQ(inserted.vcf,
+              "c1\t2\t.\tCGG\tCTG\t50.00\tPASS\tDP=10,10;FWD=0,0;REV=10,10;CL=0,2;HL=1,1;"
+              "SC=20.00,20.00;CQ=40.00,40.00\n");
     EXPECT_EQ(inserted.polished, "ACTGTA");
 }
 
@@ -334,6 +333,32 @@ TEST(Vcf, CollidingCallsKeepTheStrongerAndCaseIsKept) {
     check.edits(unpadded, edits);
     ASSERT_EQ(edits.size(), 1u);
     EXPECT_EQ(apply_edits(unpadded, edits), "acAgt");
+    // A filtered call sharing an anchor with a passing one is a record of its own, and only
+    // the passing one is applied.
+    contig two = make_contig("AC**GGTA", {});
+    flow_check split;
+    split.create_runs(two);
+    for (hp_run& r : split.runs) {
+        r.signals = 10;
+        r.called_length = r.consensus_length;
+        r.confidence = 99;
+        if (r.column == 2 || r.column == 5) {
+            r.called_length = r.consensus_length + 1;
+            r.score = 20;
+            r.qual = r.confidence = 50;
+            r.strand_conflict = r.column == 5;
+        }
+    }
+    const std::string bases = unpadded_consensus(two);
+    std::vector<consensus_edit> both;
+    split.edits(bases, both);
+    std::string vcf;
+    append_vcf_records(vcf, "c1", bases, both, split);
+    EXPECT_EQ(vcf,
+              "c1\t1\t.\tAC\tACC\t50.00\tPASS\tDP=10;FWD=0;REV=10;CL=1;HL=2;SC=20.00;CQ=50.00\n"
+              "c1\t2\t.\tCGG\tCGGG\t50.00\tStrandConflict\tDP=10;FWD=0;REV=10;CL=2;HL=3;SC=20.00;"
+              "CQ=50.00\n");
+    EXPECT_EQ(apply_edits(bases, both), "ACCGGTA");
     // A lengthened lower-case run stays lower case.
     EXPECT_EQ(report_of("acgt", {{2, 2}}).polished, "accgt");
 }
@@ -423,7 +448,8 @@ TEST(Program, WritesTheFourFilesAndASummary) {
     EXPECT_EQ(model.substr(0, model.find('\n')),
               "file\tlength\tsignals\tcentre\tspread\toutlier_rate\tsource");
     ASSERT_TRUE(write_file(d / "saved.tsv", model));
-    const run_result again = flowcheck({"--model", "saved.tsv", "-o", "again", "asm.ace", "a.sff"}, d.path);
+    const run_result again =
+        flowcheck({"--model", "saved.tsv", "-o", "again", "asm.ace", "a.sff"}, d.path);
     EXPECT_EQ(again.status, 0) << again.err;
     EXPECT_NE(again.err.find("model read from saved.tsv"), std::string::npos);
     EXPECT_EQ(read_file(d / "again.flowcheck.tsv"), tsv);
