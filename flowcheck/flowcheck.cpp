@@ -125,8 +125,8 @@ int parse_options(int argc, char** argv, options& o) {
             return true;
         };
         const bool takes_value = arg == "-o" || arg == "--min-signals" || arg == "--min-score" ||
-                                 arg == "--min-qual" || arg == "--model" ||
-                                 arg == "--sigma-base" || arg == "--sigma-slope";
+                                 arg == "--min-qual" || arg == "--model" || arg == "--sigma-base" ||
+                                 arg == "--sigma-slope";
         if (!takes_value && inline_value) return usage_error("option " + arg + " takes no value");
         if (arg == "-h" || arg == "--help") {
             o.help = true;
@@ -320,11 +320,10 @@ int flowcheck_main(int argc, char** argv) {
     vcf.text(records);
     for (auto* f : {&vcf, &tsv, &model_tsv, &consensus_fa, &polished_fa}) f->close();
 
-    std::cerr << program << ": " << t.contigs << " contigs (" << unchecked.size()
-              << " unchecked), " << t.tested << " of " << t.runs << " runs tested, " << t.called
-              << " called different (" << t.passed << " pass); reads: " << t.reads.tied
-              << " tied, " << t.reads.untied << " untied, " << t.reads.not_found
-              << " in no SFF file\n";
+    std::cerr << program << ": " << t.contigs << " contigs (" << unchecked.size() << " unchecked), "
+              << t.tested << " of " << t.runs << " runs tested, " << t.called
+              << " called different (" << t.passed << " pass); reads: " << t.reads.tied << " tied, "
+              << t.reads.untied << " untied, " << t.reads.not_found << " in no SFF file\n";
     if (!unchecked.empty()) {
         // A long list would bury the summary; the TSV names every contig's coverage.
         constexpr std::size_t kNamed = 10;
