@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -260,13 +261,15 @@ TEST(Window, EveryReadsMeasuredValueBesideTheAssemblysCounts) {
     EXPECT_EQ(inside.runs, (std::vector<std::int32_t>{3, 4}));
 }
 
-// The VCF records and the polished sequence of hand-set calls on a contig's runs.
+// The VCF records and the polished sequence of hand-set calls on a contig's runs; the calls
+// on the columns `filtered` have forward and complemented reads that disagree.
 struct report {
     std::string vcf, polished;
 };
 
 report report_of(const std::string& consensus, const std::map<std::int32_t, std::int32_t>& calls,
-                 const std::vector<placed_read>& reads = {}) {
+                 const std::vector<placed_read>& reads = {},
+                 const std::set<std::int32_t>& filtered = {}) {
     contig c = make_contig(consensus, reads);
     flow_check check;
     check.create_runs(c);
@@ -279,6 +282,7 @@ report report_of(const std::string& consensus, const std::map<std::int32_t, std:
             r.score = 20;
             r.qual = 50;
             r.confidence = 40;
+            r.strand_conflict = filtered.count(r.column) > 0;
         }
     }
     const std::string unpadded = unpadded_consensus(c);
@@ -309,6 +313,14 @@ TEST(Vcf, CallsSharingAnAnchorBaseBecomeOneRecord) {
               "c1\t1\t.\tACGG\tACCGGG\t50.00\tPASS\tDP=10,10;FWD=0,0;REV=10,10;CL=1,2;HL=2,3;"
               "SC=20.00,20.00;CQ=40.00,40.00\n");
     EXPECT_EQ(both.polished, "ACCGGGTA");
+    // A filtered call sharing the anchor with a passing one is a record of its own, and only
+    // the passing one is applied.
+    const report split = report_of("AC**GGTA", {{2, 2}, {5, 3}}, {}, {5});
+    EXPECT_EQ(split.vcf, "c1\t1\t.\tAC\tACC" + kInfo +
+                             "CL=1;HL=2;SC=20.00;CQ=40.00\n"
+                             "c1\t2\t.\tCGG\tCGGG\t50.00\tStrandConflict\tDP=10;FWD=0;REV=10;"
+                             "CL=2;HL=3;SC=20.00;CQ=40.00\n");
+    EXPECT_EQ(split.polished, "ACCGGTA");
     // A run the consensus lacks goes in after the base before its pad columns.
     const report inserted = report_of("AC**GGTA", {{3, 1}, {5, 1}}, {{"r", 1, "ACTTGGTA"}});
     EXPECT_EQ(inserted.vcf,
@@ -333,32 +345,6 @@ TEST(Vcf, CollidingCallsKeepTheStrongerAndCaseIsKept) {
     check.edits(unpadded, edits);
     ASSERT_EQ(edits.size(), 1u);
     EXPECT_EQ(apply_edits(unpadded, edits), "acAgt");
-    // A filtered call sharing an anchor with a passing one is a record of its own, and only
-    // the passing one is applied.
-    contig two = make_contig("AC**GGTA", {});
-    flow_check split;
-    split.create_runs(two);
-    for (hp_run& r : split.runs) {
-        r.signals = 10;
-        r.called_length = r.consensus_length;
-        r.confidence = 99;
-        if (r.column == 2 || r.column == 5) {
-            r.called_length = r.consensus_length + 1;
-            r.score = 20;
-            r.qual = r.confidence = 50;
-            r.strand_conflict = r.column == 5;
-        }
-    }
-    const std::string bases = unpadded_consensus(two);
-    std::vector<consensus_edit> both;
-    split.edits(bases, both);
-    std::string vcf;
-    append_vcf_records(vcf, "c1", bases, both, split);
-    EXPECT_EQ(vcf,
-              "c1\t1\t.\tAC\tACC\t50.00\tPASS\tDP=10;FWD=0;REV=10;CL=1;HL=2;SC=20.00;CQ=50.00\n"
-              "c1\t2\t.\tCGG\tCGGG\t50.00\tStrandConflict\tDP=10;FWD=0;REV=10;CL=2;HL=3;SC=20.00;"
-              "CQ=50.00\n");
-    EXPECT_EQ(apply_edits(bases, both), "ACCGGTA");
     // A lengthened lower-case run stays lower case.
     EXPECT_EQ(report_of("acgt", {{2, 2}}).polished, "accgt");
 }
