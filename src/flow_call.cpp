@@ -9,9 +9,7 @@
 
 #include "flowcheck.h"
 
-// The values are grouped by run in one counting pass, keeping each run's values in the order
-// the reads gave them, so that a run's call does not depend on how the reads were fetched
-// beyond that order.
+// Each run is decided from the log-likelihoods its values added up as add_read found them.
 void flow_check::call_runs() {
     if (models.pooled.empty()) models.set_fixed(model, 0);
     for (hp_run& r : runs) {

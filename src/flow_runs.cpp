@@ -2,6 +2,7 @@
 // each of them.
 #include <algorithm>
 #include <bit>
+#include <cassert>
 
 #include "flow_letters.h"
 #include "flowcheck.h"
@@ -150,6 +151,7 @@ void flow_check::create_runs(const contig& c) {
     // runs of length 0 by block and then letter. Merging them moves each run once.
     std::inplace_merge(runs.begin(), runs.begin() + static_cast<std::ptrdiff_t>(base_runs),
                        runs.end(), run_order);
+    assert(std::is_sorted(runs.begin(), runs.end(), run_order));
 }
 
 void flow_check::add_value(hp_run& r, std::uint16_t value, bool complemented, std::size_t file) {
