@@ -225,7 +225,8 @@ bool flow_models::parse_tsv(std::string_view text, const std::vector<std::string
             length >= kLengths || length != std::floor(length) || !parse_number(f[2], signals) ||
             !parse_number(f[3], l.m.centre) || !parse_number(f[4], l.m.spread) ||
             !parse_number(f[5], l.m.outlier) || !parse_source(f[6], l.m.source) ||
-            l.m.spread <= 0 || l.m.outlier < 0 || l.m.outlier >= 1 || signals < 0) {
+            l.m.spread <= 0 || l.m.outlier < 0 || l.m.outlier >= 1 || signals < 0 ||
+            signals > 1e15 || signals != std::floor(signals)) {
             error = "line " + std::to_string(number) + " is not a model line";
             return false;
         }

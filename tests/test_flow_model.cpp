@@ -192,8 +192,8 @@ TEST(ModelTable, RoundTripAndMatchingAndBadTables) {
          {std::string("no header\n"), header, header + "x\t1\t5\t1.0\t0\t0.01\testimated\n",
           header + "x\t13\t5\t1.0\t0.1\t0.01\testimated\n",
           header + "x\t1\t5\t1.0\t0.1\t0.01\tguessed\n",
-          header + "x\t1.5\t5\t1\t0.1\t0.01\tfixed\n",
-          header + "x\t1\t5\tnan\t0.1\t0.01\tfixed\n"}) {
+          header + "x\t1.5\t5\t1\t0.1\t0.01\tfixed\n", header + "x\t1\t5\tnan\t0.1\t0.01\tfixed\n",
+          header + "x\t1\t1e30\t1.0\t0.1\t0.01\tfixed\n"}) {
         EXPECT_FALSE(back.parse_tsv(bad, {"x"}, why)) << bad;
         EXPECT_FALSE(why.empty());
     }
