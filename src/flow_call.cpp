@@ -107,6 +107,7 @@ void flow_check::calibrate(const contig_source& next, const std::vector<std::str
     while (!sample.full()) {
         contig c;
         if (!next(c)) break;
+        probe.value_limit = static_cast<std::size_t>(max_values) - sample.values.size();
         probe.check_contig(c, sff_paths, find, ignored);
         probe.add_to(sample);
     }

@@ -129,8 +129,9 @@ double log_density(const length_model& m, double value);
 void round_to_table(length_model& m);
 
 // Labelled signals of checked contigs, gathered for the fit: every signal of a run, under
-// the length the consensus gives the run. Whole contigs are added until `max_values` is
-// reached, so that every front end that samples the same assembly fits the same model.
+// the length the consensus gives the run. Contigs are added in order until `max_values` is
+// reached (of the last, the values found first), so that every front end that samples the
+// same assembly fits the same model.
 struct sample_run {
     std::int32_t consensus_length = 0;
     std::int32_t count = 0;

@@ -234,7 +234,7 @@ void flow_check::add_read(const contig& c, const READ& read, const tied_read& t,
             value = t.flowgram[static_cast<std::size_t>(flow)];
         }
         weigh_value(r, value, t.complemented, t.file);
-        if (keep_values) {
+        if (keep_values && values.size() < value_limit) {
             values.emplace_back(value, t.file, t.complemented);
             value_runs.push_back(static_cast<std::uint32_t>(it - runs.begin()));
         }

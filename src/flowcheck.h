@@ -12,6 +12,7 @@
 // (the complement for a complemented read) between the flows of its two neighbouring bases.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -140,8 +141,10 @@ class flow_check {
 
     std::vector<hp_run> runs;         // ordered by first owned column, then column and letter
     std::vector<run_signal> signals;  // filled only with keep_signals
-    // With keep_values, every value a run got and the run's index, for a fit's sample.
+    // With keep_values, every value a run got and the run's index, for a fit's sample, up
+    // to value_limit of them (a single contig of a whole genome must not hold them all).
     bool keep_values = false;
+    std::size_t value_limit = SIZE_MAX;
     std::vector<run_value> values;
     std::vector<std::uint32_t> value_runs;
     tie_counts reads;  // the last contig's, from check_contig

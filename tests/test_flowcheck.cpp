@@ -173,6 +173,21 @@ TEST(Signals, ARunGetsTheFlowOfItsBasesOrTheFlowBetweenItsNeighbours) {
     EXPECT_EQ(run_at(k, 1, 'A').signals, 0);
     EXPECT_EQ(run_at(k, 8, 'A').signals, 0);
     EXPECT_EQ(run_at(k, 3, 'G').signals, 5);
+
+    // A fit's sample keeps the values found first, up to its limit: here the first read's.
+    flow_check keep;
+    keep.keep_values = true;
+    keep.value_limit = 4;
+    keep.create_runs(k.c);
+    std::int32_t n = 0;
+    for (const auto& [name, t] : k.tied) keep.add_read(k.c, k.c.reads.at(name), t, n++);
+    keep.call_runs();
+    flow_sample sample;
+    keep.add_to(sample);
+    ASSERT_EQ(sample.values.size(), 4u);
+    ASSERT_EQ(sample.runs.size(), 4u);
+    EXPECT_EQ(sample.runs[2].consensus_length, 3);
+    EXPECT_EQ(sample.values[static_cast<std::size_t>(sample.runs[2].first)].value, 310);
 }
 
 TEST(Signals, ARunTheConsensusLacksIsWeighedAsLengthZero) {
