@@ -69,6 +69,8 @@ void flow_check::check_contig(const contig& c, const std::vector<std::string>& s
         const std::string_view flows(rd.header_p2.flow_chars.data(),
                                      rd.header_p2.flow_chars.size());
         for (const wanted_read& w : wanted[k]) {
+            // A fit's sample that is full needs no more reads.
+            if (keep_values && values.size() >= value_limit) break;
             if (rd.get_record(w.pos) && tie_read(*w.read, rd.cur_read, flows, t)) {
                 // The reads of more files than a number can tell apart share the last's model.
                 t.file = static_cast<std::uint16_t>(std::min<std::size_t>(k, UINT16_MAX));

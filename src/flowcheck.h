@@ -142,7 +142,8 @@ class flow_check {
     std::vector<hp_run> runs;         // ordered by first owned column, then column and letter
     std::vector<run_signal> signals;  // filled only with keep_signals
     // With keep_values, every value a run got and the run's index, for a fit's sample, up
-    // to value_limit of them (a single contig of a whole genome must not hold them all).
+    // to value_limit of them (a single contig of a whole genome must not hold them all);
+    // check_contig fetches no further read once they are reached.
     bool keep_values = false;
     std::size_t value_limit = SIZE_MAX;
     std::vector<run_value> values;
