@@ -7,10 +7,8 @@
 
 #include <atomic>
 #include <cstdlib>
-#include <fstream>
 #include <iostream>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -109,23 +107,6 @@ int parse(int argc, char** argv, options& o) {
     return -1;
 }
 
-// The model table of `path` for the SFF files, as sorvexa-flowcheck --model reads it.
-bool read_models(const std::string& path, const std::vector<std::string>& names, flow_models& out,
-                 std::string& why) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    if (!in) {
-        why = "can not read model file " + path;
-        return false;
-    }
-    if (!out.parse_tsv(text.str(), names, why)) {
-        why = path + ": " + why;
-        return false;
-    }
-    return true;
-}
-
 // The ACE file while start-up reads it on the main thread. The reader ends the process on a
 // file out of its grammar; on the way out, a file of a known writer's shape gets the rewrite
 // that makes it readable after the reader's message.
@@ -148,7 +129,7 @@ int serve(int argc, char** argv) {
     std::optional<flow_models> models;
     if (!o.model.empty()) {
         std::string why;
-        if (!read_models(o.model, o.sff, models.emplace(), why)) {
+        if (!read_model_file(o.model, o.sff, models.emplace(), why)) {
             std::cerr << "sorvexa-browse: " << why << std::endl;
             return 1;
         }

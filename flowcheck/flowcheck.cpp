@@ -8,9 +8,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdint>
-#include <fstream>
 #include <iostream>
-#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -217,30 +215,13 @@ int flowcheck_main(int argc, char** argv) {
     read_lookup lookup;
     lookup.index_files(std::vector<std::string>(opt.operands.begin() + 1, opt.operands.end()));
     flow_check& check = opt.check;
-    std::string model_note;
-    if (!opt.model_path.empty()) {
-        std::ifstream in(opt.model_path, std::ios::binary);
-        std::ostringstream text;
-        text << in.rdbuf();
-        std::string why;
-        if (!in || !check.models.parse_tsv(text.str(), lookup.sff_names, why)) {
-            std::cerr << program << ": "
-                      << (why.empty() ? "can not read model file " + opt.model_path
-                                      : opt.model_path + ": " + why)
-                      << std::endl;
-            return 1;
-        }
-        model_note = "read from " + opt.model_path;
-    } else if (opt.fixed_model) {
-        check.models.set_fixed(check.model, lookup.sff_names.size());
-        check.models.files = lookup.sff_names;
-        model_note = "fixed";
-    } else {
-        // The fit reads the assembly's first contigs once more than the check does: a bounded
-        // sample, so that a whole run's signals need not be held.
-        aceReader sample(ace_path);
-        check.calibrate([&sample](contig& c) { return sample.next_contig(c) != 0; }, lookup);
-        model_note = "fitted: " + describe_models(check.models);
+    std::string model_note, why;
+    const model_origin origin = !opt.model_path.empty() ? model_origin::table
+                                : opt.fixed_model       ? model_origin::fixed
+                                                        : model_origin::fitted;
+    if (!choose_models(check, origin, ace_path, opt.model_path, lookup, why, model_note)) {
+        std::cerr << program << ": " << why << std::endl;
+        return 1;
     }
     aceReader ace(ace_path);
 

@@ -2,11 +2,14 @@
 #include <algorithm>
 #include <cctype>
 #include <cmath>
+#include <fstream>
 #include <numeric>
 #include <set>
+#include <sstream>
 #include <tuple>
 #include <utility>
 
+#include "ace.h"
 #include "flowcheck.h"
 
 // Each run is decided from the log-likelihoods its values added up as add_read found them.
@@ -118,6 +121,46 @@ void flow_check::calibrate(const contig_source& next, const std::vector<std::str
     o.min_qual = min_qual;
     o.min_strand = min_signals;
     fit_flow_models(sample, sff_paths, o, models);
+}
+
+bool read_model_file(const std::string& path, const std::vector<std::string>& sff_files,
+                     flow_models& out, std::string& error) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    if (!in) {
+        error = "can not read model file " + path;
+        return false;
+    }
+    if (!out.parse_tsv(text.str(), sff_files, error)) {
+        error = path + ": " + error;
+        return false;
+    }
+    return true;
+}
+
+bool choose_models(flow_check& check, model_origin origin, const std::string& ace_path,
+                   const std::string& table_path, const read_lookup& lookup, std::string& error,
+                   std::string& note) {
+    switch (origin) {
+        case model_origin::table:
+            if (!read_model_file(table_path, lookup.sff_names, check.models, error)) return false;
+            note = "read from " + table_path;
+            return true;
+        case model_origin::fixed:
+            check.models.set_fixed(check.model, lookup.sff_names.size());
+            check.models.files = lookup.sff_names;
+            note = "fixed";
+            return true;
+        case model_origin::fitted:
+            break;
+    }
+    // The fit reads the assembly's first contigs once more than the check does: a bounded
+    // sample, so that a whole run's signals need not be held.
+    aceReader sample(ace_path);
+    check.calibrate([&sample](contig& c) { return sample.next_contig(c) != 0; }, lookup);
+    note = "fitted: " + describe_models(check.models);
+    return true;
 }
 
 void flow_check::add_to(flow_sample& sample) const {

@@ -212,6 +212,21 @@ class flow_check {
     std::vector<std::int64_t> scratch_before_, scratch_after_;
 };
 
+// Where a check's model comes from: fitted to the assembly (flow_check::calibrate over the
+// ACE file's contigs in order), read from a model table, or the fixed model for every file.
+enum class model_origin { fitted, table, fixed };
+
+// The model table at `path` for the files `sff_files`. False, with `error` set to "can not
+// read model file PATH" or "PATH: " and what is wrong with it, when it cannot serve.
+bool read_model_file(const std::string& path, const std::vector<std::string>& sff_files,
+                     flow_models& out, std::string& error);
+// Sets check.models from `origin` for the files of `lookup` (`table_path` for a table, the
+// ACE file `ace_path` for a fit); `note` says what the model rests on ("fitted: ...", "read
+// from PATH", "fixed"). False with `error` set when the table cannot serve.
+bool choose_models(flow_check& check, model_origin origin, const std::string& ace_path,
+                   const std::string& table_path, const read_lookup& lookup, std::string& error,
+                   std::string& note);
+
 // A window of a contig in flow space with the flow values the reads measured: align_flow's
 // grid for the same window, and beside its counts the value of each row's read on each flow.
 struct flow_window {

@@ -1,17 +1,15 @@
 // sorvexa.flowcheck: the homopolymer check of a whole assembly, made with the library's own
 // steps in the order sorvexa-flowcheck takes them (the model fitted, read or fixed first,
 // then the contigs checked one by one), so that its numbers and texts are the program's.
+#include <pybind11/stl.h>
+
 #include <cmath>
-#include <cstdio>
 #include <cstdint>
-#include <fstream>
+#include <cstdio>
 #include <limits>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <vector>
-
-#include <pybind11/stl.h>
 
 #include "ace.h"
 #include "bindings.h"
@@ -49,24 +47,12 @@ struct check_result {
     std::vector<vcf_contig> vcf_contigs;
 };
 
-// Where the model comes from, as the program's options choose it.
-enum class model_choice { fitted, read, fixed };
-
 struct check_options {
     flow_check check;
-    model_choice choice = model_choice::fitted;
+    model_origin choice = model_origin::fitted;
     std::string model_path;
     bool all_runs = false;
 };
-
-// The model file's text, or false when it cannot be read.
-bool read_file(const std::string& path, std::string& out) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    out = text.str();
-    return static_cast<bool>(in);
-}
 
 // Empty when the run went through, else why the model file was refused, in the program's
 // words.
@@ -75,24 +61,8 @@ std::string run_check(const std::string& ace_path, const std::vector<std::string
     read_lookup lookup;
     lookup.index_files(sff_paths);
     flow_check& check = o.check;
-    switch (o.choice) {
-        case model_choice::read: {
-            std::string text, why;
-            if (!read_file(o.model_path, text)) return "can not read model file " + o.model_path;
-            if (!check.models.parse_tsv(text, lookup.sff_names, why)) return o.model_path + ": " + why;
-            break;
-        }
-        case model_choice::fixed:
-            check.models.set_fixed(check.model, lookup.sff_names.size());
-            check.models.files = lookup.sff_names;
-            break;
-        case model_choice::fitted: {
-            // A reader of its own, as the program's: the fit samples the first contigs.
-            aceReader sample(ace_path);
-            check.calibrate([&sample](contig& c) { return sample.next_contig(c) != 0; }, lookup);
-            break;
-        }
-    }
+    std::string why, note;
+    if (!choose_models(check, o.choice, ace_path, o.model_path, lookup, why, note)) return why;
     out.model = check.models;
     aceReader ace(ace_path);
     append_tsv_header(out.tsv);
@@ -167,18 +137,19 @@ py::object flowcheck(py::object ace, py::object sffs, std::int64_t min_signals, 
     o.check.min_score = number_option(min_score, "min_score", false);
     o.check.min_qual = number_option(min_qual, "min_qual", false);
     if (sigma_base) {
-        o.choice = model_choice::fixed;
+        o.choice = model_origin::fixed;
         o.check.model.sigma_base = number_option(*sigma_base, "sigma_base", true);
     }
     if (sigma_slope) {
-        o.choice = model_choice::fixed;
+        o.choice = model_origin::fixed;
         o.check.model.sigma_slope = number_option(*sigma_slope, "sigma_slope", false);
     }
     if (!model.is_none()) {
-        if (o.choice == model_choice::fixed)
-            throw py::value_error("model and the fixed model's sigma_base/sigma_slope exclude "
-                                  "each other");
-        o.choice = model_choice::read;
+        if (o.choice == model_origin::fixed)
+            throw py::value_error(
+                "model and the fixed model's sigma_base/sigma_slope exclude "
+                "each other");
+        o.choice = model_origin::table;
         o.model_path = fs_path(model);
     }
     o.all_runs = all_runs;
@@ -187,7 +158,7 @@ py::object flowcheck(py::object ace, py::object sffs, std::int64_t min_signals, 
     const std::vector<std::string> sff_paths = sff_path_list(sffs, originals);
     check_readable(ace_path, ace);
     for (std::size_t k = 0; k < sff_paths.size(); ++k) check_readable(sff_paths[k], originals[k]);
-    if (o.choice == model_choice::read) check_readable(o.model_path, model);
+    if (o.choice == model_origin::table) check_readable(o.model_path, model);
 
     auto result = std::make_unique<check_result>();
     std::string refused;
@@ -350,8 +321,7 @@ texts sorvexa-flowcheck writes (tsv, model_tsv, vcf()).
                 return out;
             },
             "Every contig's RunCall objects, in file order.")
-        .def_readonly("runs", &check_result::runs,
-                      "Runs of at least one base, over all contigs.")
+        .def_readonly("runs", &check_result::runs, "Runs of at least one base, over all contigs.")
         .def_readonly("tested", &check_result::tested, "Of those, runs tested.")
         .def_readonly("called", &check_result::called,
                       "Calls reported (in the VCF), filtered ones included.")
@@ -397,9 +367,8 @@ texts sorvexa-flowcheck writes (tsv, model_tsv, vcf()).
             "the FASTA file of the unpadded consensus.")
         .def("__repr__", [](const check_result& r) {
             return "<sorvexa.FlowCheckResult " + std::to_string(r.contigs.size()) + " contigs, " +
-                   std::to_string(r.tested) + " of " + std::to_string(r.runs) +
-                   " runs tested, " + std::to_string(r.called) + " called (" +
-                   std::to_string(r.passed) + " pass)>";
+                   std::to_string(r.tested) + " of " + std::to_string(r.runs) + " runs tested, " +
+                   std::to_string(r.called) + " called (" + std::to_string(r.passed) + " pass)>";
         });
 
     const flow_check defaults;
@@ -422,7 +391,9 @@ signals, from its first contigs, as the program fits it. model, the path of a mo
 (a FlowCheckResult's model_tsv saved, or the program's PREFIX.flowcheck.model.tsv), uses
 that model instead. Giving sigma_base or sigma_slope uses the fixed model, values of a run
 of length n normal with spread sigma_base + sigma_slope * n (the other one at its default,
-)doc" + fixed2(defaults.model.sigma_base) + " and " + fixed2(defaults.model.sigma_slope) + R"doc(); it excludes model.
+)doc" + fixed2(defaults.model.sigma_base) +
+                                   " and " + fixed2(defaults.model.sigma_slope) +
+                                   R"doc(); it excludes model.
 
 A run is weighed when it has at least min_signals values and the model names its length
 with a confidence of min_qual (phred) or more; a call needs that, a qual of min_qual and
@@ -435,8 +406,8 @@ Runs without the GIL.
     m.def("flowcheck", &flowcheck, py::arg("ace_path"), py::arg("sff_paths"), py::kw_only(),
           py::arg("min_signals") = defaults.min_signals, py::arg("min_score") = defaults.min_score,
           py::arg("min_qual") = defaults.min_qual, py::arg("model") = none,
-          py::arg("sigma_base") = none, py::arg("sigma_slope") = none,
-          py::arg("all_runs") = false, doc.c_str());
+          py::arg("sigma_base") = none, py::arg("sigma_slope") = none, py::arg("all_runs") = false,
+          doc.c_str());
 }
 
 }  // namespace sorvexa_py
