@@ -28,7 +28,7 @@
 #include <thread>
 #include <vector>
 
-#include "ace.h"
+#include <sorvexa/ace.h>
 #include "ace_writer.h"
 #include "sff_builder.h"
 

@@ -20,8 +20,8 @@
 #include <string_view>
 #include <vector>
 
-#include "contig.h"
-#include "sff.h"
+#include <sorvexa/contig.h>
+#include <sorvexa/sff.h>
 #include "sff_builder.h"
 
 namespace {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cctype>
 
-#include "ace.h"
+#include <sorvexa/ace.h>
 
 namespace browse {
 

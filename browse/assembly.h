@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-#include "contig.h"
+#include <sorvexa/contig.h>
 #include "read_source.h"
 
 namespace browse {

@@ -7,7 +7,7 @@
 
 #include <algorithm>
 
-#include "ace.h"
+#include <sorvexa/ace.h>
 
 namespace browse {
 

@@ -18,7 +18,7 @@
 #include <vector>
 
 #include "assembly.h"
-#include "flowcheck.h"
+#include <sorvexa/flowcheck.h>
 #include "read_source.h"
 
 namespace browse {

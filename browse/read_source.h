@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "sff.h"
+#include <sorvexa/sff.h>
 
 namespace browse {
 

@@ -7,8 +7,8 @@
 #include <iostream>
 #include <string>
 
-#include "ace.h"
-#include "contig.h"
+#include <sorvexa/ace.h>
+#include <sorvexa/contig.h>
 
 namespace {
 

@@ -1,6 +1,6 @@
 // sorvexa-flowcheck: every homopolymer run of an assembly's consensus weighed against the
 // flow values its 454 reads measured, reported as VCF and TSV, and applied to the consensus.
-#include "flowcheck.h"
+#include <sorvexa/flowcheck.h>
 
 #include <unistd.h>
 
@@ -13,11 +13,11 @@
 #include <string_view>
 #include <vector>
 
-#include "ace.h"
-#include "contig.h"
+#include <sorvexa/ace.h>
+#include <sorvexa/contig.h>
 #include "flowcheck_main.h"
 #include "output_file.h"
-#include "read_lookup.h"
+#include <sorvexa/read_lookup.h>
 
 namespace {
 

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "ace.h"
-#include "contig.h"
+#include <sorvexa/ace.h>
+#include <sorvexa/contig.h>
 #include "fuzz_support.h"
 
 namespace {

@@ -20,8 +20,8 @@
 #include <string>
 #include <vector>
 
-#include "contig.h"
-#include "flowcheck.h"
+#include <sorvexa/contig.h>
+#include <sorvexa/flowcheck.h>
 #include "fuzz_support.h"
 
 namespace {

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "fuzz_support.h"
-#include "sff.h"
+#include <sorvexa/sff.h>
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "ace.h"
+#include <sorvexa/ace.h>
 
 #include <algorithm>
 #include <iostream>

@@ -1,4 +1,4 @@
-#include "binary_file.h"
+#include <sorvexa/detail/binary_file.h>
 
 #include <fcntl.h>
 #include <pthread.h>

@@ -1,5 +1,5 @@
 // The contig's read layout: reads by start column, length statistics and rows.
-#include "contig.h"
+#include <sorvexa/contig.h>
 
 const char fcycle[4] = {'T', 'A', 'C', 'G'};
 

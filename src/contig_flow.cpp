@@ -2,7 +2,7 @@
 // runs begin, the column-to-flow lookups, and the flow alignment of a window.
 #include <cctype>
 
-#include "contig.h"
+#include <sorvexa/contig.h>
 #include "contig_window.h"
 
 namespace {

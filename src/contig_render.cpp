@@ -1,6 +1,6 @@
 // Drawing a contig: flow maps of a window (plain text and two HTML forms), base-space
 // alignment maps of the whole contig or a window, and the window as a character grid.
-#include "contig.h"
+#include <sorvexa/contig.h>
 #include "contig_window.h"
 
 namespace {

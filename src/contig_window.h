@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <type_traits>
 
-#include "contig.h"
+#include <sorvexa/contig.h>
 
 namespace contig_window {
 

@@ -8,11 +8,11 @@
 #include <string>
 #include <vector>
 
-#include "ace.h"
-#include "contig.h"
+#include <sorvexa/ace.h>
+#include <sorvexa/contig.h>
 #include "output_file.h"
-#include "read_lookup.h"
-#include "sff.h"
+#include <sorvexa/read_lookup.h>
+#include <sorvexa/sff.h>
 
 const std::string PRG = "Sorvexa";
 const std::string VERSION = "1.1";

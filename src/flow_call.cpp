@@ -9,8 +9,8 @@
 #include <tuple>
 #include <utility>
 
-#include "ace.h"
-#include "flowcheck.h"
+#include <sorvexa/ace.h>
+#include <sorvexa/flowcheck.h>
 
 // Each run is decided from the log-likelihoods its values added up as add_read found them.
 void flow_check::call_runs() {

@@ -5,7 +5,7 @@
 #include <cmath>
 #include <numbers>
 
-#include "flow_model.h"
+#include <sorvexa/flow_model.h>
 
 namespace {
 

@@ -1,6 +1,6 @@
 // The flow-value model per file and length: its densities, its prior, its table text, and
 // its fit to labelled signals.
-#include "flow_model.h"
+#include <sorvexa/flow_model.h>
 
 #include <algorithm>
 #include <charconv>

@@ -2,7 +2,7 @@
 #include <algorithm>
 #include <charconv>
 
-#include "flowcheck.h"
+#include <sorvexa/flowcheck.h>
 
 namespace {
 

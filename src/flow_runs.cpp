@@ -5,7 +5,7 @@
 #include <cassert>
 
 #include "flow_letters.h"
-#include "flowcheck.h"
+#include <sorvexa/flowcheck.h>
 
 namespace {
 

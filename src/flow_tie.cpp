@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "flow_letters.h"
-#include "flowcheck.h"
+#include <sorvexa/flowcheck.h>
 
 namespace {
 

@@ -1,9 +1,9 @@
-#include "read_lookup.h"
+#include <sorvexa/read_lookup.h>
 
 #include <algorithm>
 #include <filesystem>
 
-#include "sff.h"
+#include <sorvexa/sff.h>
 
 namespace {
 

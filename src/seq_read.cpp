@@ -1,7 +1,7 @@
 // A read cut to its kept bases, with absolute flow numbers.
 #include <algorithm>
 
-#include "sff.h"
+#include <sorvexa/sff.h>
 
 seqRead::seqRead(const sff_read& read) {
     assign(read);

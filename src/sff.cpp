@@ -1,5 +1,5 @@
 // SFF record layouts: decoding, byte order, kept base range, flow runs and text dumps.
-#include "sff.h"
+#include <sorvexa/sff.h>
 
 #include <algorithm>
 #include <cstring>

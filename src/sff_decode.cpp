@@ -4,7 +4,7 @@
 #include <iostream>
 
 #include "byte_order.h"
-#include "sff.h"
+#include <sorvexa/sff.h>
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include "byte_order.h"
 #include "process_exit.h"
-#include "sff.h"
+#include <sorvexa/sff.h>
 
 reader::reader(const std::string& name) : file_name(name) {
     if (!sff_file.open(file_name)) {

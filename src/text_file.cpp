@@ -1,4 +1,4 @@
-#include "text_file.h"
+#include <sorvexa/detail/text_file.h>
 
 #include <charconv>
 #include <cstring>

@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "ace.h"
+#include <sorvexa/ace.h>
 #include "run_tool.h"
 #include "sff_builder.h"
 

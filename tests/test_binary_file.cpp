@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "binary_file.h"
+#include <sorvexa/detail/binary_file.h>
 
 namespace {
 

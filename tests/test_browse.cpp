@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "ace.h"
+#include <sorvexa/ace.h>
 #include "ace_writer.h"
 #include "assembly.h"
 #include "evidence.h"

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "flowcheck.h"
+#include <sorvexa/flowcheck.h>
 
 namespace {
 

@@ -12,7 +12,7 @@
 
 #include "ace_writer.h"
 #include "contig_builder.h"
-#include "flowcheck.h"
+#include <sorvexa/flowcheck.h>
 #include "run_tool.h"
 #include "sff_builder.h"
 

@@ -9,10 +9,10 @@
 #include <string>
 #include <vector>
 
-#include "ace.h"
+#include <sorvexa/ace.h>
 #include "process_exit.h"
 #include "run_tool.h"
-#include "sff.h"
+#include <sorvexa/sff.h>
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <tuple>
 #include <vector>
 
-#include "contig.h"
+#include <sorvexa/contig.h>
 #include "contig_builder.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "sff.h"
+#include <sorvexa/sff.h>
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "run_tool.h"
-#include "sff.h"
+#include <sorvexa/sff.h>
 #include "sff_builder.h"
 
 namespace {

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "byte_order.h"
-#include "sff.h"
+#include <sorvexa/sff.h>
 #include "sff_builder.h"
 
 namespace {

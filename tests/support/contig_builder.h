@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "contig.h"
+#include <sorvexa/contig.h>
 
 namespace fixture {
 

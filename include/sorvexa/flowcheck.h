@@ -20,10 +20,10 @@
 #include <string_view>
 #include <vector>
 
-#include "contig.h"
-#include "flow_model.h"
-#include "read_lookup.h"
-#include "sff.h"
+#include <sorvexa/contig.h>
+#include <sorvexa/flow_model.h>
+#include <sorvexa/read_lookup.h>
+#include <sorvexa/sff.h>
 
 // One read of a contig tied to its SFF record.
 struct tied_read {

@@ -1,3 +1,7 @@
+// Internal header of the Sorvexa library, installed only because a public header includes
+// it. It is not part of the library's interface and may change in any release: include the
+// public headers instead.
+//
 // Buffered reading of a text file line by line, with the whitespace-separated token
 // extraction of formatted stream input (used by the ACE reader).
 #pragma once

@@ -1,3 +1,7 @@
+// Internal header of the Sorvexa library, installed only because a public header includes
+// it. It is not part of the library's interface and may change in any release: include the
+// public headers instead.
+//
 // Positioned binary input with the end-of-file and fail states of a classic input stream:
 // a read that delivers fewer bytes than asked sets both; reading or positioning a failed
 // stream does nothing (a read then delivers 0 bytes); only clear() resets the states.

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "contig.h"
-#include "text_file.h"
+#include <sorvexa/contig.h>
+#include <sorvexa/detail/text_file.h>
 
 class aceReader {
   public:

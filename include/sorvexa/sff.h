@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "binary_file.h"
+#include <sorvexa/detail/binary_file.h>
 
 // Fixed part of the common header: the first 31 bytes of the file.
 struct sff_header_p1 {
