@@ -12,9 +12,9 @@
 #include <string>
 #include <vector>
 
-#include "ace.h"
+#include <sorvexa/ace.h>
 #include "bindings.h"
-#include "contig.h"
+#include <sorvexa/contig.h>
 #include "glue.h"
 
 namespace sorvexa_py {

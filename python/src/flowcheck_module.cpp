@@ -11,11 +11,11 @@
 #include <string>
 #include <vector>
 
-#include "ace.h"
+#include <sorvexa/ace.h>
 #include "bindings.h"
-#include "flowcheck.h"
+#include <sorvexa/flowcheck.h>
 #include "glue.h"
-#include "read_lookup.h"
+#include <sorvexa/read_lookup.h>
 
 namespace sorvexa_py {
 

@@ -18,8 +18,8 @@
 
 #include "bindings.h"
 #include "glue.h"
-#include "read_lookup.h"
-#include "sff.h"
+#include <sorvexa/read_lookup.h>
+#include <sorvexa/sff.h>
 
 namespace sorvexa_py {
 

@@ -15,10 +15,10 @@
 #include <string>
 #include <vector>
 
-#include "ace.h"
-#include "contig.h"
-#include "read_lookup.h"
-#include "sff.h"
+#include <sorvexa/ace.h>
+#include <sorvexa/contig.h>
+#include <sorvexa/read_lookup.h>
+#include <sorvexa/sff.h>
 
 namespace {
 
