@@ -4,7 +4,10 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <charconv>
+#include <cstdio>
+#include <cstring>
 #include <chrono>
 #include <cmath>
 #include <cstdint>
@@ -170,12 +173,48 @@ int parse_options(int argc, char** argv, options& o) {
     return 0;
 }
 
-// The ACE path cut before its last ".ace", else before its last ".ACE".
-std::string output_prefix(const std::string& ace_path) {
-    std::size_t cut = ace_path.rfind(".ace");
-    if (cut == std::string::npos) cut = ace_path.rfind(".ACE");
-    return cut == std::string::npos ? ace_path : ace_path.substr(0, cut);
-}
+// The VCF records of a run, in an unnamed temporary file until the header can be written.
+class vcf_body {
+  public:
+    ~vcf_body() {
+        if (file_ != nullptr) std::fclose(file_);
+    }
+    bool open() {
+        file_ = std::tmpfile();
+        error_ = file_ == nullptr ? errno : 0;
+        return file_ != nullptr;
+    }
+    bool write(std::string_view text) {
+        if (text.empty()) return true;
+        if (std::fwrite(text.data(), 1, text.size(), file_) == text.size()) return true;
+        error_ = errno;
+        return false;
+    }
+    // Hands the records back in pieces; false when reading them failed or `take` said stop.
+    template <class F>
+    bool copy_to(F take) {
+        if (std::fflush(file_) != 0 || std::fseek(file_, 0, SEEK_SET) != 0) {
+            error_ = errno;
+            return false;
+        }
+        char buf[1 << 16];
+        for (;;) {
+            const std::size_t n = std::fread(buf, 1, sizeof buf, file_);
+            if (n > 0 && !take(std::string_view(buf, n))) return false;
+            if (n < sizeof buf) break;
+        }
+        if (std::ferror(file_)) {
+            error_ = errno;
+            return false;
+        }
+        return true;
+    }
+    std::string why() const { return std::strerror(error_); }
+
+  private:
+    std::FILE* file_ = nullptr;
+    int error_ = 0;
+};
 
 struct totals {
     std::int64_t contigs = 0, runs = 0, tested = 0, called = 0, passed = 0;
@@ -212,18 +251,28 @@ int flowcheck_main(int argc, char** argv) {
 
     const std::string& ace_path = opt.operands[0];
     const std::string prefix = opt.prefix.empty() ? output_prefix(ace_path) : opt.prefix;
+    const auto input_error = [](const sorvexa::status& st) {
+        std::cerr << program << ": " << st.message << std::endl;
+        return 1;
+    };
     read_lookup lookup;
-    lookup.index_files(std::vector<std::string>(opt.operands.begin() + 1, opt.operands.end()));
+    lookup.skip_index_block = true;
+    if (const sorvexa::status st =
+            lookup.index_files(std::vector<std::string>(opt.operands.begin() + 1, opt.operands.end()));
+        !st)
+        return input_error(st);
+    read_fetcher fetcher(lookup);
     flow_check& check = opt.check;
-    std::string model_note, why;
+    std::string model_note;
     const model_origin origin = !opt.model_path.empty() ? model_origin::table
                                 : opt.fixed_model       ? model_origin::fixed
                                                         : model_origin::fitted;
-    if (!choose_models(check, origin, ace_path, opt.model_path, lookup, why, model_note)) {
-        std::cerr << program << ": " << why << std::endl;
-        return 1;
-    }
+    if (const sorvexa::status st =
+            choose_models(check, origin, ace_path, opt.model_path, lookup, fetcher, model_note);
+        !st)
+        return input_error(st);
     aceReader ace(ace_path);
+    if (!ace.error) return input_error(ace.error);
 
     const std::string vcf_path = prefix + ".flowcheck.vcf", tsv_path = prefix + ".flowcheck.tsv";
     const std::string model_path = prefix + ".flowcheck.model.tsv";
@@ -233,64 +282,74 @@ int flowcheck_main(int argc, char** argv) {
     constexpr std::size_t buffer = 64 << 10;
     output_file vcf(vcf_path, buffer), tsv(tsv_path, buffer), model_tsv(model_path, buffer),
         consensus_fa(consensus_path, buffer), polished_fa(polished_path, buffer);
-    for (const auto* f : {&vcf, &tsv, &model_tsv, &consensus_fa, &polished_fa}) {
-        if (f->is_open()) continue;
-        const std::string& path = f == &vcf            ? vcf_path
-                                  : f == &tsv          ? tsv_path
-                                  : f == &model_tsv    ? model_path
-                                  : f == &consensus_fa ? consensus_path
-                                                       : polished_path;
-        std::cerr << "can not open file " << path << std::endl;
+    const std::vector<output_file*> outputs{&vcf, &tsv, &model_tsv, &consensus_fa, &polished_fa};
+    const std::vector<const std::string*> paths{&vcf_path, &tsv_path, &model_path,
+                                                &consensus_path, &polished_path};
+    for (std::size_t i = 0; i < outputs.size(); ++i) {
+        if (outputs[i]->is_open()) continue;
+        std::cerr << "can not open file " << *paths[i] << std::endl;
+        return 1;
+    }
+    const auto write_failed = [&] {
+        for (const output_file* f : outputs)
+            if (f->failed()) return true;
+        return false;
+    };
+    // The VCF header names every contig before the first record, so the records wait in a
+    // temporary file rather than in memory: a draft most reads dispute has millions.
+    vcf_body records;
+    if (!records.open()) {
+        std::cerr << program << ": can not create a temporary file: " << records.why() << std::endl;
         return 1;
     }
 
     totals t;
     progress shown;
     std::vector<vcf_contig> contigs;
-    std::string records, text;
+    std::string text;
     check.models.append_tsv(text);
     model_tsv.text(text);
     text.clear();
     append_tsv_header(text);
     tsv.text(text);
     std::vector<std::string> unchecked;
+    contig_report report;
     for (;;) {
         contig c;
         if (ace.next_contig(c) == 0) break;
-        check.check_contig(c, lookup, t.reads);
-
-        const std::string unpadded = unpadded_consensus(c);
-        std::vector<consensus_edit> edits;
-        check.edits(unpadded, edits);
-        const contig_coverage coverage = check.coverage();
-        contigs.push_back({c.name, static_cast<std::int64_t>(unpadded.size()), coverage});
-        append_vcf_records(records, c.name, unpadded, edits, check);
-        if (coverage.unchecked()) unchecked.push_back(c.name);
-        t.runs += coverage.runs;
-        t.tested += coverage.tested;
-
+        if (const sorvexa::status st = check.check(c, lookup, fetcher, opt.all, report); !st)
+            return input_error(st);
+        t.reads.tied += report.coverage.reads.tied;
+        t.reads.untied += report.coverage.reads.untied;
+        t.reads.not_found += report.coverage.reads.not_found;
+        contigs.push_back({c.name, static_cast<std::int64_t>(report.unpadded.size()), report.coverage});
         text.clear();
-        append_tsv_coverage(text, c.name, coverage);
-        std::vector<char> applied(check.runs.size(), 0);
-        for (const consensus_edit& e : edits) applied[static_cast<std::size_t>(e.run)] = 1;
-        for (std::size_t i = 0; i < check.runs.size(); ++i) {
-            const hp_run& r = check.runs[i];
-            if (applied[i] || (opt.all && check.tested(r)))
-                append_tsv_line(text, c.name, r, run_filter(check, r));
+        append_vcf_records(text, report);
+        if (!records.write(text)) {
+            std::cerr << program << ": can not write a temporary file: " << records.why() << std::endl;
+            return 1;
         }
-        tsv.text(text);
-        t.called += static_cast<std::int64_t>(edits.size());
-        for (const consensus_edit& e : edits) t.passed += e.pass ? 1 : 0;
+        if (report.coverage.unchecked()) unchecked.push_back(c.name);
+        t.runs += report.coverage.runs;
+        t.tested += report.coverage.tested;
+        t.called += report.called;
+        t.passed += report.passed;
+
         text.clear();
-        append_fasta(text, c.name, unpadded);
+        append_tsv_report(text, report);
+        tsv.text(text);
+        text.clear();
+        append_fasta(text, c.name, report.unpadded);
         consensus_fa.text(text);
         text.clear();
-        append_fasta(text, c.name, apply_edits(unpadded, edits));
+        append_fasta(text, c.name, report.polished);
         polished_fa.text(text);
+        if (write_failed()) return 1;
         ++t.contigs;
         shown.update(t);
     }
     shown.clear();
+    if (!ace.error) return input_error(ace.error);
 
     text.clear();
     const std::size_t slash = consensus_path.rfind('/');
@@ -298,8 +357,17 @@ int flowcheck_main(int argc, char** argv) {
         text, std::string(program) + " " + flowcheck_version,
         slash == std::string::npos ? consensus_path : consensus_path.substr(slash + 1), contigs);
     vcf.text(text);
-    vcf.text(records);
-    for (auto* f : {&vcf, &tsv, &model_tsv, &consensus_fa, &polished_fa}) f->close();
+    if (!records.copy_to([&](std::string_view part) {
+            vcf.text(part);
+            return !vcf.failed();
+        })) {
+        if (!vcf.failed())
+            std::cerr << program << ": can not read a temporary file: " << records.why() << std::endl;
+        return 1;
+    }
+    bool closed = true;
+    for (output_file* f : outputs) closed = f->close() && closed;
+    if (!closed) return 1;
 
     std::cerr << program << ": " << t.contigs << " contigs (" << unchecked.size() << " unchecked), "
               << t.tested << " of " << t.runs << " runs tested, " << t.called

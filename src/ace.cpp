@@ -1,9 +1,6 @@
 #include <sorvexa/ace.h>
 
 #include <algorithm>
-#include <iostream>
-
-#include "process_exit.h"
 
 namespace {
 
@@ -40,17 +37,18 @@ void read_qualities(text_file& in, std::vector<std::uint8_t>& out, std::string& 
     }
 }
 
-[[noreturn]] void tag_error(const std::string& token) {
-    std::cerr << "Error: tag '" << token << "' should be not in the ACE file!" << std::endl;
-    sorvexa::fatal_exit(1);
-}
-
 }  // namespace
+
+std::string output_prefix(const std::string& ace_path) {
+    std::size_t cut = ace_path.rfind(".ace");
+    if (cut == std::string::npos) cut = ace_path.rfind(".ACE");
+    return cut == std::string::npos ? ace_path : ace_path.substr(0, cut);
+}
 
 aceReader::aceReader(const std::string& file) : file_name(file) {
     if (!ace_stream.open(file_name)) {
-        std::cerr << "The file: " << file_name << " can not be opened" << std::endl;
-        sorvexa::fatal_exit(1);
+        error = sorvexa::status::failure("The file: " + file_name + " can not be opened");
+        return;
     }
     read_as_line();
 }
@@ -63,13 +61,14 @@ int aceReader::open_file(const char* file) {
     ace_stream.close();
     num_contigs = 0;
     total_reads = 0;
+    error = {};
     file_name = file;
     if (!ace_stream.open(file_name)) {
-        std::cerr << "the file: " << file_name << " can not be opened" << std::flush;
-        sorvexa::fatal_exit(1);
+        error = sorvexa::status::failure("the file: " + file_name + " can not be opened");
+        return 0;
     }
     read_as_line();
-    return 1;
+    return error.ok ? 1 : 0;
 }
 
 void aceReader::close_file() {
@@ -85,9 +84,10 @@ void aceReader::read_as_line() {
     std::string token;
     ace_stream.extract_word(token);
     if (token != "AS") {
-        std::cerr << "Error: the input file " << file_name << " does not like an ACE file"
-                  << std::endl;
-        sorvexa::fatal_exit(1);
+        error = sorvexa::status::failure("Error: the input file " + file_name +
+                                         " does not like an ACE file");
+        ace_stream.close();
+        return;
     }
     std::int64_t v = 0;
     ace_stream.extract_int(v, INT32_MIN, INT32_MAX);
@@ -99,10 +99,10 @@ void aceReader::read_as_line() {
 
 int aceReader::next_contig(contig& c) {
     if (file_name.empty()) {
-        std::cerr << "Error: there is no ACE file open!" << std::endl;
+        error = sorvexa::status::failure("Error: there is no ACE file open!");
         return 0;
     }
-    if (num_contigs == 0 || !ace_stream.is_open() || ace_stream.eof()) return 0;
+    if (!error.ok || num_contigs == 0 || !ace_stream.is_open() || ace_stream.eof()) return 0;
 
     std::size_t expected = 0;
     std::string line;
@@ -123,7 +123,7 @@ int aceReader::next_contig(contig& c) {
             }
         }
         if (token.empty()) continue;
-        if (token != section_tags[expected]) tag_error(token);
+        if (token != section_tags[expected]) return fail("Error: tag '" + token + "' should be not in the ACE file!");
 
         switch (expected++) {
             case 0: {  // CO
@@ -187,10 +187,7 @@ int aceReader::read_rd_section(contig& c, std::string& line) {
         std::string tag, name;
         rd >> tag >> name;
         auto it = c.reads.find(name);
-        if (it == c.reads.end()) {
-            std::cerr << "Error: AF tag for read " << name << " is missing" << std::endl;
-            sorvexa::fatal_exit(1);
-        }
+        if (it == c.reads.end()) return fail("Error: AF tag for read " + name + " is missing");
         READ& r = it->second;
         rd >> r.length;
         r.sequence.clear();
@@ -205,6 +202,12 @@ int aceReader::read_rd_section(contig& c, std::string& line) {
         ace_stream.getline(line);  // the DS line, whatever it holds
     }
     return 1;
+}
+
+int aceReader::fail(std::string message) {
+    error = sorvexa::status::failure(std::move(message));
+    ace_stream.close();
+    return 0;
 }
 
 int aceReader::next_contig(std::vector<contig>& contigs, std::int16_t count) {

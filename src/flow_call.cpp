@@ -26,81 +26,77 @@ void flow_check::call_runs() {
     }
 }
 
-void flow_check::check_contig(const contig& c, const read_lookup& lookup, tie_counts& counts) {
-    check_contig(
-        c, lookup.sff_names,
-        [&lookup](const std::string& name, std::int64_t& pos) { return lookup.find(name, pos); },
-        counts);
-}
-
-// Records are fetched file by file, so that each file is opened once per contig, as
-// Sorvexa's run does.
-void flow_check::check_contig(const contig& c, const std::vector<std::string>& sff_paths,
-                              const read_finder& find, tie_counts& counts,
-                              std::map<std::string, tied_read>* tied) {
+// Within a file, reads are taken in the order they lie along the contig: consecutive reads
+// then share most of their runs, which stay in the cache between them (in name order every
+// read would fetch its runs from memory anew).
+sorvexa::status flow_check::check_contig(const contig& c, const read_lookup& lookup,
+                                         read_fetcher& fetcher, tie_counts& counts,
+                                         std::map<std::string, tied_read>* tied) {
     create_runs(c);
     struct wanted_read {
-        std::int64_t pos;
         const READ* read;
         std::int32_t number;
     };
-    std::vector<std::vector<wanted_read>> wanted(sff_paths.size());
-    std::int64_t pos = 0;
+    std::vector<wanted_read> wanted;
+    std::vector<read_location> where;
     std::int32_t number = 0;
     reads = tie_counts{};
     for (const auto& [name, read] : c.reads) {
-        const int k = find(name, pos);
-        if (k < 0 || static_cast<std::size_t>(k) >= sff_paths.size()) {
+        const read_location at = lookup.locate(name);
+        if (!at.found()) {
             ++reads.not_found;
         } else {
-            wanted[static_cast<std::size_t>(k)].push_back({pos, &read, number});
+            wanted.push_back({&read, number});
+            where.push_back(at);
         }
         ++number;
     }
+    std::vector<std::size_t> order(wanted.size());
+    for (std::size_t i = 0; i < order.size(); ++i) order[i] = i;
+    std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
+        return wanted[a].read->start < wanted[b].read->start;
+    });
+    std::vector<read_location> sorted(order.size());
+    for (std::size_t i = 0; i < order.size(); ++i) sorted[i] = where[order[i]];
+
     tied_read t;
-    // Within a file, reads are taken in the order they lie along the contig: consecutive
-    // reads then share most of their runs, which stay in the cache between them (in name
-    // order every read would fetch its runs from memory anew).
-    for (auto& w : wanted)
-        std::stable_sort(w.begin(), w.end(), [](const wanted_read& a, const wanted_read& b) {
-            return a.read->start < b.read->start;
-        });
-    for (std::size_t k = 0; k < wanted.size(); ++k) {
-        if (wanted[k].empty()) continue;
-        reader rd(sff_paths[k]);
-        rd.get_header();
-        const std::string_view flows(rd.header_p2.flow_chars.data(),
-                                     rd.header_p2.flow_chars.size());
-        for (const wanted_read& w : wanted[k]) {
-            // A fit's sample that is full needs no more reads.
-            if (keep_values && values.size() >= value_limit) break;
-            if (rd.get_record(w.pos) && tie_read(*w.read, rd.cur_read, flows, t)) {
-                // The reads of more files than a number can tell apart share the last's model.
-                t.file = static_cast<std::uint16_t>(std::min<std::size_t>(k, UINT16_MAX));
-                add_read(c, *w.read, t, w.number);
-                if (tied != nullptr) (*tied)[w.read->name] = t;
-                ++reads.tied;
-            } else {
-                ++reads.untied;
-            }
+    std::size_t fetched = 0;
+    const sorvexa::status st = fetcher.fetch(sorted, true, [&](std::size_t i, reader& rd, bool read) {
+        // A fit's sample that is full needs no more reads.
+        if (keep_values && values.size() >= value_limit) return false;
+        ++fetched;
+        const wanted_read& w = wanted[order[i]];
+        const auto k = static_cast<std::size_t>(sorted[i].file);
+        if (read && tie_read(*w.read, rd.cur_read, lookup.flow_chars[k], t)) {
+            // The reads of more files than a number can tell apart share the last's model.
+            t.file = static_cast<std::uint16_t>(std::min<std::size_t>(k, UINT16_MAX));
+            add_read(c, *w.read, t, w.number);
+            if (tied != nullptr) (*tied)[w.read->name] = t;
+            ++reads.tied;
+        } else {
+            ++reads.untied;
         }
-    }
+        return true;
+    });
+    // The reads of a file that could not be read again count as untied.
+    if (!st) reads.untied += static_cast<std::int64_t>(sorted.size() - fetched);
     counts.tied += reads.tied;
     counts.untied += reads.untied;
     counts.not_found += reads.not_found;
     call_runs();
+    return st;
 }
 
-void flow_check::calibrate(const contig_source& next, const read_lookup& lookup) {
-    calibrate(next, lookup.sff_names, [&lookup](const std::string& name, std::int64_t& pos) {
-        return lookup.find(name, pos);
-    });
+sorvexa::status flow_check::check_contig(const contig& c, const read_lookup& lookup,
+                                         tie_counts& counts) {
+    read_fetcher fetcher(lookup);
+    return check_contig(c, lookup, fetcher, counts);
 }
 
 // The sample is checked under the fixed model: its calls only matter for the refit, which
 // makes its own.
-void flow_check::calibrate(const contig_source& next, const std::vector<std::string>& sff_paths,
-                           const read_finder& find, std::int64_t max_values) {
+sorvexa::status flow_check::calibrate(const contig_source& next, const read_lookup& lookup,
+                                      read_fetcher& fetcher, std::int64_t max_values) {
     flow_check probe;
     probe.keep_values = true;
     probe.model = model;
@@ -113,14 +109,39 @@ void flow_check::calibrate(const contig_source& next, const std::vector<std::str
         contig c;
         if (!next(c)) break;
         probe.value_limit = static_cast<std::size_t>(max_values) - sample.values.size();
-        probe.check_contig(c, sff_paths, find, ignored);
+        const sorvexa::status st = probe.check_contig(c, lookup, fetcher, ignored);
+        if (!st) return st;
         probe.add_to(sample);
     }
     fit_options o;
     o.fallback = model;
     o.min_qual = min_qual;
     o.min_strand = min_signals;
-    fit_flow_models(sample, sff_paths, o, models);
+    fit_flow_models(sample, lookup.sff_names, o, models);
+    return {};
+}
+
+sorvexa::status flow_check::check(const contig& c, const read_lookup& lookup,
+                                  read_fetcher& fetcher, bool list_all, contig_report& out) {
+    out = contig_report{};
+    out.name = c.name;
+    const sorvexa::status st = check_contig(c, lookup, fetcher, out.coverage.reads);
+    out.coverage = coverage();
+    out.unpadded = unpadded_consensus(c);
+    edits(out.unpadded, out.edits);
+    out.polished = apply_edits(out.unpadded, out.edits);
+    std::vector<std::int8_t> edited(runs.size(), 0);  // 1: an edit, 2: one that passes
+    for (const consensus_edit& e : out.edits) {
+        edited[static_cast<std::size_t>(e.run)] = e.pass ? 2 : 1;
+        ++out.called;
+        if (e.pass) ++out.passed;
+    }
+    for (std::size_t i = 0; i < runs.size(); ++i) {
+        if (!edited[i] && !(list_all && tested(runs[i]))) continue;
+        out.rows.push_back({static_cast<std::int32_t>(i), runs[i], run_filter(*this, runs[i]),
+                            edited[i] != 0, edited[i] == 2});
+    }
+    return st;
 }
 
 bool read_model_file(const std::string& path, const std::vector<std::string>& sff_files,
@@ -139,28 +160,34 @@ bool read_model_file(const std::string& path, const std::vector<std::string>& sf
     return true;
 }
 
-bool choose_models(flow_check& check, model_origin origin, const std::string& ace_path,
-                   const std::string& table_path, const read_lookup& lookup, std::string& error,
-                   std::string& note) {
+sorvexa::status choose_models(flow_check& check, model_origin origin, const std::string& ace_path,
+                              const std::string& table_path, const read_lookup& lookup,
+                              read_fetcher& fetcher, std::string& note) {
+    std::string error;
     switch (origin) {
         case model_origin::table:
-            if (!read_model_file(table_path, lookup.sff_names, check.models, error)) return false;
+            if (!read_model_file(table_path, lookup.sff_names, check.models, error))
+                return sorvexa::status::failure(error);
             note = "read from " + table_path;
-            return true;
+            return {};
         case model_origin::fixed:
             check.models.set_fixed(check.model, lookup.sff_names.size());
             check.models.files = lookup.sff_names;
             note = "fixed";
-            return true;
+            return {};
         case model_origin::fitted:
             break;
     }
     // The fit reads the assembly's first contigs once more than the check does: a bounded
     // sample, so that a whole run's signals need not be held.
     aceReader sample(ace_path);
-    check.calibrate([&sample](contig& c) { return sample.next_contig(c) != 0; }, lookup);
+    const sorvexa::status st = check.calibrate(
+        [&sample](contig& c) { return sample.next_contig(c) != 0; }, lookup, fetcher);
+    if (!st) return st;
+    // An assembly that stops being one within the sample is the check's to report, where
+    // it reads that far.
     note = "fitted: " + describe_models(check.models);
-    return true;
+    return {};
 }
 
 void flow_check::add_to(flow_sample& sample) const {

@@ -23,23 +23,22 @@ void put_fixed(std::string& out, double v) {
 struct vcf_record {
     std::int64_t first = 0, last = 0;
     std::string alt;
-    std::vector<std::int32_t> runs;
+    std::vector<const hp_run*> runs;
     bool pass = true;
 };
 
 template <class Field>
-void info_list(std::string& out, const char* key, const vcf_record& rec, const flow_check& check,
-               Field field) {
+void info_list(std::string& out, const char* key, const vcf_record& rec, Field field) {
     out += key;
     out += '=';
     for (std::size_t i = 0; i < rec.runs.size(); ++i) {
         if (i > 0) out += ',';
-        field(check.runs[static_cast<std::size_t>(rec.runs[i])]);
+        field(*rec.runs[i]);
     }
 }
 
 void append_record(std::string& out, std::string_view contig_name, const std::string& unpadded,
-                   const vcf_record& rec, const flow_check& check) {
+                   const vcf_record& rec) {
     out += contig_name;
     out += '\t';
     put(out, rec.first + 1);
@@ -51,22 +50,17 @@ void append_record(std::string& out, std::string_view contig_name, const std::st
     // The record's runs were called together: it is as sure as its surest run, and filtered
     // when any of them is.
     double qual = 0.0;
-    bool pass = true;
-    for (std::int32_t i : rec.runs) {
-        const hp_run& r = check.runs[static_cast<std::size_t>(i)];
-        qual = std::max(qual, static_cast<double>(r.qual));
-        pass = pass && check.passes(r);
-    }
+    for (const hp_run* r : rec.runs) qual = std::max(qual, static_cast<double>(r->qual));
     out += '\t';
     put_fixed(out, qual);
-    out += pass ? "\tPASS\t" : "\tStrandConflict\t";
-    info_list(out, "DP", rec, check, [&](const hp_run& r) { put(out, r.signals); });
-    info_list(out, ";FWD", rec, check, [&](const hp_run& r) { put(out, r.forward); });
-    info_list(out, ";REV", rec, check, [&](const hp_run& r) { put(out, r.reverse()); });
-    info_list(out, ";CL", rec, check, [&](const hp_run& r) { put(out, r.consensus_length); });
-    info_list(out, ";HL", rec, check, [&](const hp_run& r) { put(out, r.called_length); });
-    info_list(out, ";SC", rec, check, [&](const hp_run& r) { put_fixed(out, r.score); });
-    info_list(out, ";CQ", rec, check, [&](const hp_run& r) { put_fixed(out, r.confidence); });
+    out += rec.pass ? "\tPASS\t" : "\tStrandConflict\t";
+    info_list(out, "DP", rec, [&](const hp_run& r) { put(out, r.signals); });
+    info_list(out, ";FWD", rec, [&](const hp_run& r) { put(out, r.forward); });
+    info_list(out, ";REV", rec, [&](const hp_run& r) { put(out, r.reverse()); });
+    info_list(out, ";CL", rec, [&](const hp_run& r) { put(out, r.consensus_length); });
+    info_list(out, ";HL", rec, [&](const hp_run& r) { put(out, r.called_length); });
+    info_list(out, ";SC", rec, [&](const hp_run& r) { put_fixed(out, r.score); });
+    info_list(out, ";CQ", rec, [&](const hp_run& r) { put_fixed(out, r.confidence); });
     out += '\n';
 }
 
@@ -137,23 +131,33 @@ void append_vcf_header(std::string& out, std::string_view source, std::string_vi
 
 // An edit is anchored on the base before it (on the base after it at the contig's start).
 // When the next edit's anchor is the last base of the record so far, it joins the record.
-void append_vcf_records(std::string& out, std::string_view contig_name, const std::string& unpadded,
-                        const std::vector<consensus_edit>& edits, const flow_check& check) {
+void append_vcf_records(std::string& out, const contig_report& report) {
+    const std::string& unpadded = report.unpadded;
+    const std::string_view contig_name = report.name;
     const auto size = static_cast<std::int64_t>(unpadded.size());
+    // Every edited run is a row of the report.
+    std::vector<std::pair<std::int32_t, const hp_run*>> edited;
+    for (const report_row& row : report.rows)
+        if (row.edited) edited.emplace_back(row.index, &row.run);
+    const auto run_of = [&](std::int32_t index) {
+        return std::lower_bound(edited.begin(), edited.end(), std::make_pair(index, nullptr),
+                                [](const auto& x, const auto& y) { return x.first < y.first; })
+            ->second;
+    };
     vcf_record rec;
     bool open = false;
-    for (const consensus_edit& e : edits) {
+    for (const consensus_edit& e : report.edits) {
         // A filtered call never joins a passing one: applying the passing records must give
         // the polished consensus.
         if (open && e.begin - 1 == rec.last && e.pass == rec.pass) {
             rec.alt += e.bases;
             rec.last = std::max(rec.last, e.end - 1);
-            rec.runs.push_back(e.run);
+            rec.runs.push_back(run_of(e.run));
             continue;
         }
-        if (open) append_record(out, contig_name, unpadded, rec, check);
+        if (open) append_record(out, contig_name, unpadded, rec);
         open = true;
-        rec.runs.assign(1, e.run);
+        rec.runs.assign(1, run_of(e.run));
         rec.pass = e.pass;
         if (e.begin > 0) {
             rec.first = e.begin - 1;
@@ -167,7 +171,7 @@ void append_vcf_records(std::string& out, std::string_view contig_name, const st
             open = false;  // the whole contig is the run: there is no base to anchor on
         }
     }
-    if (open) append_record(out, contig_name, unpadded, rec, check);
+    if (open) append_record(out, contig_name, unpadded, rec);
 }
 
 void append_tsv_header(std::string& out) {
@@ -226,6 +230,11 @@ void append_tsv_coverage(std::string& out, std::string_view contig_name, const c
     out += ": ";
     out += describe_coverage(c);
     out += '\n';
+}
+
+void append_tsv_report(std::string& out, const contig_report& report) {
+    append_tsv_coverage(out, report.name, report.coverage);
+    for (const report_row& row : report.rows) append_tsv_line(out, report.name, row.run, row.filter);
 }
 
 std::string_view run_filter(const flow_check& check, const hp_run& r) {

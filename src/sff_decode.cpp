@@ -1,7 +1,6 @@
 // The one SFF record decoder: the index walk, the sequential read and the positioned fetch
 // all read a record here, differing only in their record_pass.
 #include <algorithm>
-#include <iostream>
 
 #include "byte_order.h"
 #include <sorvexa/sff.h>
@@ -26,8 +25,10 @@ std::int64_t forward(std::int64_t skip) {
 bool reader::decode_record(const record_pass& pass, std::int64_t& pos, std::string* key) {
     if (pass.walk) {
         if (reads_done >= header_p1.number_of_reads) return false;
+        if (skip_index_block) step_over_index_block();
         if (sff_file.eof()) {
-            std::cerr << "reach end of file while read more data" << std::endl;
+            if (diagnostics)
+                diagnostics(sorvexa::stream::err, "reach end of file while read more data");
             return false;
         }
     }
@@ -59,6 +60,17 @@ bool reader::decode_record(const record_pass& pass, std::int64_t& pos, std::stri
     }
     if (pass.walk) ++reads_done;
     return true;
+}
+
+// The block starts at index_offset and is padded to a multiple of 8 bytes like a record.
+void reader::step_over_index_block() {
+    const std::uint64_t at = header_p1.index_offset;
+    if (header_p1.index_length == 0 || at > static_cast<std::uint64_t>(INT64_MAX)) return;
+    if (sff_file.tell() != static_cast<std::int64_t>(at)) return;
+    std::uint64_t end = at + header_p1.index_length;
+    end += (8 - end % 8) % 8;
+    if (end > static_cast<std::uint64_t>(INT64_MAX)) return;
+    sff_file.seek(static_cast<std::int64_t>(end));
 }
 
 // The name, the read header's padding and the read data. The buffers are bounded by the

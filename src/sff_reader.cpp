@@ -1,17 +1,21 @@
 // Reading an SFF file: the reader's file, its header, and the record operations that the
 // decoder (sff_decode.cpp) serves.
 #include <algorithm>
-#include <iostream>
+#include <string>
 
 #include "byte_order.h"
-#include "process_exit.h"
 #include <sorvexa/sff.h>
 
+namespace {
+
+void report(const sorvexa::diagnostic_sink& sink, sorvexa::stream where, const std::string& line) {
+    if (sink) sink(where, line);
+}
+
+}  // namespace
+
 reader::reader(const std::string& name) : file_name(name) {
-    if (!sff_file.open(file_name)) {
-        std::cerr << "fail to open file " << file_name << std::endl;
-        sorvexa::fatal_exit(1);
-    }
+    if (!sff_file.open(file_name)) error = sorvexa::status::failure("fail to open file " + file_name);
 }
 
 bool reader::check_magic_number() {
@@ -21,33 +25,41 @@ bool reader::check_magic_number() {
     } else if (byte_order::reversed(m) == 0x2E736666) {
         swap_bytes = false;
     } else {
-        std::cerr << "The input file " << file_name << " is not a SFF file" << std::endl;
-        sorvexa::fatal_exit(1);
+        error = sorvexa::status::failure("The input file " + file_name + " is not a SFF file");
+        return false;
     }
     return true;
 }
 
-void reader::print_file_size() {
+std::int64_t reader::file_size() {
     sff_file.seek_end();
-    std::cout << "input file size: " << static_cast<std::uint64_t>(sff_file.tell()) << std::endl;
+    return sff_file.tell();
+}
+
+void reader::print_file_size() {
+    const std::int64_t size = file_size();
+    report(diagnostics, sorvexa::stream::out,
+           "input file size: " + std::to_string(static_cast<std::uint64_t>(size)));
 }
 
 // Reads a fixed part; on a short read reports it, clears the error state and fails.
 bool reader::read_fixed(void* dst, std::size_t n) {
     const std::size_t got = sff_file.read(dst, n);
     if (got == n) return true;
-    std::cerr << "Error ocurred while reading file " << file_name << std::endl;
-    std::cout << "Only got " << got << " bytes while " << n << " is need" << std::endl;
+    report(diagnostics, sorvexa::stream::err, "Error ocurred while reading file " + file_name);
+    report(diagnostics, sorvexa::stream::out,
+           "Only got " + std::to_string(got) + " bytes while " + std::to_string(n) + " is need");
     sff_file.clear();
     return false;
 }
 
 bool reader::get_header() {
+    if (!error.ok) return false;
     sff_file.seek(0);
     unsigned char fixed[sff_header_p1::size];
     if (!read_fixed(fixed, sizeof fixed)) return false;
     header_p1.load(fixed);
-    check_magic_number();
+    if (!check_magic_number()) return false;
     if (swap_bytes) header_p1.var_endian_swap();
     header_p2.alloc_space(static_cast<std::int16_t>(header_p1.number_of_flows_per_read),
                           static_cast<std::int16_t>(header_p1.key_length));
@@ -74,8 +86,11 @@ bool reader::get_next_read() {
 }
 
 void reader::get_read(const std::int64_t& pos, seqRead& out) {
-    if (!fetch(positioned_fetch, pos)) return;
-    out.assign(cur_read);
+    if (get_kept(pos)) out.assign(cur_read);
+}
+
+bool reader::get_kept(std::int64_t pos) {
+    return fetch(positioned_fetch, pos);
 }
 
 bool reader::get_record(const std::int64_t& pos) {

@@ -300,12 +300,15 @@ report report_of(const std::string& consensus, const std::map<std::int32_t, std:
             r.strand_conflict = filtered.count(r.column) > 0;
         }
     }
-    const std::string unpadded = unpadded_consensus(c);
-    std::vector<consensus_edit> edits;
-    check.edits(unpadded, edits);
+    contig_report r;
+    r.name = "c1";
+    r.unpadded = unpadded_consensus(c);
+    check.edits(r.unpadded, r.edits);
+    for (const consensus_edit& e : r.edits)
+        r.rows.push_back({e.run, check.runs[static_cast<std::size_t>(e.run)], ".", true, e.pass});
     report out;
-    append_vcf_records(out.vcf, "c1", unpadded, edits, check);
-    out.polished = apply_edits(unpadded, edits);
+    append_vcf_records(out.vcf, r);
+    out.polished = apply_edits(r.unpadded, r.edits);
     return out;
 }
 
@@ -502,9 +505,9 @@ TEST(Program, BadCommandLinesAndInputs) {
         {{"--help=x"}, 2, "sorvexa-flowcheck: option --help takes no value"},
         {{"asm.ace", "a.sff", "-o"}, 2, "sorvexa-flowcheck: option -o needs a value"},
         {{"asm.ace"}, 2, "sorvexa-flowcheck: needs an ACE file and at least one SFF file"},
-        {{"asm.ace", "missing.sff"}, 1, "fail to open file missing.sff"},
-        {{"missing.ace", "a.sff"}, 1, "The file: missing.ace can not be opened"},
-        {{"asm.ace", "asm.ace"}, 1, "The input file asm.ace is not a SFF file"},
+        {{"asm.ace", "missing.sff"}, 1, "sorvexa-flowcheck: fail to open file missing.sff"},
+        {{"missing.ace", "a.sff"}, 1, "sorvexa-flowcheck: The file: missing.ace can not be opened"},
+        {{"asm.ace", "asm.ace"}, 1, "sorvexa-flowcheck: The input file asm.ace is not a SFF file"},
     };
     for (const row& r : rows) {
         const run_result res = flowcheck(r.args, d.path);
@@ -516,13 +519,15 @@ TEST(Program, BadCommandLinesAndInputs) {
     }
     ASSERT_TRUE(write_file(d / "bad.ace", "AS 1 1\n\nCO c 4 1 1 U\nACGT\n\nXX\n"));
     EXPECT_EQ(flowcheck({"bad.ace", "a.sff"}, d.path).status, 1);
-    // A contig out of grammar after a good one: the fit reads every contig of so small an
-    // assembly first, so the run ends there, with the reader's message and status 1.
+    // A contig out of grammar after good ones: the good contigs are checked and written, and
+    // the run ends at the fault with the reader's message and status 1.
     ASSERT_TRUE(
         write_file(d / "late.ace", read_file(d / "asm.ace") + "CO c 4 1 1 U\nACGT\n\nXX\n"));
     const run_result late = flowcheck({"late.ace", "a.sff"}, d.path);
     EXPECT_EQ(late.status, 1);
-    EXPECT_FALSE(late.err.empty());
+    EXPECT_EQ(late.err, "sorvexa-flowcheck: Error: tag 'XX' should be not in the ACE file!\n");
+    EXPECT_EQ(flowcheck({"asm.ace", "a.sff"}, d.path).status, 0);
+    EXPECT_EQ(read_file(d / "late.consensus.fa"), read_file(d / "asm.consensus.fa"));
 
     const run_result help = flowcheck({"-h"}, d.path);
     EXPECT_EQ(help.status, 0);

@@ -7,6 +7,11 @@
 
 #include <sorvexa/contig.h>
 #include <sorvexa/detail/text_file.h>
+#include <sorvexa/status.h>
+
+// Where a program's outputs for the ACE file `ace_path` go: the path cut before its last
+// ".ace", else before its last ".ACE", else the whole path.
+std::string output_prefix(const std::string& ace_path);
 
 class aceReader {
   public:
@@ -17,6 +22,10 @@ class aceReader {
     // Whether next_contig keeps the consensus qualities (the BQ section) in
     // contig::base_qualities; a run has no use for them and passes over them.
     bool keep_base_qualities = false;
+    // Why reading stopped early: the file could not be opened, is no ACE file, or a section
+    // came out of order. Once set, next_contig reads nothing more and returns 0, so a loop
+    // that ends at 0 checks it afterwards.
+    sorvexa::status error;
 
     aceReader() = default;
     explicit aceReader(const std::string& file);
@@ -24,6 +33,7 @@ class aceReader {
     aceReader(const aceReader&) = delete;
     aceReader& operator=(const aceReader&) = delete;
 
+    // 1 when the file was opened and starts as an ACE file; 0 with error set otherwise.
     int open_file(const char* file);
     void close_file();
     // Fills `c` (freshly constructed) with the next contig: 1 when a whole contig was read.
@@ -37,6 +47,7 @@ class aceReader {
 
   private:
     void read_as_line();
+    int fail(std::string message);
     bool read_af_section(contig& c, const std::string& first_line);
     int read_rd_section(contig& c, std::string& line);
 };

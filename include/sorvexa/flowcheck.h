@@ -126,6 +126,28 @@ struct contig_coverage {
     }
 };
 
+class flow_check;
+
+// One run a contig's report lists and what became of its call.
+struct report_row {
+    std::int32_t index = 0;   // in flow_check::runs
+    hp_run run;
+    std::string_view filter;  // run_filter's: PASS, StrandConflict or "."
+    bool edited = false;      // the run's call is one of the edits
+    bool applied = false;     // ... and it passes, so the polished consensus has it
+};
+
+// A contig checked, with everything a report of it needs.
+struct contig_report {
+    std::string name;
+    std::string unpadded;  // the consensus as read, pads removed
+    std::string polished;  // with the passing edits applied
+    contig_coverage coverage;
+    std::vector<consensus_edit> edits;
+    std::vector<report_row> rows;
+    std::int64_t called = 0, passed = 0;  // edits, and those that pass
+};
+
 class flow_check {
   public:
     // The fixed model, which `models` takes when it is still empty at the first call.
@@ -160,27 +182,32 @@ class flow_check {
     void add_value(hp_run& r, std::uint16_t value, bool complemented, std::size_t file);
     // Calls the length of every run that has at least one signal.
     void call_runs();
-    // The whole check of one contig: its runs, every read's record fetched through `lookup`
-    // (file by file, each file opened once, a file's reads in the order of their start
-    // column) and tied, the signals, the calls. A read's number in run_signal is its place
-    // in the contig's name order. Adds to `counts`.
-    void check_contig(const contig& c, const read_lookup& lookup, tie_counts& counts);
-    // The same with any index of the files `sff_paths`: `find` gives the number of the file
-    // that holds a read and the record's position there, or -1. With `tied`, the reads that
-    // could be tied are kept there by name (for window_signals).
-    using read_finder = std::function<int(const std::string& name, std::int64_t& pos)>;
-    void check_contig(const contig& c, const std::vector<std::string>& sff_paths,
-                      const read_finder& find, tie_counts& counts,
-                      std::map<std::string, tied_read>* tied = nullptr);
+    // The whole check of one contig: its runs, every read's record fetched through `fetcher`
+    // (file by file, a file's reads in the order of their start column) and tied, the
+    // signals, the calls. A read's number in run_signal is its place in the contig's name
+    // order. Adds to `counts`. With `tied`, the reads that could be tied are kept there by
+    // name (for window_signals). A file that cannot be read again fails the check, its reads
+    // counted untied.
+    sorvexa::status check_contig(const contig& c, const read_lookup& lookup,
+                                 read_fetcher& fetcher, tie_counts& counts,
+                                 std::map<std::string, tied_read>* tied = nullptr);
+    // The same through a fetcher of its own.
+    sorvexa::status check_contig(const contig& c, const read_lookup& lookup, tie_counts& counts);
+
+    // One contig checked as every front end reports it: check_contig, then the coverage,
+    // the calls as edits, the polished consensus and the rows to list (every run with an
+    // edit and, with list_all, every other tested run). The runs stay in `runs` until the
+    // next contig.
+    sorvexa::status check(const contig& c, const read_lookup& lookup, read_fetcher& fetcher,
+                          bool list_all, contig_report& out);
 
     // Fits `models` to the assembly: contigs from `next` (which returns false when there is
     // none left) are checked under the fixed model and their signals gathered until the
     // sample is full, then the fit is made. Every front end that calibrates on the same
     // assembly and files gets the same model.
     using contig_source = std::function<bool(contig& c)>;
-    void calibrate(const contig_source& next, const std::vector<std::string>& sff_paths,
-                   const read_finder& find, std::int64_t max_values = 2'000'000);
-    void calibrate(const contig_source& next, const read_lookup& lookup);
+    sorvexa::status calibrate(const contig_source& next, const read_lookup& lookup,
+                              read_fetcher& fetcher, std::int64_t max_values = 2'000'000);
     // The checked contig's runs and values (kept with keep_values), for a fit.
     void add_to(flow_sample& sample) const;
 
@@ -222,10 +249,11 @@ bool read_model_file(const std::string& path, const std::vector<std::string>& sf
                      flow_models& out, std::string& error);
 // Sets check.models from `origin` for the files of `lookup` (`table_path` for a table, the
 // ACE file `ace_path` for a fit); `note` says what the model rests on ("fitted: ...", "read
-// from PATH", "fixed"). False with `error` set when the table cannot serve.
-bool choose_models(flow_check& check, model_origin origin, const std::string& ace_path,
-                   const std::string& table_path, const read_lookup& lookup, std::string& error,
-                   std::string& note);
+// from PATH", "fixed"). Fails when the table cannot serve or an SFF file cannot be read
+// again; an ACE file that fails is left to the check that reads it next.
+sorvexa::status choose_models(flow_check& check, model_origin origin, const std::string& ace_path,
+                              const std::string& table_path, const read_lookup& lookup,
+                              read_fetcher& fetcher, std::string& note);
 
 // A window of a contig in flow space with the flow values the reads measured: align_flow's
 // grid for the same window, and beside its counts the value of each row's read on each flow.
@@ -273,14 +301,15 @@ void append_vcf_header(std::string& out, std::string_view source, std::string_vi
 // One record per edit, anchored on the base before it; edits that share that base go into
 // one record, so that no two records overlap, unless one passes and the other is filtered:
 // those stay apart, so that the passing records alone give the polished consensus.
-void append_vcf_records(std::string& out, std::string_view contig_name, const std::string& unpadded,
-                        const std::vector<consensus_edit>& edits, const flow_check& check);
+void append_vcf_records(std::string& out, const contig_report& report);
 void append_tsv_header(std::string& out);
 // `filter` is PASS or the filter's name for a call, "." for a run that is not one.
 void append_tsv_line(std::string& out, std::string_view contig_name, const hp_run& r,
                      std::string_view filter);
 // The line that opens a contig's lines in the TSV: how much of the contig was weighed.
 void append_tsv_coverage(std::string& out, std::string_view contig_name, const contig_coverage& c);
+// A contig's lines of the TSV: its coverage line, then its rows.
+void append_tsv_report(std::string& out, const contig_report& report);
 // "251 reads (11 tied, 240 untied, 0 in no SFF file), 120 of 3000 runs tested: unchecked"
 std::string describe_coverage(const contig_coverage& c);
 // The filter column of a run: PASS, StrandConflict, or "." for a run that is no call.

@@ -9,6 +9,7 @@
 #include <memory_resource>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <unordered_map>
 #include <vector>
 
@@ -97,7 +98,8 @@ class read_fetcher {
     // `whole` reads every per-base value (get_record); otherwise only what a read's kept bases
     // need (get_read's pass). Wanted entries that are not found are passed over. f also gets
     // whether the fetch read the record: one from a stream that failed earlier in the same
-    // call leaves cur_read empty with a zero flowgram (reader::get_read), and is still passed.
+    // call leaves cur_read empty with a zero flowgram (reader::get_read), and is still
+    // passed. An f that returns bool stops the fetch by returning false.
     template <class F>
     sorvexa::status fetch(const std::vector<read_location>& wanted, bool whole, F f) {
         order_by_file(wanted);
@@ -109,7 +111,11 @@ class read_fetcher {
             for (std::size_t i : by_file_[k]) {
                 const bool read =
                     whole ? rd->get_record(wanted[i].pos) : rd->get_kept(wanted[i].pos);
-                f(i, *rd, read);
+                if constexpr (std::is_same_v<decltype(f(i, *rd, read)), bool>) {
+                    if (!f(i, *rd, read)) return {};
+                } else {
+                    f(i, *rd, read);
+                }
             }
         }
         return {};

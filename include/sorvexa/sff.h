@@ -9,6 +9,7 @@
 #include <vector>
 
 #include <sorvexa/detail/binary_file.h>
+#include <sorvexa/status.h>
 
 // Fixed part of the common header: the first 31 bytes of the file.
 struct sff_header_p1 {
@@ -134,13 +135,29 @@ class reader {
     // Set once a header read on this reader has succeeded: until then the header fields
     // bound nothing and no walk over the records is made.
     bool header_known = false;
+    // A walk steps over the file's own index block where the header says it stands among the
+    // records, rather than reading it as a record.
+    bool skip_index_block = false;
 
+    // Why the reader cannot go on: the file could not be opened ("fail to open file NAME")
+    // or is no SFF file ("The input file NAME is not a SFF file"). A reader with an error
+    // reads nothing more.
+    sorvexa::status error;
+    // Where the reader's diagnostics go: a record cut short ("Error ocurred while reading
+    // file NAME" on err, then "Only got N bytes while M is need" on out), a walk past the end
+    // of the file ("reach end of file while read more data", err), the file size (out).
+    sorvexa::diagnostic_sink diagnostics;
+
+    // Opens the file; error says whether that worked.
     explicit reader(const std::string& name);
     reader(const reader&) = delete;
     reader& operator=(const reader&) = delete;
 
+    // False, with error set, when the magic number is no SFF file's in either byte order.
     bool check_magic_number();
+    std::int64_t file_size();
     void print_file_size();
+    // False when the fixed header is cut short or the file is no SFF file (error set).
     bool get_header();
 
     // Reads the header, then walks every record, reading only its fixed part and name, and
@@ -173,6 +190,8 @@ class reader {
     // failed (an earlier record ran past the end of the file) leaves `out` as it was and
     // cur_read empty with a zero flowgram, never the previous read's data.
     void get_read(const std::int64_t& pos, seqRead& out);
+    // The same fetch into cur_read alone; false when the stream had failed.
+    bool get_kept(std::int64_t pos);
 
     // Reads the whole record at `pos` into cur_read: every per-base value, as far as the file
     // holds them (what lies past its end reads as zero). False, with cur_read emptied, when
@@ -184,4 +203,5 @@ class reader {
     bool fetch(const record_pass& pass, std::int64_t pos);
     bool decode_record(const record_pass& pass, std::int64_t& pos, std::string* key);
     void read_name_and_data(const record_pass& pass);
+    void step_over_index_block();
 };

@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <iostream>
 
-#include "process_exit.h"
 
 namespace {
 
@@ -52,12 +51,14 @@ output_file::output_file(const std::string& path, std::size_t buffer)
 }
 
 output_file::~output_file() {
-    if (!close_quietly()) report_write_failure(path_);
+    if (!failed_ && !close_quietly()) report_write_failure(path_);
 }
 
 char* output_file::reserve(std::size_t n) {
     if (capacity_ - len_ < n) {
-        if (!flush()) fail();
+        // After a failure the buffer only takes what is written, to be dropped.
+        if (failed_) len_ = 0;
+        else if (!flush()) fail();
         if (capacity_ < n) {
             buf_ = std::make_unique_for_overwrite<char[]>(n);
             capacity_ = n;
@@ -92,8 +93,9 @@ bool output_file::close_quietly() {
     return ok;
 }
 
-void output_file::close() {
-    if (!close_quietly()) fail();
+bool output_file::close() {
+    if (!failed_ && !close_quietly()) fail();
+    return !failed_;
 }
 
 // The file is closed first, so that the flush on the way out leaves it alone.
@@ -104,8 +106,8 @@ void output_file::fail() {
         len_ = 0;
         track(nullptr, this);
     }
+    failed_ = true;
     report_write_failure(path_);
-    sorvexa::fatal_exit(1);
 }
 
 void output_file::flush_at_exit() {

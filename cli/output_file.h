@@ -1,9 +1,10 @@
 // A buffered text output file: the run's two output files are written through it, numbers
 // formatted in place. Every write and the close are checked: the first failure (a full
 // disk, a quota, a file-size limit, an I/O error, a failing close) is reported as
-// "can not write file PATH" and ends the process with status 1, and no failure passes
-// silently. Open files are flushed on every way out of the process, a fatal input error
-// included, so what was written before an error stays in the files.
+// "can not write file PATH" (once for the whole process), the file is closed and marked
+// failed, and later writes to it are dropped: the program checks failed() where it must
+// stop. Open files are flushed on every way out of the process, so what was written before
+// an error stays in the files.
 #pragma once
 
 #include <charconv>
@@ -59,6 +60,8 @@ class output_file {
     output_file& operator=(const output_file&) = delete;
 
     bool is_open() const { return fd_ >= 0; }
+    // A write or the close failed (and was reported).
+    bool failed() const { return failed_; }
     // The byte count so far, buffered bytes included: the file position at any time.
     std::int64_t position() const { return flushed_ + static_cast<std::int64_t>(len_); }
 
@@ -83,8 +86,8 @@ class output_file {
         commit(p);
     }
 
-    // Writes what is buffered and closes the file; a failure ends the process.
-    void close();
+    // Writes what is buffered and closes the file; false when that or an earlier write failed.
+    bool close();
 
   private:
 
@@ -93,7 +96,7 @@ class output_file {
     void commit(const char* end) { len_ = static_cast<std::size_t>(end - buf_.get()); }
     bool flush();
     bool close_quietly();
-    [[noreturn]] void fail();
+    void fail();
     static void flush_at_exit();
 
     std::string path_;
@@ -102,4 +105,5 @@ class output_file {
     std::size_t capacity_ = 0;
     std::size_t len_ = 0;
     std::int64_t flushed_ = 0;
+    bool failed_ = false;
 };

@@ -6,5 +6,6 @@
 extern const std::string PRG;
 extern const std::string VERSION;
 
-// The whole program; returns the exit status (fatal input errors end the process instead).
+// The whole program; returns the exit status. Every message, a fatal input error's included,
+// is printed before it returns.
 int sorvexa_main(int argc, char** argv);

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <iostream>
 #include <string>
+#include <memory>
 #include <vector>
 
 #include <sorvexa/ace.h>
@@ -48,52 +49,53 @@ void print_version() {
         << std::flush;
 }
 
-// The ACE path cut before its last ".ace", else before its last ".ACE".
-std::string output_prefix(const std::string& ace_path) {
-    std::size_t cut = ace_path.rfind(".ace");
-    if (cut == std::string::npos) cut = ace_path.rfind(".ACE");
-    return cut == std::string::npos ? ace_path : ace_path.substr(0, cut);
+// Prints a reader's diagnostic where Sorvexa has always printed it, flushed at once, so that
+// it keeps its place among the other lines of both streams.
+void print_diagnostic(sorvexa::stream where, const std::string& line) {
+    (where == sorvexa::stream::out ? std::cout : std::cerr) << line << std::endl;
 }
 
-// The SFF side of a run: one read index per SFF file, and per contig the records of its
-// reads, fetched file by file.
+// The message of a fatal input error, printed; the run then ends with status 1.
+int input_error(const sorvexa::status& st) {
+    std::cerr << st.message << std::endl;
+    return 1;
+}
+
+// The SFF side of a run: the read index over every SFF file, and per contig the records of
+// its reads, fetched file by file.
 struct read_stage {
     read_lookup lookup;
-    std::vector<std::vector<std::int64_t>> pending_positions;
+    std::unique_ptr<read_fetcher> fetcher;
+    std::vector<read_location> wanted;
+    std::vector<const std::string*> wanted_names;
     int output_mode = 1;
 
-    void index_files(int argc, char** argv, int first_sff) {
-        lookup.index_files(std::vector<std::string>(argv + first_sff, argv + argc));
-        pending_positions.resize(lookup.sff_names.size());
+    sorvexa::status index_files(int argc, char** argv, int first_sff) {
+        lookup.diagnostics = print_diagnostic;
+        sorvexa::status st =
+            lookup.index_files(std::vector<std::string>(argv + first_sff, argv + argc));
+        fetcher = std::make_unique<read_fetcher>(lookup);
+        fetcher->diagnostics = print_diagnostic;
+        return st;
     }
 
-    // The first file whose index holds a name serves it; a read in no file gets no record.
-    void look_up(const contig& c) {
-        std::int64_t pos = 0;
-        for (const auto& entry : c.reads) {
-            const int k = lookup.find(entry.first, pos);
-            if (k >= 0) pending_positions[static_cast<std::size_t>(k)].push_back(pos);
-        }
-    }
-
-    void write_records(const contig& c, output_file& reads_file) {
-        look_up(c);
-        for (std::size_t k = 0; k < lookup.sff_names.size(); ++k) {
-            if (pending_positions[k].empty()) continue;
-            reader rd(lookup.sff_names[k]);
-            rd.get_header();
-            seqRead read;
-            for (std::int64_t pos : pending_positions[k]) {
-                // Emptied, not rebuilt: the same as a fresh one, without the allocations.
-                read.name.clear();
-                read.bases.clear();
-                read.quality_scores.clear();
-                read.flow_indexes.clear();
-                rd.get_read(pos, read);
-                write_record(read, rd.cur_read, reads_file);
-            }
-            pending_positions[k].clear();
-        }
+    // The records in file order, within a file in the contig's order of names; a read in no
+    // file gets no record. The fetch stops at a failed write.
+    sorvexa::status write_records(const contig& c, output_file& reads_file) {
+        wanted.clear();
+        for (const auto& entry : c.reads) wanted.push_back(lookup.locate(entry.first));
+        seqRead read;
+        return fetcher->fetch(wanted, false, [&](std::size_t, reader& rd, bool got) {
+            // Emptied, not rebuilt: the same as a fresh one, without the allocations. A fetch
+            // from a failed stream leaves it empty and the record's flowgram zero.
+            read.name.clear();
+            read.bases.clear();
+            read.quality_scores.clear();
+            read.flow_indexes.clear();
+            if (got) read.assign(rd.cur_read);
+            write_record(read, rd.cur_read, reads_file);
+            return !reads_file.failed();
+        });
     }
 
     void write_record(const seqRead& read, const sff_read& raw, output_file& out) const {
@@ -121,6 +123,7 @@ void contig_lines(const contig& c, int mode, output_file& reads_file, output_fil
     reads_file.text(">");
     reads_file.text(c.name);
     counts(reads_file);
+    if (reads_file.failed()) return;
     krv_file.text(c.name);
     krv_file.text("\t");
     krv_file.number(reads_file.position());
@@ -172,9 +175,11 @@ int sorvexa_main(int argc, char** argv) {
     const std::string ace_path = argv[opt.first_operand];
     const std::string prefix = output_prefix(ace_path);
     read_stage stage;
-    stage.index_files(argc, argv, opt.first_operand + 1);
+    sorvexa::status st = stage.index_files(argc, argv, opt.first_operand + 1);
+    if (!st) return input_error(st);
 
     aceReader ace(ace_path);
+    if (!ace.error) return input_error(ace.error);
     const std::string reads_path = prefix + ".reads";
     const std::string krv_path = prefix + ".krv";
     output_file reads_file(reads_path);
@@ -190,10 +195,13 @@ int sorvexa_main(int argc, char** argv) {
         contig c;
         if (ace.next_contig(c) == 0) break;
         contig_lines(c, stage.output_mode, reads_file, krv_file);
-        stage.write_records(c, reads_file);
+        if (reads_file.failed() || krv_file.failed()) return 1;
+        st = stage.write_records(c, reads_file);
+        if (!st) return input_error(st);
+        if (reads_file.failed()) return 1;
     }
-    reads_file.close();
-    krv_file.close();
+    if (!ace.error) return input_error(ace.error);
+    if (!reads_file.close() || !krv_file.close()) return 1;
 
     std::cout << "Done! Two output files are:\n\n"
               << " Korvane KRV file:\t" << krv_path << "\n"
