@@ -242,9 +242,10 @@ void flow_evidence(FuzzedDataProvider& in, contig& c, const std::string& flows) 
         check.runs = std::move(again.runs);
         check.models = std::move(fitted);
     }
-    const std::string unpadded = unpadded_consensus(c);
-    std::vector<consensus_edit> edits;
-    check.edits(unpadded, edits);
+    contig_report report;
+    check.report(c, in.ConsumeBool(), report);
+    const std::string& unpadded = report.unpadded;
+    const std::vector<consensus_edit>& edits = report.edits;
     std::int64_t size = static_cast<std::int64_t>(unpadded.size()), at = 0;
     for (const consensus_edit& e : edits) {
         if (e.begin < at || e.end < e.begin || e.end > static_cast<std::int64_t>(unpadded.size()))
@@ -252,12 +253,11 @@ void flow_evidence(FuzzedDataProvider& in, contig& c, const std::string& flows) 
         at = e.end;
         if (e.pass) size += static_cast<std::int64_t>(e.bases.size()) - (e.end - e.begin);
     }
-    if (static_cast<std::int64_t>(apply_edits(unpadded, edits).size()) != size)
+    if (static_cast<std::int64_t>(report.polished.size()) != size)
         broken("the polished consensus is not the edits' result");
     std::string text;
-    append_vcf_records(text, c.name, unpadded, edits, check);
-    for (const hp_run& r : check.runs) append_tsv_line(text, c.name, r, run_filter(check, r));
-    append_tsv_coverage(text, c.name, check.coverage());
+    append_vcf_records(text, report);
+    append_tsv_report(text, report);
 
     flow_window w;
     const window win = pick_window(in, c);

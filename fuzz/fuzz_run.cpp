@@ -9,7 +9,7 @@
 //   m bytes     the first SFF file
 //   the rest    the second SFF file
 //
-// Each input runs in this process. A fatal input error unwinds the run back to the target,
+// Each input runs in this process. A fatal input error returns from the driver as a status,
 // so the driver's open files and buffers are released as they would be at the run's end.
 #include <cstddef>
 #include <cstdint>

@@ -1,5 +1,5 @@
 // What the fuzz targets share: silenced output streams, a per-process scratch directory for
-// the files the readers need, and the way a fatal input error comes back to the target.
+// the files the readers need, and one way to run an input.
 #pragma once
 
 #include <unistd.h>
@@ -13,8 +13,6 @@
 #include <ostream>
 #include <streambuf>
 #include <string>
-
-#include "process_exit.h"
 
 namespace fuzz_support {
 
@@ -35,7 +33,7 @@ inline std::ostream& null_stream() {
     return out;
 }
 
-// The library reports every bad input on std::cout/std::cerr, which would bury the
+// Sorvexa's driver reports every bad input on std::cout/std::cerr, which would bury the
 // fuzzer's own progress lines. Standard error itself (file descriptor 2) stays open:
 // libFuzzer and the sanitizers report there.
 inline void silence_library_output() {
@@ -84,30 +82,16 @@ inline void clear_scratch_dir() {
         std::filesystem::remove(entry.path(), ec);
 }
 
-// A fatal input error ends the process in the tool. Here the target points
-// sorvexa::process_exit at end_input, whose exception unwinds the library's frames, their
-// destructors closing files and releasing memory, back to the target's run_input, which
-// drops the input. Only the harness throws and catches; the library never does either.
-struct input_ended {
-    int status;
-};
-
-[[noreturn]] inline void end_input(int status) {
-    throw input_ended{status};
-}
-
 // What every target that feeds files to the library does first.
 inline void start_target() {
     silence_library_output();
-    sorvexa::process_exit = end_input;
 }
 
+// The library ends no run: a bad input comes back as a status, and the target goes on to
+// the next input.
 template <class F>
 void run_input(F run) {
-    try {
-        run();
-    } catch (const input_ended&) {
-    }
+    run();
 }
 
 }  // namespace fuzz_support

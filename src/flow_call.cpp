@@ -123,9 +123,15 @@ sorvexa::status flow_check::calibrate(const contig_source& next, const read_look
 
 sorvexa::status flow_check::check(const contig& c, const read_lookup& lookup,
                                   read_fetcher& fetcher, bool list_all, contig_report& out) {
+    tie_counts counts;
+    const sorvexa::status st = check_contig(c, lookup, fetcher, counts);
+    report(c, list_all, out);
+    return st;
+}
+
+void flow_check::report(const contig& c, bool list_all, contig_report& out) const {
     out = contig_report{};
     out.name = c.name;
-    const sorvexa::status st = check_contig(c, lookup, fetcher, out.coverage.reads);
     out.coverage = coverage();
     out.unpadded = unpadded_consensus(c);
     edits(out.unpadded, out.edits);
@@ -141,7 +147,6 @@ sorvexa::status flow_check::check(const contig& c, const read_lookup& lookup,
         out.rows.push_back({static_cast<std::int32_t>(i), runs[i], run_filter(*this, runs[i]),
                             edited[i] != 0, edited[i] == 2});
     }
-    return st;
 }
 
 bool read_model_file(const std::string& path, const std::vector<std::string>& sff_files,

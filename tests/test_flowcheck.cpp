@@ -301,14 +301,10 @@ report report_of(const std::string& consensus, const std::map<std::int32_t, std:
         }
     }
     contig_report r;
-    r.name = "c1";
-    r.unpadded = unpadded_consensus(c);
-    check.edits(r.unpadded, r.edits);
-    for (const consensus_edit& e : r.edits)
-        r.rows.push_back({e.run, check.runs[static_cast<std::size_t>(e.run)], ".", true, e.pass});
+    check.report(c, false, r);
     report out;
     append_vcf_records(out.vcf, r);
-    out.polished = apply_edits(r.unpadded, r.edits);
+    out.polished = r.polished;
     return out;
 }
 

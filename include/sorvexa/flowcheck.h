@@ -200,6 +200,8 @@ class flow_check {
     // next contig.
     sorvexa::status check(const contig& c, const read_lookup& lookup, read_fetcher& fetcher,
                           bool list_all, contig_report& out);
+    // The report of contig `c` from the runs as they were last called.
+    void report(const contig& c, bool list_all, contig_report& out) const;
 
     // Fits `models` to the assembly: contigs from `next` (which returns false when there is
     // none left) are checked under the fixed model and their signals gathered until the
