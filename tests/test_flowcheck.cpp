@@ -300,6 +300,7 @@ report report_of(const std::string& consensus, const std::map<std::int32_t, std:
             r.strand_conflict = filtered.count(r.column) > 0;
         }
     }
+    c.name = "c1";
     contig_report r;
     check.report(c, false, r);
     report out;
