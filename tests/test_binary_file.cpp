@@ -84,6 +84,30 @@ TEST_F(BinaryFile, WalksAndJumpsGiveTheFile) {
     EXPECT_FALSE(f.fail());
 }
 
+// A reader kept open across fetches: a walk that ran past the end, then a fetch back into
+// the file's last block, and into every earlier block, gives that block's bytes, never a
+// block left over from reading ahead.
+TEST_F(BinaryFile, SeekBackAfterTheEndGivesTheBlock) {
+    binary_file f;
+    ASSERT_TRUE(f.open(path_));
+    std::vector<unsigned char> piece(300000);
+    while (f.read(piece.data(), piece.size()) == piece.size()) {
+    }
+    EXPECT_TRUE(f.eof() && f.fail());
+    for (std::int64_t back : {std::int64_t{size} - 5000, std::int64_t{size} - (1 << 20) - 7,
+                              std::int64_t{size} - 100, std::int64_t{3 << 20}, std::int64_t{1}}) {
+        f.clear();
+        f.seek(back);
+        expect_read(f, 90);
+    }
+    // And once more after reading sequentially up to the end again.
+    f.clear();
+    f.seek(0);
+    for (int k = 0; k < 17; ++k) expect_read(f, 300000);
+    f.seek(std::int64_t{size} - 64);
+    expect_read(f, 64);
+}
+
 // Closing or reopening in the middle of a sequential read, with a block being read ahead.
 TEST_F(BinaryFile, CloseAndReopenWhileReadingAhead) {
     for (int round = 0; round < 20; ++round) {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "run_tool.h"
+#include <sorvexa/read_lookup.h>
 #include <sorvexa/sff.h>
 #include "sff_builder.h"
 
@@ -245,6 +246,72 @@ TEST(SffReader, UnusableFilesGiveTheirMessage) {
     reader missing(dir / "none.sff");
     EXPECT_EQ(missing.error.message, "fail to open file " + (dir / "none.sff"));
     EXPECT_FALSE(missing.get_header());
+}
+
+// The index over several files: the first file that holds a name serves it, within a file
+// the last record of the name; an index block among the records is stepped over when asked;
+// one fetcher serves every request with a reader per file and refuses a changed file.
+TEST(ReadLookup, FirstFileWinsLastRecordWithinAFile) {
+    temp_dir dir;
+    sff_read_layout a1 = plain_read(kA, 5), a2 = plain_read(kA, 7), b = plain_read(kB, 9);
+    ASSERT_TRUE(write_file(dir / "one.sff", build_sff(file_of({a1, b, a2}))));
+    sff_read_layout a3 = plain_read(kA, 11), c = plain_read(kC, 13);
+    // The second file holds an index block before its last record.
+    sff_file_layout two = file_of({a3});
+    std::string bytes = build_sff(two);
+    const std::string block = ".mft1.00" + std::string(12, '\x01') + std::string(4, '\0');
+    two.index_offset = bytes.size();
+    two.index_length = static_cast<std::uint32_t>(block.size() - 4);
+    two.number_of_reads = 2;
+    bytes = build_sff(two) + block;
+    append_sff_read(bytes, c, false);
+    ASSERT_TRUE(write_file(dir / "two.sff", bytes));
+
+    for (bool skip : {false, true}) {
+        for (bool parallel : {false, true}) {
+            read_lookup lookup;
+            lookup.skip_index_block = skip;
+            lookup.parallel = parallel;
+            ASSERT_TRUE(lookup.index_files({dir / "one.sff", dir / "two.sff"}).ok);
+            EXPECT_EQ(lookup.locate(kA).file, 0);
+            EXPECT_EQ(lookup.locate(kB).file, 0);
+            EXPECT_EQ(lookup.locate(kC).found(), skip) << "skip " << skip;
+            EXPECT_EQ(lookup.flow_chars[1], tacg_flows(400));
+            read_fetcher fetcher(lookup);
+            sorvexa::status st;
+            reader* rd = fetcher.record(lookup.locate(kA), st);
+            ASSERT_NE(rd, nullptr);
+            EXPECT_EQ(rd->cur_read.bases.size(), 7u);  // the later record of the name
+            if (skip) {
+                rd = fetcher.record(lookup.locate(kC), st);
+                ASSERT_NE(rd, nullptr);
+                EXPECT_EQ(rd->cur_read.bases.size(), 13u);
+            }
+        }
+    }
+
+    read_lookup lookup;
+    ASSERT_TRUE(lookup.index_files({dir / "one.sff"}).ok);
+    read_fetcher fetcher(lookup);
+    fetcher.check_stamps = true;
+    std::vector<std::size_t> got;
+    const std::vector<read_location> wanted{lookup.locate(kB), lookup.locate("none"),
+                                            lookup.locate(kA)};
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_TRUE(fetcher.fetch(wanted, false, [&](std::size_t i, reader& rd, bool read) {
+            EXPECT_TRUE(read);
+            got.push_back(i * 100 + rd.cur_read.bases.size());
+        }).ok);
+    }
+    EXPECT_EQ(got, (std::vector<std::size_t>{9, 207, 9, 207}));
+    // The file rewritten after indexing: nothing is read from it.
+    ASSERT_TRUE(write_file(dir / "one.sff", build_sff(file_of({b, a1, a2, a2}))));
+    sorvexa::status st;
+    EXPECT_EQ(fetcher.record(lookup.locate(kB), st), nullptr);
+    EXPECT_EQ(st.message, "the file " + (dir / "one.sff") + " changed after it was indexed");
+    bool called = false;
+    EXPECT_FALSE(fetcher.fetch(wanted, true, [&](std::size_t, reader&, bool) { called = true; }).ok);
+    EXPECT_FALSE(called);
 }
 
 }  // namespace
