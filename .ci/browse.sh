@@ -33,7 +33,7 @@ fail() {
 }
 
 need=()
-[ -f /usr/include/httplib.h ] || need+=(libcpp-httplib-dev)
+[ -f /usr/include/microhttpd.h ] || need+=(libmicrohttpd-dev)
 [ -x /usr/bin/chromium ] || need+=(chromium fonts-dejavu-core)
 command -v python3 >/dev/null 2>&1 || need+=(python3)
 if [ "${#need[@]}" -gt 0 ]; then

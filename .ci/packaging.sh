@@ -280,9 +280,9 @@ python_files=$(grep -c -e '^/usr/lib/python3/dist-packages/sorvexa/__init__\.py$
     field "$python_deb" Depends | grep -q 'python3 (' &&
     pass "python3-sorvexa: section python, Depends: $(field "$python_deb" Depends)" ||
     fail "python3-sorvexa: section $(field "$python_deb" Section), Depends: $(field "$python_deb" Depends)"
-field "$browse_deb" Depends | grep -q 'libcpp-httplib' &&
+field "$browse_deb" Depends | grep -q 'libmicrohttpd' &&
     pass "sorvexa-browse Depends: $(field "$browse_deb" Depends)" ||
-    fail "sorvexa-browse does not depend on the cpp-httplib runtime"
+    fail "sorvexa-browse does not depend on the libmicrohttpd runtime"
 if grep -q -e sorvexa-browse "$tmp/sorvexa.list" ||
     grep -q -e '^/usr/include/' -e '^/usr/lib/' "$tmp/sorvexa.list" ||
     grep -q -e '^/usr/bin/' -e '^/usr/share/man/' "$tmp/libsorvexa-dev.list"; then
@@ -291,7 +291,7 @@ else
     pass "sorvexa holds the program, libsorvexa-dev the library files"
 fi
 
-# sorvexa-browse needs the cpp-httplib runtime, which apt brings in if it is missing.
+# sorvexa-browse needs the libmicrohttpd runtime, which apt brings in if it is missing.
 dpkg -i "$tool_deb" "$dev_deb" "$browse_deb" "$python_deb" >"$tmp/dpkg.log" 2>&1 ||
     apt-get install -y -qq -f >>"$tmp/dpkg.log" 2>&1 || {
     cat "$tmp/dpkg.log"

@@ -1,8 +1,8 @@
 // Text that goes into a page. Pages are built with `html`, a writer whose text calls escape
 // what they are given: a name or sequence from the files cannot become markup by being
-// forgotten. Markup itself comes from three calls only: element tags whose names are the
-// program's own (attribute values are escaped), string literals (`markup`), and fragments
-// that another writer built (`append`).
+// forgotten. Markup comes only from string literals written into the program (`markup`, and
+// `fill`, whose holes take escaped text), tags whose names are the program's own (attribute
+// values escaped), and fragments another writer built (`append`).
 #pragma once
 
 #include <cstddef>
@@ -10,25 +10,23 @@
 #include <initializer_list>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 namespace browse {
 
-// Appends `text` with every character that could open markup or end an attribute value
-// written as a character reference; control characters become U+FFFD.
+// `text` with every character that could open markup or end an attribute value written as a
+// character reference; control characters become U+FFFD.
 void append_escaped(std::string& out, std::string_view text);
-
 // `text` percent-encoded for one segment of a URL path or a query value: only letters,
 // digits and - . _ ~ stay as they are.
 std::string url_encoded(std::string_view text);
+std::string grouped(std::int64_t n);           // thousands separated by commas
+std::string fixed(double v, int decimals);     // `decimals` places
+std::string new_nonce();                       // a fresh random token for a page's script
+std::string_view base_class(char letter);      // bA, bC, bG, bT, or none: a letter's colour
 
-// A decimal number with thousands separated by commas.
-std::string grouped(std::int64_t n);
-// A number with `decimals` places.
-std::string fixed(double v, int decimals);
-
-// An attribute of an element: its name is the program's own, its value any text.
 struct attr {
-    std::string_view name;
+    std::string_view name;  // the program's own
     std::string_view value;
 };
 
@@ -39,44 +37,51 @@ class html {
         return *this;
     }
     html& text(char c) { return text(std::string_view(&c, 1)); }
-    html& number(std::int64_t v) {
-        out_ += std::to_string(v);
-        return *this;
-    }
-
     // <tag a="v" ...>; `empty` elements (input, rect, ...) are written self-closed.
     html& open(std::string_view tag, std::initializer_list<attr> attrs = {});
     html& empty(std::string_view tag, std::initializer_list<attr> attrs = {});
     html& close(std::string_view tag);
-    // open, text, close.
-    html& element(std::string_view tag, std::initializer_list<attr> attrs, std::string_view text);
+    html& element(std::string_view tag, std::initializer_list<attr> attrs, std::string_view text) {
+        return open(tag, attrs).text(text).close(tag);
+    }
     html& element(std::string_view tag, std::string_view text) { return element(tag, {}, text); }
 
-    // Markup written into the program; only a literal binds here.
     template <std::size_t N>
     html& markup(const char (&literal)[N]) {
         out_.append(literal, N - 1);
+        return *this;
+    }
+    // A literal with `{}` holes, each filled with the next value as escaped text:
+    // fill("<td data-v=\"{}\">{}</td>", key, shown).
+    template <std::size_t N, class... T>
+    html& fill(const char (&literal)[N], const T&... values) {
+        const std::string texts[] = {as_text(values)..., std::string()};
+        std::size_t k = 0;
+        for (std::size_t i = 0; i + 1 < N; ++i) {
+            if (literal[i] == '{' && literal[i + 1] == '}')
+                append_escaped(out_, texts[k++]), ++i;
+            else
+                out_ += literal[i];
+        }
         return *this;
     }
     html& append(const html& fragment) {
         out_ += fragment.out_;
         return *this;
     }
-
     const std::string& str() const { return out_; }
     std::string take() { return std::move(out_); }
     std::size_t size() const { return out_.size(); }
-    void reserve(std::size_t n) { out_.reserve(n); }
 
   private:
+    static std::string as_text(std::string_view s) { return std::string(s); }
+    static std::string as_text(char c) { return std::string(1, c); }
+    template <class I>
+        requires std::is_integral_v<I>
+    static std::string as_text(I v) {
+        return std::to_string(v);
+    }
     std::string out_;
 };
-
-// A fresh random token: each response carries its own, for its script element and for the
-// Content-Security-Policy header that allows no other script.
-std::string new_nonce();
-
-// The CSS class that colours a base letter, upper or lower case (bA, bC, bG, bT), or none.
-std::string_view base_class(char letter);
 
 }  // namespace browse

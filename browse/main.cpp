@@ -1,30 +1,26 @@
 // sorvexa-browse: serves an ACE assembly and its SFF files to a web browser.
 //
-//   sorvexa-browse [--port N] [--bind ADDR] [--model FILE] aceFile [sffFile ...]
+//   sorvexa-browse [--port N] [--bind ADDR] [--model FILE] [--access-log] aceFile [sffFile ...]
 #include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
 
-#include <atomic>
-#include <cstdlib>
+#include <fstream>
 #include <iostream>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "assembly.h"
-#include "evidence.h"
-#include "pages.h"
-#include "process_exit.h"
-#include "read_source.h"
 #include "server.h"
+#include "site.h"
 #include "std_output.h"
 
 namespace {
 
 const char* const usage_text =
-    "Usage: sorvexa-browse [--port N] [--bind ADDR] [--model FILE] aceFile [sffFile ...]\n"
+    "Usage: sorvexa-browse [--port N] [--bind ADDR] [--model FILE] [--access-log] aceFile\n"
+    "                      [sffFile ...]\n"
     "\n"
     "Serves the contigs of an ACE assembly, with the reads' flowgrams from the SFF files,\n"
     "to a web browser, until interrupted. The flow values are weighed under the model that\n"
@@ -34,6 +30,7 @@ const char* const usage_text =
     "  --bind ADDR  address to listen on (default 127.0.0.1)\n"
     "  --model FILE use the model in FILE (a PREFIX.flowcheck.model.tsv) instead of\n"
     "               fitting one\n"
+    "  --access-log print a line for every request answered on standard error\n"
     "  -h, --help   print this text and exit\n"
     "  -v, --version print the version and exit\n";
 
@@ -41,20 +38,16 @@ struct options {
     int port = 8454;
     std::string bind = "127.0.0.1";
     std::string model;
+    bool access_log = false;
     std::string ace;
     std::vector<std::string> sff;
 };
 
 bool parse_port(const std::string& text, int& port) {
-    if (text.empty() || text.size() > 5) return false;
-    int v = 0;
-    for (char ch : text) {
-        if (ch < '0' || ch > '9') return false;
-        v = v * 10 + (ch - '0');
-    }
-    if (v > 65535) return false;
-    port = v;
-    return true;
+    if (text.empty() || text.size() > 5 || text.find_first_not_of("0123456789") != std::string::npos)
+        return false;
+    port = std::stoi(text);
+    return port <= 65535;
 }
 
 // Options come before the ACE file; every argument after it is an SFF file. Returns -1 to
@@ -70,6 +63,10 @@ int parse(int argc, char** argv, options& o) {
         if (a == "-v" || a == "--version") {
             std::cout << "sorvexa-browse " << SORVEXA_VERSION << "\n";
             return 0;
+        }
+        if (a == "--access-log") {
+            o.access_log = true;
+            continue;
         }
         if (a == "--port" || a == "--bind" || a == "--model") {
             if (i + 1 >= argc) {
@@ -107,19 +104,48 @@ int parse(int argc, char** argv, options& o) {
     return -1;
 }
 
-// The ACE file while start-up reads it on the main thread. The reader ends the process on a
-// file out of its grammar; on the way out, a file of a known writer's shape gets the rewrite
-// that makes it readable after the reader's message.
-// Plain pointers, not strings: an exit from another thread runs static destructors.
-const char* reading_ace = nullptr;
-std::thread::id main_thread;
+// The path as one shell word.
+std::string quoted(const std::string& path) {
+    std::string out = "'";
+    for (char ch : path) out += ch == '\'' ? std::string("'\\''") : std::string(1, ch);
+    return out + "'";
+}
 
-void exit_after_hint(int status) {
-    if (std::this_thread::get_id() == main_thread && reading_ace != nullptr) {
-        const std::string hint = browse::refused_file_hint(reading_ace);
-        if (!hint.empty()) std::cerr << "sorvexa-browse: " << hint << std::flush;
+// For an ACE file the reader refused that has the shape of one from a known writer (an empty
+// line between a read's QA and DS lines): the rewrite that makes it readable.
+std::string refused_file_hint(const std::string& ace_path) {
+    std::ifstream in(ace_path, std::ios::binary);
+    std::string line;
+    // 0: looking for a QA line; 1: after one; 2: after a QA line and an empty line.
+    int state = 0;
+    bool shape = false;
+    while (!shape && std::getline(in, line)) {
+        if (state == 2 && line.rfind("DS", 0) == 0) shape = true;
+        state = line.rfind("QA ", 0) == 0 ? 1 : (state == 1 && line.empty() ? 2 : 0);
     }
-    std::exit(status);
+    if (!shape) return {};
+    return "An empty line stands between a read's QA and DS lines, as MIRA writes them. Drop "
+           "it and start again on the new file:\n  sed '/^QA /{n;/^$/{N;s/^\\nDS /DS /}}' " +
+           quoted(ace_path) + " > fixed.ace\n";
+}
+
+// For an assembly none of whose reads the SFF files hold, when every name carries a
+// writer's strand suffix and dropping it finds reads: the rewrite that drops them.
+std::string placement_hint(const browse::assembly& ace, const browse::read_source& sff) {
+    auto suffixed = [](std::string_view n) {
+        return n.size() > 2 && n[n.size() - 2] == '.' && (n.back() == 'f' || n.back() == 'r');
+    };
+    if (ace.reads_found != 0 || ace.placements.empty() || sff.lookup.size() == 0) return {};
+    bool found = false;
+    for (const auto& [name, contig] : ace.placements) {
+        if (!suffixed(name)) return {};
+        found = found || sff.holds(name.substr(0, name.size() - 2));
+    }
+    if (!found) return {};
+    return "No read of the assembly is in the SFF files: every read name ends in .f or .r, as "
+           "gap5 writes them. Drop the suffixes from the AF and RD lines and start again on the "
+           "new file:\n  sed -E 's/^(AF|RD) ([^ ]+)\\.[fr] /\\1 \\2 /' " +
+           quoted(ace.ace_path) + " > fixed.ace\n";
 }
 
 int serve(int argc, char** argv) {
@@ -134,81 +160,69 @@ int serve(int argc, char** argv) {
             return 1;
         }
     }
-
     // Request threads allocate and free whole contig drawings; a few shared malloc arenas keep
-    // the freed memory in use instead of one idle arena per thread.
+    // the freed memory in use instead of one idle arena per thread. Blocks of a quarter
+    // megabyte and more (a contig's sequences and views) are mapped on their own and returned
+    // whole when the contig leaves the cache, rather than left to fragment the heap.
     mallopt(M_ARENA_MAX, 2);
-    // Blocks of a quarter megabyte and more (a contig's sequences and views) are mapped on
-    // their own and returned whole when the contig leaves the cache, rather than left to
-    // fragment the heap; a fixed threshold stops malloc from raising it as they are freed.
     mallopt(M_MMAP_THRESHOLD, 256 << 10);
-
-    // SIGINT and SIGTERM are taken by one thread with sigwait; every other thread, the
-    // server's included, inherits the blocked mask.
+    // SIGINT and SIGTERM are taken here with sigwait; every other thread inherits the mask.
     sigset_t stop_signals;
     sigemptyset(&stop_signals);
     sigaddset(&stop_signals, SIGINT);
     sigaddset(&stop_signals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
 
-    // Input errors end the process here, with the readers' messages, before anything is served.
-    // The SFF files are indexed while the ACE file is read.
-    std::optional<browse::read_source> sff;
-    main_thread = std::this_thread::get_id();
-    reading_ace = o.ace.c_str();
-    sorvexa::process_exit = exit_after_hint;
-    std::thread indexing([&sff, &o] { sff.emplace(o.sff); });
-    browse::assembly ace(o.ace);
-    reading_ace = nullptr;
+    // The SFF files are indexed while the ACE file is read; input errors end start-up before
+    // anything is served.
+    browse::read_source sff;
+    sorvexa::status indexed;
+    std::thread indexing([&] { indexed = sff.index(o.sff); });
+    browse::assembly ace;
+    const sorvexa::status read = ace.read(o.ace);
     indexing.join();
-    ace.count_found(*sff);
-    ace.start_up_hint = browse::placement_hint(ace, *sff);
-    const std::string& hint = ace.start_up_hint;
+    if (!read.ok) {
+        std::cerr << read.message << "\n";
+        if (const std::string hint = refused_file_hint(o.ace); !hint.empty())
+            std::cerr << "sorvexa-browse: " << hint;
+        return 1;
+    }
+    if (!indexed.ok) {
+        std::cerr << indexed.message << "\n";
+        return 1;
+    }
+    ace.count_found(sff);
+    ace.start_up_hint = placement_hint(ace, sff);
     // What start-up parsed and sorted is freed by now; hand it back before serving starts.
     malloc_trim(0);
-    browse::site site(ace, *sff);
+    browse::site site(ace, sff);
     // The flow-signal evidence: built for a contig when a page first needs it, and counted
     // for the overview in the background once the server is up.
-    browse::evidence_store evidence(ace, *sff);
+    browse::evidence_store evidence(ace, sff);
     site.evidence = &evidence;
-    if (models) {
+    if (models)
         evidence.use_models(std::move(*models), "read from " + o.model);
-    } else {
-        // Evidence pages wait for the fit; the overview and the windows do not.
-        evidence.fit_in_background();
-    }
+    else
+        evidence.fit_in_background();  // evidence pages wait for the fit; the others do not
 
-    browse::http_server server;
-    browse::add_routes(server, site);
-    const int port = server.bind(o.bind, o.port);
+    browse::http_server server(site);
+    server.access_log = o.access_log;
+    const int port = server.start(o.bind, o.port);
     if (port <= 0) {
         std::cerr << "sorvexa-browse: cannot listen on " << o.bind << " port " << o.port << "\n";
         return 1;
     }
-
     const bool v6 = o.bind.find(':') != std::string::npos;
     std::cout << "sorvexa-browse: " << ace.contigs.size() << " contigs, " << ace.reads_placed
-              << " reads placed, " << sff->indexed_reads() << " reads indexed\n";
-    if (!hint.empty()) std::cout << "sorvexa-browse: " << hint;
+              << " reads placed, " << sff.lookup.size() << " reads indexed\n";
+    if (!ace.start_up_hint.empty()) std::cerr << "sorvexa-browse: " << ace.start_up_hint;
     std::cout << "Open http://" << (v6 ? "[" : "") << o.bind << (v6 ? "]" : "") << ":" << port
               << "/ in a web browser; Ctrl-C stops the server." << std::endl;
 
     evidence.count_in_background();
-    std::atomic<bool> signalled{false};
-    std::thread stopper([&server, &stop_signals, &signalled] {
-        int sig = 0;
-        sigwait(&stop_signals, &sig);
-        signalled = true;
-        server.stop();
-    });
-    const bool served = server.serve();
-    // When the server ends by itself, the stopper is still waiting: wake it.
-    if (!signalled) pthread_kill(stopper.native_handle(), SIGTERM);
-    stopper.join();
-    if (!served) {
-        std::cerr << "sorvexa-browse: the server stopped on an error\n";
-        return 1;
-    }
+    int sig = 0;
+    sigwait(&stop_signals, &sig);
+    server.stop();
     std::cout << "sorvexa-browse: stopped" << std::endl;
     return 0;
 }

@@ -1,20 +1,17 @@
 // The overview: the files, the counts, and the table of contigs.
-#include <optional>
-
 #include "browse_assets.h"
-#include "evidence.h"
-#include "page_parts.h"
+#include "site.h"
 
 namespace browse {
 
 response site::overview() const {
     html b;
-    b.element("h1", "Assembly").open("dl", {{"class", "facts"}});
+    b.markup("<h1>Assembly</h1><dl class=\"facts\">");
     fact(b, "ACE file", ace.ace_path);
-    for (const read_source::sff_file& f : sff.files)
-        fact(b, "SFF file",
-             f.path + " (" + grouped(static_cast<std::int64_t>(f.reads)) + " reads)");
-    if (sff.files.empty()) fact(b, "SFF files", "none");
+    for (std::size_t k = 0; k < sff.lookup.sff_names.size(); ++k)
+        fact(b, "SFF file", sff.lookup.sff_names[k] + " (" +
+                                grouped(static_cast<std::int64_t>(sff.reads_in(k))) + " reads)");
+    if (sff.lookup.sff_names.empty()) fact(b, "SFF files", "none");
     fact(b, "contigs", grouped(static_cast<std::int64_t>(ace.contigs.size())));
     fact(b, "reads placed", grouped(ace.reads_placed));
     fact(b, "reads found in the SFF files", grouped(ace.reads_found));
@@ -26,26 +23,21 @@ response site::overview() const {
              m == nullptr ? std::string("being fitted to this assembly's signals")
                           : origin + (m->models.empty() ? "" : " (" + describe_models(*m) + ")"));
     }
-    b.close("dl").markup("\n");
-    if (!ace.start_up_hint.empty()) b.element("p", {{"class", "hint"}}, ace.start_up_hint);
-
-    b.element("h2", "Contigs")
-        .markup(
-            "<p><label>Filter by name <input id=\"filter\" type=\"search\" "
-            "placeholder=\"part of a name\"></label> <span class=\"note\"><span id=\"shown\">")
-        .number(static_cast<std::int64_t>(ace.contigs.size()))
-        .markup(
-            "</span> shown; click a heading to sort</span></p>\n"
-            "<table class=\"data\" id=\"contigs\"><thead><tr><th>name</th><th>columns</th>"
-            "<th>reads</th><th>reads found</th><th>min length</th><th>avg length</th>"
-            "<th>max length</th><th>layout rows</th><th>reads tied / untied / in no SFF file</th>"
-            "<th>runs tested</th><th>disputed runs</th></tr></thead>\n"
-            "<tbody>\n");
-    for (const contig_summary& s : ace.contigs) {
-        b.open("tr").open("td", {{"data-v", s.name}});
-        b.element("a", {{"href", contig_href(s.name)}}, s.name).close("td");
+    b.markup("</dl>\n");
+    if (!ace.start_up_hint.empty()) b.fill("<p class=\"hint\">{}</p>", ace.start_up_hint);
+    b.fill("<h2>Contigs</h2><p><label>Filter by name <input id=\"filter\" type=\"search\" "
+           "placeholder=\"part of a name\"></label> <span class=\"note\"><span id=\"shown\">{}"
+           "</span> shown; click a heading to sort</span></p>\n"
+           "<table class=\"data\" id=\"contigs\"><thead><tr><th>name</th><th>columns</th>"
+           "<th>reads</th><th>reads found</th><th>min length</th><th>avg length</th>"
+           "<th>max length</th><th>layout rows</th><th>reads tied / untied / in no SFF file</th>"
+           "<th>runs tested</th><th>disputed runs</th></tr></thead>\n<tbody>\n",
+           ace.contigs.size());
+    for (std::size_t k = 0; k < ace.contigs.size(); ++k) {
+        const contig_summary& s = ace.contigs[k];
+        b.fill("<tr><td data-v=\"{}\"><a href=\"{}\">{}</a></td>", s.name, contig_href(s.name), s.name);
         auto cell = [&b](double v, const std::string& shown) {
-            b.element("td", {{"data-v", fixed(v, 2)}}, shown);
+            b.fill("<td data-v=\"{}\">{}</td>", fixed(v, 2), shown);
         };
         cell(s.columns, grouped(s.columns));
         cell(s.reads, grouped(s.reads));
@@ -57,26 +49,22 @@ response site::overview() const {
         // Weighed in the background after start-up; "..." until this contig's turn came. A
         // contig the reads hardly weighed says "unchecked" where its disputed runs would be, so
         // that no call is not read as a clean bill.
-        const std::optional<contig_tally> t =
-            evidence != nullptr ? evidence->tally(static_cast<std::size_t>(&s - ace.contigs.data()))
-                                : std::nullopt;
+        const std::optional<contig_tally> t = evidence != nullptr ? evidence->tally(k) : std::nullopt;
         if (!t) {
-            for (int k = 0; k < 3; ++k) b.element("td", {{"data-v", "-1"}}, "...");
+            b.markup("<td data-v=\"-1\">...</td><td data-v=\"-1\">...</td><td data-v=\"-1\">...</td>");
         } else {
             const contig_coverage& c = t->coverage;
             cell(static_cast<double>(c.reads.tied), grouped(c.reads.tied) + " / " +
                                                         grouped(c.reads.untied) + " / " +
                                                         grouped(c.reads.not_found));
             cell(static_cast<double>(c.tested), grouped(c.tested) + " of " + grouped(c.runs));
-            if (c.unchecked()) {
-                b.open("td", {{"data-v", "-1"}, {"class", "unchecked"}});
-                if (t->disputed > 0) b.text(grouped(t->disputed) + ", ");
-                b.element("strong", "unchecked").close("td");
-            } else {
+            if (c.unchecked())
+                b.fill("<td data-v=\"-1\" class=\"unchecked\">{}<strong>unchecked</strong></td>",
+                       t->disputed > 0 ? grouped(t->disputed) + ", " : "");
+            else
                 cell(t->disputed, grouped(t->disputed));
-            }
         }
-        b.close("tr").markup("\n");
+        b.markup("</tr>\n");
     }
     b.markup("</tbody></table>\n");
     return page("Assembly", b, assets::overview_js());

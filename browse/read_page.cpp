@@ -2,15 +2,17 @@
 // flowgram as charts and as TSV downloads).
 #include <algorithm>
 
-#include "charts.h"
-#include "evidence_pages.h"
-#include "page_parts.h"
+#include "site.h"
 
 namespace browse {
 
 namespace {
 
-response flows_tsv(const std::string& name, const sff_record& rec) {
+char tsv_char(char ch) {
+    return ch == '\t' || ch == '\n' || ch == '\r' ? '?' : ch;
+}
+
+response flows_tsv(const std::string& name, const record_view& rec) {
     response r;
     r.content_type = "text/tab-separated-values; charset=utf-8";
     r.attachment = file_name_for(name) + ".flows.tsv";
@@ -22,7 +24,7 @@ response flows_tsv(const std::string& name, const sff_record& rec) {
     return r;
 }
 
-response bases_tsv(const std::string& name, const sff_record& rec) {
+response bases_tsv(const std::string& name, const record_view& rec) {
     response r;
     r.content_type = "text/tab-separated-values; charset=utf-8";
     r.attachment = file_name_for(name) + ".bases.tsv";
@@ -39,69 +41,56 @@ response bases_tsv(const std::string& name, const sff_record& rec) {
 
 // The read's flows that the assembly counts otherwise than the read measured, with the
 // windows they lie in.
-void disputed_flows(html& h, const site& s, std::size_t k, const built_contig& b,
+void disputed_flows(html& h, const site& s, std::size_t k, const drawn_contig& b,
                     const std::string& read_name) {
     if (s.evidence == nullptr) return;
-    h.element("h2", "Flows the assembly counts otherwise");
-    std::vector<disputed_flow> flows;
-    if (!read_disputed_flows(b, s.sff, read_name, flows)) {
-        h.element("p",
-                  "The read is not tied to its flows: its sequence in the assembly is not "
-                  "among its record's bases (edited or trimmed otherwise).");
-        return;
-    }
-    if (flows.empty()) {
-        h.element("p", "On every flow, the assembly gives the read the count its value rounds to.");
+    h.markup("<h2>Flows the assembly counts otherwise</h2>");
+    const std::map<std::string, tied_read> tied = s.sff.tie(b.c(), {read_name});
+    const std::vector<disputed_flow> flows =
+        tied.empty() ? std::vector<disputed_flow>{} : disputed_flows(b.c(), read_name, tied.begin()->second);
+    if (tied.empty() || flows.empty()) {
+        h.fill("<p>{}</p>", tied.empty() ? "The read is not tied to its flows: its sequence in the "
+                                           "assembly is not among its record's bases (edited or "
+                                           "trimmed otherwise)."
+                                         : "On every flow, the assembly gives the read the count "
+                                           "its value rounds to.");
         return;
     }
     const std::string& contig = s.ace.contigs[k].name;
-    h.open("table", {{"class", "disputed"}});
-    h.markup(
-        "<thead><tr><th>column</th><th>flow</th><th>assembly</th><th>measured</th></tr>"
-        "</thead><tbody>");
-    for (const disputed_flow& f : flows) {
-        h.open("tr").open("td");
-        h.element("a",
-                  {{"href", window_href(contig, std::max<std::int64_t>(1, f.column - 50), 100) +
-                                "&view=signals"}},
-                  std::to_string(f.column));
-        h.close("td").open("td").element("span", {{"class", base_class(f.letter)}},
-                                         std::string(1, f.letter));
-        h.close("td");
-        h.element("td", std::to_string(f.count));
-        h.element("td", fixed(f.value / 100.0, 2));
-        h.close("tr");
-    }
-    h.markup("</tbody>").close("table");
+    h.markup("<table class=\"disputed\"><thead><tr><th>column</th><th>flow</th><th>assembly</th>"
+             "<th>measured</th></tr></thead><tbody>");
+    for (const disputed_flow& f : flows)
+        h.fill("<tr><td><a href=\"{}\">{}</a></td><td><span class=\"{}\">{}</span></td><td>{}</td>"
+               "<td>{}</td></tr>",
+               window_href(contig, std::max<std::int64_t>(1, f.column - 50), 100) + "&view=signals",
+               f.column, base_class(f.letter), f.letter, f.count, fixed(f.value / 100.0, 2));
+    h.markup("</tbody></table>");
 }
 
 void placement(html& h, const site& s, const std::string& read_name) {
-    h.element("h2", "Placement");
+    h.markup("<h2>Placement</h2>");
     const int k = s.ace.contig_of_read(read_name);
     if (k < 0) {
-        h.element("p", "Not placed in any contig of the assembly.");
+        h.markup("<p>Not placed in any contig of the assembly.</p>");
         return;
     }
     const contig_summary& sum = s.ace.contigs[static_cast<std::size_t>(k)];
-    assembly::load_result loaded;
-    std::shared_ptr<built_contig> b = s.ace.load(static_cast<std::size_t>(k), loaded);
-    const READ* rd = b != nullptr ? b->placed(read_name) : nullptr;
-    h.open("dl", {{"class", "facts"}});
+    const std::shared_ptr<const drawn_contig> b = s.ace.load(static_cast<std::size_t>(k));
+    const READ* rd = b != nullptr ? b->d.placed(read_name) : nullptr;
+    h.markup("<dl class=\"facts\">");
+    html link;
     if (rd == nullptr) {
-        html link;
-        link.element("a", {{"href", contig_href(sum.name)}}, sum.name);
-        fact(h, "contig", link);
+        fact(h, "contig", link.fill("<a href=\"{}\">{}</a>", contig_href(sum.name), sum.name));
         fact(h, "", "the ACE file changed since start-up; restart the server to see more");
-        h.close("dl");
+        h.markup("</dl>");
         return;
     }
     // A window that opens a little before the read, which a read starting before column 1
     // is drawn from column 1 of.
     const std::int64_t from = std::clamp<std::int64_t>(std::int64_t{rd->start} - 20, 1,
                                                        std::max<std::int64_t>(sum.columns, 1));
-    html link;
-    link.element("a", {{"href", window_href(sum.name, from, default_width)}}, sum.name);
-    fact(h, "contig", link);
+    fact(h, "contig", link.fill("<a href=\"{}\">{}</a>", window_href(sum.name, from, default_width),
+                                sum.name));
     std::string start = grouped(rd->start);
     if (rd->start < 1) start += " (before the consensus: windows draw the read from column 1 on)";
     fact(h, "start column", start);
@@ -111,7 +100,7 @@ void placement(html& h, const site& s, const std::string& read_name) {
     fact(h, "direction", rd->uncomplemented != 0 ? "uncomplemented (U)" : "complemented (C)");
     fact(h, "alignment clip",
          std::to_string(rd->align_clip_start) + " to " + std::to_string(rd->align_clip_end));
-    h.close("dl").markup("\n");
+    h.markup("</dl>\n");
     disputed_flows(h, s, static_cast<std::size_t>(k), *b, read_name);
 }
 
@@ -121,13 +110,13 @@ response site::read(std::string_view path_name) const {
     std::string_view name = path_name;
     enum { page_of_read, flows, bases } kind = page_of_read;
     auto known = [&](std::string_view n) {
-        return ace.contig_of_read(n) >= 0 || sff.file_of(n) >= 0;
+        return ace.contig_of_read(n) >= 0 || sff.holds(std::string(n));
     };
     if (!known(name)) {
-        if (ends_with(name, ".flows.tsv")) {
+        if (name.ends_with(".flows.tsv") && name.size() > 10) {
             name.remove_suffix(10);
             kind = flows;
-        } else if (ends_with(name, ".bases.tsv")) {
+        } else if (name.ends_with(".bases.tsv") && name.size() > 10) {
             name.remove_suffix(10);
             kind = bases;
         }
@@ -136,62 +125,46 @@ response site::read(std::string_view path_name) const {
     }
     const std::string read_name(name);
 
-    sff_record rec;
-    const read_source::fetch_result fetched = sff.fetch(read_name, rec);
+    record_view rec;
+    std::string file;
+    const fetch_result fetched = fetch(sff, read_name, rec, file);
     if (kind != page_of_read) {
-        if (fetched != read_source::fetch_result::ok)
+        if (fetched != fetch_result::ok)
             return not_found("No SFF record of read \"" + read_name + "\" can be read.");
         return kind == flows ? flows_tsv(read_name, rec) : bases_tsv(read_name, rec);
     }
 
     html h;
-    h.element("h1", "Read " + read_name);
+    h.fill("<h1>Read {}</h1>", read_name);
     placement(h, *this, read_name);
-
-    h.element("h2", "SFF record");
-    if (fetched == read_source::fetch_result::unknown) {
-        h.element("p", "No SFF file given to the server holds this read.");
-    } else if (fetched == read_source::fetch_result::file_changed) {
-        h.element("p",
-                  "The SFF file holding this read changed since start-up; restart the server.");
-    } else {
-        h.open("dl", {{"class", "facts"}});
-        fact(h, "file", rec.file);
-        fact(h, "bases",
-             grouped(static_cast<std::int64_t>(rec.bases.size())) + ", kept " +
-                 std::to_string(rec.kept_first) + " to " + std::to_string(rec.kept_last));
-        fact(h, "clips",
-             "quality " + std::to_string(rec.clip_qual_left) + " to " +
-                 std::to_string(rec.clip_qual_right) + ", adapter " +
-                 std::to_string(rec.clip_adapter_left) + " to " +
-                 std::to_string(rec.clip_adapter_right) + " (0: not set)");
-        fact(h, "flows",
-             grouped(static_cast<std::int64_t>(rec.flowgram.size())) + ", key " +
-                 std::to_string(rec.key_length) + " bases");
-        html downloads;
-        downloads.element("a", {{"href", read_href(read_name + ".flows.tsv")}}, "flowgram (TSV)")
-            .text(" \u00b7 ")
-            .element("a", {{"href", read_href(read_name + ".bases.tsv")}},
-                     "bases and qualities (TSV)");
-        fact(h, "download", downloads);
-        h.close("dl").markup("\n");
-        h.element("h2", "Quality of the kept bases").append(quality_chart(rec));
-        h.element("h2", "Flowgram")
-            .open("p", {{"class", "note"}})
-            .text("Bars coloured by the flow's nucleotide (")
-            .element("span", {{"class", "bT"}}, "T")
-            .text(" ")
-            .element("span", {{"class", "bA"}}, "A")
-            .text(" ")
-            .element("span", {{"class", "bC"}}, "C")
-            .text(" ")
-            .element("span", {{"class", "bG"}}, "G")
-            .text(
-                "); the shaded flows carry the key, the band below marks the flows of the kept "
-                "bases.")
-            .close("p")
-            .append(flowgram_chart(rec));
-    }
+    h.markup("<h2>SFF record</h2>");
+    if (fetched != fetch_result::ok)
+        return page(read_name, h.fill("<p>{}</p>", fetched == fetch_result::unknown
+                                                       ? "No SFF file given to the server holds this read."
+                                                       : "The SFF file holding this read changed since "
+                                                         "start-up; restart the server."));
+    h.markup("<dl class=\"facts\">");
+    fact(h, "file", file);
+    fact(h, "bases", grouped(static_cast<std::int64_t>(rec.bases.size())) + ", kept " +
+                         std::to_string(rec.kept_first) + " to " + std::to_string(rec.kept_last));
+    fact(h, "clips", "quality " + std::to_string(rec.clip_qual_left) + " to " +
+                         std::to_string(rec.clip_qual_right) + ", adapter " +
+                         std::to_string(rec.clip_adapter_left) + " to " +
+                         std::to_string(rec.clip_adapter_right) + " (0: not set)");
+    fact(h, "flows", grouped(static_cast<std::int64_t>(rec.flowgram.size())) + ", key " +
+                         std::to_string(rec.key_length) + " bases");
+    html downloads;
+    fact(h, "download",
+         downloads.fill("<a href=\"{}\">flowgram (TSV)</a> \u00b7 <a href=\"{}\">bases and qualities "
+                        "(TSV)</a>",
+                        read_href(read_name + ".flows.tsv"), read_href(read_name + ".bases.tsv")));
+    h.markup("</dl>\n<h2>Quality of the kept bases</h2>")
+        .append(quality_chart(rec))
+        .markup("<h2>Flowgram</h2><p class=\"note\">Bars coloured by the flow's nucleotide (<span "
+                "class=\"bT\">T</span> <span class=\"bA\">A</span> <span class=\"bC\">C</span> "
+                "<span class=\"bG\">G</span>); the shaded flows carry the key, the band below marks "
+                "the flows of the kept bases.</p>")
+        .append(flowgram_chart(rec));
     return page(read_name, h);
 }
 

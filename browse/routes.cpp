@@ -1,8 +1,7 @@
 // Which page answers which path. A new page is one more entry in a table below.
 #include <string>
 
-#include "evidence_pages.h"
-#include "page_parts.h"
+#include "site.h"
 
 namespace browse {
 
@@ -32,7 +31,7 @@ response serve_text(const site& s, std::size_t contig, std::string_view, const r
 }  // namespace
 
 // Longest prefixes first: the first entry whose prefix starts the path serves it.
-const std::vector<top_route> top_routes = {
+const top_route top_routes[] = {
     {"/contig/", serve_contig},
     {"/read/", serve_read},
     {"/search", search_page},
@@ -40,7 +39,7 @@ const std::vector<top_route> top_routes = {
 };
 
 // The window itself is the view with the empty key.
-const std::vector<contig_view> contig_views = {
+const contig_view contig_views[] = {
     {"", true, serve_window},  {".txt", true, serve_text}, {".vcf", true, calls_vcf},
     {".tsv", true, calls_tsv}, {"/run/", false, run_page},
 };
@@ -49,10 +48,6 @@ std::optional<std::string> request::param(std::string_view name) const {
     for (const auto& [key, value] : params)
         if (key == name) return value;
     return std::nullopt;
-}
-
-window_query window_query_of(const request& r) {
-    return {r.param("from"), r.param("width"), r.param("rows")};
 }
 
 response site::serve(const request& req) const {
@@ -86,7 +81,7 @@ response site::contig(std::string_view path_name, const request& req) const {
 }
 
 response site::not_found(std::string_view what) const {
-    return error_page(404, "Not found", what);
+    return error_response(404, "Not found", what);
 }
 
 }  // namespace browse

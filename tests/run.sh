@@ -11,7 +11,9 @@ command -v cmake >/dev/null 2>&1 || missing+=(cmake)
 command -v ninja >/dev/null 2>&1 || missing+=(ninja-build)
 command -v g++ >/dev/null 2>&1 || missing+=(g++)
 [ -f /usr/include/gtest/gtest.h ] || missing+=(libgtest-dev)
-# cpp-httplib: without it sorvexa-browse and its tests are not built.
+# libmicrohttpd: without it sorvexa-browse and its tests are not built; the server's tests
+# are clients of cpp-httplib.
+[ -f /usr/include/microhttpd.h ] || missing+=(libmicrohttpd-dev)
 [ -f /usr/include/httplib.h ] || missing+=(libcpp-httplib-dev)
 command -v pkg-config >/dev/null 2>&1 || missing+=(pkgconf)
 # The Python module and its tests, for Debian's interpreter.
@@ -22,7 +24,7 @@ python=/usr/bin/python3
 [ -x $python ] && $python -c "import Bio" 2>/dev/null || missing+=(python3-biopython)
 [ -x $python ] && [ -n "$($python -c "import sysconfig, glob; print(*glob.glob(sysconfig.get_paths()['include'] + '/Python.h'))" 2>/dev/null)" ] ||
     missing+=(python3-dev)
-packages="cmake ninja-build g++ libgtest-dev libcpp-httplib-dev pkgconf python3-dev pybind11-dev python3-numpy python3-pytest python3-biopython"
+packages="cmake ninja-build g++ libgtest-dev libmicrohttpd-dev libcpp-httplib-dev pkgconf python3-dev pybind11-dev python3-numpy python3-pytest python3-biopython"
 if [ ${#missing[@]} -gt 0 ]; then
     if [ "$(id -u)" -eq 0 ] && command -v apt-get >/dev/null 2>&1; then
         apt-get update

@@ -7,26 +7,22 @@
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
 #include <optional>
+#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <sorvexa/ace.h>
 #include "ace_writer.h"
-#include "assembly.h"
-#include "evidence.h"
-#include "html.h"
-#include "pages.h"
-#include "read_source.h"
 #include "run_tool.h"
 #include "sff_builder.h"
-#include "window_view.h"
+#include "site.h"
 
 namespace {
 
 using namespace fixture;
-using browse::window_query;
 
 browse::request get(std::string path,
                     std::vector<std::pair<std::string, std::string>> params = {}) {
@@ -53,7 +49,9 @@ struct site_fixture {
 
     site_fixture(const std::vector<ace_contig>& contigs,
                  const std::vector<sff_file_layout>& sffs = {})
-        : sff(write_sffs(dir, sffs)), ace(write_ace(dir, contigs)), site(ace, sff) {
+        : site(ace, sff) {
+        EXPECT_TRUE(sff.index(write_sffs(dir, sffs)).ok);
+        EXPECT_TRUE(ace.read(write_ace(dir, contigs)).ok);
         ace.count_found(sff);
     }
     static std::string write_ace(const temp_dir& d, const std::vector<ace_contig>& contigs) {
@@ -109,14 +107,14 @@ std::vector<std::string> names_of(const window_grid& g) {
 
 TEST(BrowseWindow, EveryReadOverTheShownColumnsIsDrawnAndNothingBeyond) {
     site_fixture f({window_contig()});
-    browse::assembly::load_result loaded;
-    auto b = f.ace.load(0, loaded);
+    auto b = f.ace.load(0);
     ASSERT_NE(b, nullptr);
 
     // What the library's own selection would leave out of this window.
     std::string text;
     std::vector<std::string> drawn;
-    b->c.print_align_map_plain(text, drawn, 101, 100);
+    contig plain = b->c();
+    plain.print_align_map_plain(text, drawn, 101, 100);
     EXPECT_EQ(drawn, (std::vector<std::string>{"r1", "r2"}));
 
     browse::window_view v;
@@ -143,50 +141,6 @@ TEST(BrowseWindow, EveryReadOverTheShownColumnsIsDrawnAndNothingBeyond) {
     EXPECT_TRUE(contains(page.body, "\nr1 r4\nr2\nr3\nr5\n"));
 }
 
-// The exact window keeps the library's rules: where the library's widened window selects a
-// read, both give it the same bases and the same flow counts.
-TEST(BrowseWindow, ExactWindowAgreesWithTheLibrarysOperations) {
-    ace_contig c = window_contig();
-    c.reads.push_back({"pads", 120, "GTTG**CAACGTTGCAACG*TTGCA"});
-    c.reads.push_back({"runs", 170, "CAAAACGGGT"});
-    site_fixture f({c});
-    browse::assembly::load_result loaded;
-    auto b = f.ace.load(0, loaded);
-    contig& k = b->c;
-    const std::int64_t from = 115, last = 180;
-    const int wide = static_cast<int>(last - from + 1 + k.min_read_len - 1);
-
-    std::vector<std::int32_t> rows;
-    k.window_rows(from, last, rows);
-    window_grid g;
-    k.draw_window(from, last, rows, g);
-
-    std::vector<std::vector<char>> columns;
-    std::vector<std::map<std::int32_t, std::string>> seq_rows;
-    k.align_seq(columns, seq_rows, static_cast<std::int32_t>(from), wide);
-    std::vector<std::vector<std::int16_t>> counts;
-    std::vector<std::map<std::int32_t, fRead>> flow_rows;
-    k.align_flow(counts, flow_rows, static_cast<std::int32_t>(from), wide);
-    ASSERT_GE(counts.size(), static_cast<std::size_t>(g.flows));
-    for (std::size_t gr = 0; gr < rows.size(); ++gr) {
-        const auto r = static_cast<std::size_t>(rows[gr]);
-        for (std::int64_t col = from; col <= last; ++col) {
-            const auto& column = columns[static_cast<std::size_t>(col - from)];
-            const char lib = r < column.size() && column[r] != '0' ? column[r] : ' ';
-            EXPECT_EQ(g.bases[gr][static_cast<std::size_t>(col - from)], lib) << r << " " << col;
-        }
-        // Flows of the read's last column may carry bases past the window, which the library's
-        // wider window counts too: the reads' inner flows are compared.
-        for (const window_read& rd : g.reads[gr]) {
-            for (std::int32_t fl = rd.first_flow; fl < rd.last_flow; ++fl) {
-                const auto& column = counts[static_cast<std::size_t>(fl)];
-                ASSERT_LT(r, column.size());
-                EXPECT_EQ(g.counts[gr][static_cast<std::size_t>(fl)], column[r]) << rd.name << fl;
-            }
-        }
-    }
-}
-
 TEST(BrowseWindow, QueriesAreCheckedAndClampedAtTheContigEnd) {
     struct row {
         std::optional<std::string> from, width;
@@ -209,7 +163,10 @@ TEST(BrowseWindow, QueriesAreCheckedAndClampedAtTheContigEnd) {
         {{}, "wide", 0, 0, "whole number"},
     };
     for (const row& r : rows) {
-        const browse::window w = browse::check_window({r.from, r.width, {}}, 400);
+        browse::request q;
+        if (r.from) q.params.emplace_back("from", *r.from);
+        if (r.width) q.params.emplace_back("width", *r.width);
+        const browse::window w = browse::check_window(q, 400);
         SCOPED_TRACE(r.from.value_or("-") + " " + r.width.value_or("-"));
         if (*r.error != '\0') {
             EXPECT_TRUE(contains(w.error, r.error)) << w.error;
@@ -384,7 +341,7 @@ TEST(BrowsePages, RunPageShowsTheModelOfTheFileThatMeasuredTheRun) {
     f.site.evidence = &evidence;
     const auto e = evidence.get(0);
     ASSERT_NE(e, nullptr);
-    EXPECT_EQ(e->coverage.reads.tied, 6);
+    EXPECT_EQ(e->report.coverage.reads.tied, 6);
     // Columns 160..199 lie under r2 and r3 alone, 310..390 under r6 alone.
     auto page_of_run_within = [&](std::int32_t from, std::int32_t to) {
         for (const hp_run& r : e->check.runs)
@@ -418,8 +375,7 @@ TEST(BrowseWindow, ReadsBeforeColumnOneAndLowerCaseBasesAreDrawn) {
                      {{"early", -4, "TTGCA" + cons.substr(0, 55)},
                       {"lower", 10, lower},
                       {"gone", -30, cons.substr(0, 20)}}}});
-    browse::assembly::load_result loaded;
-    auto b = f.ace.load(0, loaded);
+    auto b = f.ace.load(0);
     browse::window_view v;
     ASSERT_TRUE(browse::build_view(*b, 1, 100, 1, v));
     EXPECT_EQ(names_of(v.grid), (std::vector<std::string>{"early", "lower"}));
@@ -430,7 +386,7 @@ TEST(BrowseWindow, ReadsBeforeColumnOneAndLowerCaseBasesAreDrawn) {
         for (std::int16_t n : counts) bases += std::max<int>(n, 0);
         EXPECT_GE(bases, 55);  // every base counted, none stopped at a lower-case letter
     }
-    EXPECT_EQ(b->depth_max, 2);
+    EXPECT_EQ(b->depth.max, 2);
 
     // The read's page tells where the file places it, and links to a window that draws it.
     const auto page = f.read("early");
@@ -449,9 +405,9 @@ TEST(BrowseWindow, ConsensusQualitiesAreARow) {
     text.replace(at, 6, "BQ\n 10 20 35\n40 99\n");
     site_fixture f({});
     write_file(f.dir / "q.ace", text);
-    browse::assembly ace(f.dir / "q.ace");
-    browse::assembly::load_result loaded;
-    auto b = ace.load(0, loaded);
+    browse::assembly ace;
+    ASSERT_TRUE(ace.read(f.dir / "q.ace").ok);
+    auto b = ace.load(0);
     browse::window_view v;
     ASSERT_TRUE(browse::build_view(*b, 2, 6, 1, v));
     EXPECT_EQ(v.quality, (std::vector<std::int16_t>{20, 35, -1, 40, 99}));
@@ -547,13 +503,14 @@ TEST(BrowseRecords, DuplicateNamesComeFromTheFirstFile) {
         SCOPED_TRACE(swap);
         site_fixture f({window_contig()},
                        swap ? std::vector{second, first} : std::vector{first, second});
-        browse::sff_record rec;
-        ASSERT_EQ(f.sff.fetch("r2", rec), browse::read_source::fetch_result::ok);
-        EXPECT_EQ(rec.file, f.dir / "r0.sff");
+        record_view rec;
+        std::string file;
+        ASSERT_EQ(browse::fetch(f.sff, "r2", rec, file), browse::fetch_result::ok);
+        EXPECT_EQ(file, f.dir / "r0.sff");
         EXPECT_EQ(rec.bases, swap ? "TCAGTTTT" : "TCAGACGTTG");
         EXPECT_EQ(rec.quality[0], swap ? 22 : 11);
-        EXPECT_EQ(f.sff.files[0].reads, swap ? 2u : 1u);
-        EXPECT_EQ(f.sff.files[1].reads, swap ? 1u : 2u);
+        EXPECT_EQ(f.sff.reads_in(0), swap ? 2u : 1u);
+        EXPECT_EQ(f.sff.reads_in(1), swap ? 1u : 2u);
     }
 }
 
@@ -579,8 +536,9 @@ TEST(BrowseRecords, KeptRangeTakesTheAdapterClipsAndEveryBaseIsShown) {
     EXPECT_TRUE(contains(tsv, "\n22\tC\t30\t"));
     EXPECT_TRUE(tsv.ends_with("\t0\n"));
     // The flow of each base is the library's counter from the record's first base.
-    browse::sff_record rec;
-    ASSERT_EQ(f.sff.fetch("r2", rec), browse::read_source::fetch_result::ok);
+    record_view rec;
+    std::string file;
+    ASSERT_EQ(browse::fetch(f.sff, "r2", rec, file), browse::fetch_result::ok);
     ASSERT_EQ(rec.flow_of_base.size(), 22u);
     EXPECT_EQ(rec.flow_of_base[0], 0);  // T in flow 0
     EXPECT_EQ(rec.flow_of_base[1], 2);  // C in flow 2
@@ -601,26 +559,94 @@ TEST(BrowseRecords, ARecordCutShortShowsZerosNotThePreviousRead) {
     temp_dir d;
     ASSERT_TRUE(write_file(d / "c.sff", bytes));
 
-    browse::read_source source({d / "c.sff"});
-    ASSERT_EQ(source.entries.size(), 2u);
-    const auto* cut = source.find("cut");
-    const auto* full = source.find("full");
-    ASSERT_NE(cut, nullptr);
-    reader r(d / "c.sff");
-    ASSERT_TRUE(r.get_header());
-    ASSERT_TRUE(r.get_record(full->pos));
-    r.sff_file.clear();
-    ASSERT_TRUE(r.get_record(cut->pos));
-    browse::sff_record rec;
-    browse::from_record(r, rec);
-    ASSERT_EQ(rec.quality.size(), 20u);
-    EXPECT_EQ(rec.quality[0], 9);
-    EXPECT_EQ(rec.quality[19], 0);
+    browse::read_source source;
+    ASSERT_TRUE(source.index({d / "c.sff"}).ok);
+    ASSERT_EQ(source.lookup.size(), 2u);
+    record_view fetched;
+    std::string file;
+    ASSERT_EQ(browse::fetch(source, "full", fetched, file), browse::fetch_result::ok);
+    EXPECT_EQ(fetched.quality[0], 37);
+    ASSERT_EQ(browse::fetch(source, "cut", fetched, file), browse::fetch_result::ok);
+    ASSERT_EQ(fetched.quality.size(), 20u);
+    EXPECT_EQ(fetched.quality[0], 9);
+    EXPECT_EQ(fetched.quality[19], 0);
+}
 
-    browse::sff_record fetched;
-    ASSERT_EQ(source.fetch("full", fetched), browse::read_source::fetch_result::ok);
-    ASSERT_EQ(source.fetch("cut", fetched), browse::read_source::fetch_result::ok);
-    EXPECT_EQ(fetched.quality, rec.quality);
+// The reads of window_contig with their records, the key before each.
+sff_file_layout window_reads() {
+    sff_file_layout sff;
+    for (const fixture::ace_read& r : window_contig().reads)
+        sff.reads.push_back(make_read(r.name, "TCAG" + r.sequence, tacg_flows(400), {}, 3));
+    return sff;
+}
+
+// An SFF file rewritten after start-up (here with the same bytes, so that a fetch that did
+// not check would still tie every read) is never read again: its reads count as untied, the
+// run page plots nothing from them, and the read page says why it shows no record.
+TEST(BrowseFiles, EvidenceNeverFetchesFromAnSffFileChangedSinceStartUp) {
+    site_fixture f({window_contig()}, {window_reads()});
+    {
+        browse::evidence_store before(f.ace, f.sff);
+        ASSERT_EQ(before.get(0)->report.coverage.reads.tied, 6);
+    }
+    const std::string path = f.dir / "r0.sff";
+    const std::string bytes = read_file(path);
+    ASSERT_TRUE(write_file(path, bytes));
+    std::filesystem::last_write_time(path, std::filesystem::last_write_time(path) + std::chrono::seconds(5));
+
+    browse::evidence_store after(f.ace, f.sff);
+    f.site.evidence = &after;
+    const auto e = after.get(0);
+    ASSERT_NE(e, nullptr);
+    EXPECT_EQ(e->report.coverage.reads.tied, 0);
+    EXPECT_TRUE(e->disputed.empty());
+    for (const hp_run& r : e->check.runs) {
+        ASSERT_EQ(r.signals, 0);
+        if (r.consensus_length == 0) continue;
+        const auto run = f.site.serve(get("/contig/w/run/" + std::to_string(r.column)));
+        EXPECT_EQ(run.status, 200);
+        EXPECT_FALSE(contains(run.body, "<circle")) << r.column;
+        break;
+    }
+    const auto signals = f.site.serve(get("/contig/w", {{"from", "101"}, {"view", "signals"}}));
+    EXPECT_TRUE(contains(signals.body, "  u"));  // every read untied, no value shaded
+    EXPECT_FALSE(std::regex_search(signals.body, std::regex("sig-close\">[ 0-9]")));
+    EXPECT_TRUE(contains(f.read("r2").body, "changed since start-up"));
+    EXPECT_EQ(f.read("r2.flows.tsv").status, 404);
+}
+
+// What a read measured is rounded to a whole count before the read page calls its flow
+// disputed: 0.97 and 1.49 on a one-base flow are that base, 1.50 is two.
+TEST(BrowseFiles, ReadPageRoundsBeforeCallingAFlowDisputed) {
+    sff_file_layout sff = window_reads();
+    sff_read_layout& r2 = sff.reads[1];
+    ASSERT_EQ(r2.name, "r2");
+    // After the key, r2's bases begin T G C A A: three runs of one base.
+    std::vector<int> flow_of;
+    for (int flow = -1; std::uint8_t step : r2.flow_index_per_base) flow_of.push_back(flow += step);
+    r2.flowgram[static_cast<std::size_t>(flow_of[4])] = 97;
+    r2.flowgram[static_cast<std::size_t>(flow_of[5])] = 149;
+    r2.flowgram[static_cast<std::size_t>(flow_of[6])] = 150;
+    site_fixture f({window_contig()}, {sff});
+    browse::evidence_store evidence(f.ace, f.sff);
+    f.site.evidence = &evidence;
+    const std::string page = f.read("r2").body;
+    EXPECT_TRUE(contains(page, "<td>1</td><td>1.50</td>")) << page;
+    EXPECT_FALSE(contains(page, "<td>0.97</td>"));
+    EXPECT_FALSE(contains(page, "<td>1.49</td>"));
+}
+
+// Of two records of one name in one file the last serves, as in the tool.
+TEST(BrowseFiles, OfTwoRecordsOfOneNameInAFileTheLastIsShown) {
+    const std::string flows = tacg_flows(40);
+    sff_file_layout sff;
+    sff.number_of_flows_per_read = 40;
+    sff.reads.push_back(make_read("r2", "TCAGACGTTG", flows, {11}, 1));
+    sff.reads.push_back(make_read("r2", "TCAGTTTT", flows, {22}, 2));
+    site_fixture f({window_contig()}, {sff});
+    const auto tsv = f.read("r2.bases.tsv").body;
+    EXPECT_TRUE(tsv.starts_with("base\tnucleotide\tquality\tflow\tkept\n1\tT\t22\t")) << tsv;
+    EXPECT_TRUE(contains(f.read("r2").body, "<dd>8, kept 1 to 8</dd>"));
 }
 
 // The cache keeps the most recently used contigs: one used again stays when another comes.
@@ -630,14 +656,14 @@ TEST(BrowseCache, TheLeastRecentlyUsedContigLeaves) {
     c.name = "c";
     temp_dir d;
     write_file(d / "a.ace", ace_file_text({a, b, c}));
-    browse::assembly ace(d / "a.ace", 2);
-    browse::assembly::load_result loaded;
-    auto first = ace.load(0, loaded);
-    auto second = ace.load(1, loaded);
-    EXPECT_EQ(ace.load(0, loaded), first);  // used again: now the most recent
-    ace.load(2, loaded);                    // the second leaves
-    EXPECT_EQ(ace.load(0, loaded), first);
-    EXPECT_NE(ace.load(1, loaded), second);
+    browse::assembly ace(2);
+    ASSERT_TRUE(ace.read(d / "a.ace").ok);
+    auto first = ace.load(0);
+    auto second = ace.load(1);
+    EXPECT_EQ(ace.load(0), first);  // used again: now the most recent
+    ace.load(2);                    // the second leaves
+    EXPECT_EQ(ace.load(0), first);
+    EXPECT_NE(ace.load(1), second);
 }
 
 }  // namespace

@@ -14,13 +14,8 @@
 #include <thread>
 #include <vector>
 
-#include "assembly.h"
-#include "evidence.h"
-#include "evidence_pages.h"
-#include "html.h"
-#include "pages.h"
-#include "read_source.h"
 #include "run_tool.h"
+#include "site.h"
 
 namespace {
 
@@ -65,8 +60,8 @@ struct simulated {
         EXPECT_EQ(sim.status, 0) << sim.err;
         checked = run_binary(SORVEXA_FLOWCHECK_BIN, {"sim.ace", "sim.sff", "sim_b.sff"}, dir.path);
         EXPECT_EQ(checked.status, 0) << checked.err;
-        sff.emplace(std::vector<std::string>{dir / "sim.sff", dir / "sim_b.sff"});
-        ace.emplace(dir / "sim.ace");
+        EXPECT_TRUE(sff.emplace().index({dir / "sim.sff", dir / "sim_b.sff"}).ok);
+        EXPECT_TRUE(ace.emplace().read(dir / "sim.ace").ok);
         ace->count_found(*sff);
         evidence.emplace(*ace, *sff);
         site.emplace(*ace, *sff);
@@ -165,7 +160,7 @@ std::set<std::string> expected_rows(simulated& s, const std::string& body, std::
     std::set<std::string> files;
     for (auto it = std::sregex_iterator(body.begin(), body.end(), read);
          it != std::sregex_iterator(); ++it)
-        files.insert(s.sff->file_of((*it)[1].str()) == 0 ? "sim.sff" : "sim_b.sff");
+        files.insert(s.sff->lookup.locate((*it)[1].str()).file == 0 ? "sim.sff" : "sim_b.sff");
     std::set<std::string> out;
     for (const std::string& l : lines_of(read_file(s.dir / "sim.flowcheck.model.tsv"))) {
         std::vector<std::string> f;
@@ -232,11 +227,10 @@ TEST(Evidence, SignalCellsAndShades) {
     EXPECT_EQ(browse::signal_text(60000), "99+");
     EXPECT_EQ(browse::signal_text(-1), "   ");
     EXPECT_EQ(browse::signal_text(flow_window::untied_read), "  u");
-    using browse::signal_class;
-    EXPECT_EQ(browse::classify(325, 3), signal_class::close);
-    EXPECT_EQ(browse::classify(274, 3), signal_class::borderline);
-    EXPECT_EQ(browse::classify(350, 3), signal_class::disputed);
-    EXPECT_EQ(browse::classify(40, 0), signal_class::borderline);
+    EXPECT_EQ(classify_signal(325, 3), signal_class::close);
+    EXPECT_EQ(classify_signal(274, 3), signal_class::borderline);
+    EXPECT_EQ(classify_signal(350, 3), signal_class::disputed);
+    EXPECT_EQ(classify_signal(40, 0), signal_class::borderline);
 }
 
 TEST(Evidence, SearchByFullNamePrefixOrNothing) {

@@ -123,10 +123,16 @@ TEST(BrowseServer, ServesEveryPageKindAndStopsOnSigterm) {
     EXPECT_TRUE(contains(s.server.out(), "stopped"));
 }
 
-TEST(BrowseServer, StopsOnSigintToo) {
-    example_server s;
-    ASSERT_GT(s.server.port, 0) << s.server.err();
-    EXPECT_EQ(s.server.stop(SIGINT), 0);
+// With --access-log every answer is a line on standard error; SIGINT stops it as SIGTERM does.
+TEST(BrowseServer, AccessLogOnRequestAndStopsOnSigint) {
+    temp_dir d;
+    server_process server(SORVEXA_BROWSE_BIN,
+                          {"--port", "0", "--access-log", kExample + "/example.ace"}, d.path);
+    ASSERT_GT(server.port, 0) << server.err();
+    httplib::Client c("127.0.0.1", server.port);
+    ASSERT_TRUE(c.Get("/read/nobody"));
+    EXPECT_EQ(server.stop(SIGINT), 0);
+    EXPECT_TRUE(contains(server.err(), "sorvexa-browse: GET /read/nobody 404 ")) << server.err();
 }
 
 TEST(BrowseServer, StartUpErrorsEndItBeforeServing) {
@@ -218,8 +224,9 @@ TEST(BrowseServer, HintsForFilesOfKnownWritersWork) {
     server_process none_found(SORVEXA_BROWSE_BIN, {"--port", "0", d / "suffixed.ace", d / "r.sff"},
                               d.path);
     ASSERT_GT(none_found.port, 0) << none_found.err();
-    const std::string out = none_found.out();
+    const std::string out = none_found.err();
     EXPECT_TRUE(contains(out, "every read name ends in .f or .r")) << out;
+    EXPECT_FALSE(contains(none_found.out(), "sed")) << none_found.out();
     const auto sed_e = out.find("  sed -E ");
     ASSERT_NE(sed_e, std::string::npos) << out;
     const std::string command = out.substr(sed_e + 2, out.find('\n', sed_e) - sed_e - 2);
@@ -235,7 +242,7 @@ TEST(BrowseServer, HintsForFilesOfKnownWritersWork) {
     // The same file with the reads found says nothing more.
     server_process found(SORVEXA_BROWSE_BIN, {"--port", "0", d / "fixed.ace", d / "r.sff"}, d.path);
     ASSERT_GT(found.port, 0) << found.err();
-    EXPECT_FALSE(contains(found.out(), "sed")) << found.out();
+    EXPECT_FALSE(contains(found.err(), "sed")) << found.err();
 }
 
 // Raw HTTP over one socket, for requests a client library would not send as they are (a
@@ -317,6 +324,17 @@ TEST(BrowseServer, OnlyGetAndHeadWithoutBodiesAreServed) {
         const std::string answer = conn.read_to_close(10, closed);
         EXPECT_TRUE(contains(answer, "HTTP/1.1 413 ")) << answer;
         EXPECT_LT(seconds_since(t0), 8.0);
+    }
+    // A head over 64 KiB is refused from what arrived, at once.
+    {
+        raw_connection conn(s.server.port);
+        const auto t0 = std::chrono::steady_clock::now();
+        ASSERT_TRUE(conn.send("GET / HTTP/1.1\r\nHost: x\r\nX-Big: " + std::string(100000, 'a') +
+                              "\r\n\r\n"));
+        bool closed = false;
+        EXPECT_TRUE(contains(conn.read_to_close(10, closed), "HTTP/1.1 413 "));
+        EXPECT_TRUE(closed);
+        EXPECT_LT(seconds_since(t0), 2.0);
     }
     // A GET with a body would leave it to be read as the next request.
     raw_connection with_body(s.server.port);

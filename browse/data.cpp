@@ -1,0 +1,298 @@
+// What the pages are built from: the SFF files through the library's index and fetchers, the
+// ACE file's contigs, and the flow-signal evidence of each contig.
+#include <malloc.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include <sorvexa/ace.h>
+
+#include "site.h"
+
+namespace browse {
+
+sorvexa::status read_source::index(const std::vector<std::string>& paths) {
+    lookup.skip_index_block = true;
+    lookup.parallel = true;
+    return lookup.index_files(paths);
+}
+
+void read_source::with_fetcher(const std::function<void(read_fetcher&)>& f) const {
+    std::unique_ptr<read_fetcher> mine;
+    {
+        std::lock_guard lock(mutex_);
+        if (!idle_.empty()) {
+            mine = std::move(idle_.back());
+            idle_.pop_back();
+        }
+    }
+    if (!mine) {
+        mine = std::make_unique<read_fetcher>(lookup);
+        mine->check_stamps = true;
+    }
+    f(*mine);
+    std::lock_guard lock(mutex_);
+    idle_.push_back(std::move(mine));
+}
+
+std::map<std::string, tied_read> read_source::tie(const contig& c,
+                                                  const std::vector<std::string>& names) const {
+    std::map<std::string, tied_read> tied;
+    with_fetcher([&](read_fetcher& f) { tied = tie_reads(c, lookup, f, names); });
+    return tied;
+}
+
+fetch_result fetch(const read_source& sff, const std::string& name, record_view& out,
+                   std::string& file) {
+    const read_location at = sff.lookup.locate(name);
+    if (!at.found()) return fetch_result::unknown;
+    fetch_result result = fetch_result::file_changed;
+    sff.with_fetcher([&](read_fetcher& f) {
+        sorvexa::status why;
+        if (const reader* r = f.record(at, why)) {
+            out = view_of_record(*r);
+            file = sff.lookup.sff_names[static_cast<std::size_t>(at.file)];
+            result = fetch_result::ok;
+        }
+    });
+    return result;
+}
+
+sorvexa::status assembly::read(const std::string& path) {
+    ace_path = path;
+    stamp_of(path, ace_stamp);
+    aceReader ace(path);
+    for (;;) {
+        const std::int64_t offset = ace.tell();
+        contig c;
+        if (ace.next_contig(c) == 0) break;
+        contig_summary s{c.name, offset, static_cast<std::int32_t>(c.consensus.size()),
+                         static_cast<std::int32_t>(c.reads.size())};
+        c.create_print_map();
+        s.min_len = c.reads.empty() ? 0 : c.min_read_len;
+        s.max_len = c.max_read_len;
+        s.avg_len = c.avg_read_len;
+        s.rows = static_cast<std::int32_t>(c.print_map.size());
+        for (const auto& [name, r] : c.reads) {
+            placements.emplace_back(name, static_cast<std::uint32_t>(contigs.size()));
+            placement_starts.push_back(r.start);
+        }
+        reads_placed += s.reads;
+        columns += s.columns;
+        contigs.push_back(std::move(s));
+    }
+    if (!ace.error.ok) return ace.error;
+    // Sorted by name (then contig), each start taken along.
+    std::vector<std::uint32_t> order(placements.size());
+    for (std::uint32_t i = 0; i < order.size(); ++i) order[i] = i;
+    std::sort(order.begin(), order.end(),
+              [this](std::uint32_t x, std::uint32_t y) { return placements[x] < placements[y]; });
+    std::vector<std::pair<std::string, std::uint32_t>> sorted;
+    std::vector<std::int32_t> starts;
+    sorted.reserve(order.size());
+    starts.reserve(order.size());
+    for (std::uint32_t i : order) {
+        sorted.push_back(std::move(placements[i]));
+        starts.push_back(placement_starts[i]);
+    }
+    placements = std::move(sorted);
+    placement_starts = std::move(starts);
+    by_name_.resize(contigs.size());
+    for (std::uint32_t i = 0; i < contigs.size(); ++i) by_name_[i] = i;
+    std::stable_sort(by_name_.begin(), by_name_.end(), [this](std::uint32_t x, std::uint32_t y) {
+        return contigs[x].name < contigs[y].name;
+    });
+    return {};
+}
+
+void assembly::count_found(const read_source& sff) {
+    reads_found = 0;
+    for (contig_summary& s : contigs) s.found = 0;
+    for (const auto& [name, k] : placements) {
+        if (!sff.holds(name)) continue;
+        ++contigs[k].found;
+        ++reads_found;
+    }
+}
+
+int assembly::contig_index(std::string_view name) const {
+    auto it = std::lower_bound(by_name_.begin(), by_name_.end(), name,
+                               [this](std::uint32_t k, std::string_view n) {
+                                   return std::string_view(contigs[k].name) < n;
+                               });
+    return it == by_name_.end() || contigs[*it].name != name ? -1 : static_cast<int>(*it);
+}
+
+int assembly::contig_of_read(std::string_view read) const {
+    auto it = std::lower_bound(
+        placements.begin(), placements.end(), read,
+        [](const auto& p, std::string_view n) { return std::string_view(p.first) < n; });
+    return it == placements.end() || it->first != read ? -1 : static_cast<int>(it->second);
+}
+
+bool assembly::parse(std::size_t index, contig& c, bool qualities) const {
+    // The file is read again only while it is the file read at start-up, so that a changed
+    // file can never be shown as the assembly read then.
+    file_stamp now;
+    if (index >= contigs.size() || !stamp_of(ace_path, now) || !(now == ace_stamp)) return false;
+    aceReader ace(ace_path);
+    ace.keep_base_qualities = qualities;  // a window shows them as a row
+    return ace.next_contig_at(contigs[index].offset, c) == 1 && c.name == contigs[index].name;
+}
+
+std::shared_ptr<const drawn_contig> assembly::load(std::size_t index) {
+    if (auto hit = cache_.find(index)) return hit;
+    // One parse at a time: two requests for the same contig wait for one build.
+    std::lock_guard parse_one(parse_mutex_);
+    if (auto hit = cache_.find(index)) return hit;
+    contig c;
+    if (!parse(index, c, true)) return nullptr;
+    auto b = std::make_shared<drawn_contig>();
+    b->d = display(c, drawing);
+    b->depth = depth_of(b->c(), depth_bins);
+    cache_.put(index, b, b->d.bytes());
+    return b;
+}
+
+std::int32_t contig_evidence::run_at(std::int32_t column) const {
+    for (std::size_t i = 0; i < check.runs.size(); ++i)
+        if (check.runs[i].column == column) return static_cast<std::int32_t>(i);
+    return -1;
+}
+
+bool contig_evidence::is_disputed(std::int32_t run) const {
+    return std::find(disputed.begin(), disputed.end(), run) != disputed.end();
+}
+
+std::shared_ptr<const contig_evidence> build_evidence(const contig& c, const read_source& sff,
+                                                      std::shared_ptr<const flow_models> models) {
+    auto e = std::make_shared<contig_evidence>();
+    e->check.models = *models;
+    // The fetcher refuses a file changed since start-up: its reads count as untied.
+    sff.with_fetcher([&](read_fetcher& f) { e->check.check(c, sff.lookup, f, false, e->report); });
+    e->check.models = flow_models{};
+    e->models = std::move(models);
+    for (const report_row& row : e->report.rows)
+        if (row.edited) e->disputed.push_back(row.index);
+    std::stable_sort(e->disputed.begin(), e->disputed.end(), [&](std::int32_t a, std::int32_t b) {
+        return e->check.runs[static_cast<std::size_t>(a)].score >
+               e->check.runs[static_cast<std::size_t>(b)].score;
+    });
+    e->bytes = e->check.runs.capacity() * sizeof(hp_run) + 2 * e->report.unpadded.size() +
+               e->report.rows.size() * sizeof(report_row) + e->report.edits.size() * 64 + 256;
+    return e;
+}
+
+flow_models fit_models(const assembly& a, const read_source& sff, const std::atomic<bool>& stop) {
+    flow_check check;
+    file_stamp now;
+    const std::vector<std::string>& files = sff.lookup.sff_names;
+    if (files.empty() || !stamp_of(a.ace_path, now) || !(now == a.ace_stamp)) {
+        check.models.set_fixed(check.model, files.size());
+        check.models.files = files;
+        return std::move(check.models);
+    }
+    // As sorvexa-flowcheck reads them: the contigs from the file's start, one after another.
+    aceReader ace(a.ace_path);
+    sff.with_fetcher([&](read_fetcher& f) {
+        check.calibrate([&](contig& c) { return !stop && ace.next_contig(c) != 0; },
+                               sff.lookup, f);
+    });
+    return std::move(check.models);
+}
+
+evidence_store::~evidence_store() {
+    stop_ = true;
+    if (fitter_.joinable()) fitter_.join();
+    if (counter_.joinable()) counter_.join();
+}
+
+void evidence_store::use_models(flow_models m, std::string origin) {
+    auto shared = std::make_shared<const flow_models>(std::move(m));
+    std::lock_guard lock(model_mutex_);
+    models_ = std::move(shared);
+    model_origin_ = std::move(origin);
+    model_ready_.notify_all();
+}
+
+void evidence_store::fit_in_background() {
+    // At the request threads' priority: evidence pages wait for it.
+    if (!fitter_.joinable()) fitter_ = std::thread([this] { models(); });
+}
+
+std::shared_ptr<const flow_models> evidence_store::models() {
+    std::unique_lock lock(model_mutex_);
+    if (models_ == nullptr && !fitting_) {
+        fitting_ = true;
+        lock.unlock();
+        auto fitted = std::make_shared<const flow_models>(fit_models(ace_, sff_, stop_));
+        malloc_trim(0);  // the fit's sample of signals is freed by now: hand it back
+        lock.lock();
+        fitting_ = false;
+        if (models_ == nullptr) {
+            models_ = std::move(fitted);
+            model_origin_ = "fitted to this assembly's signals";
+        }
+        model_ready_.notify_all();
+    }
+    model_ready_.wait(lock, [this] { return models_ != nullptr; });
+    return models_;
+}
+
+std::shared_ptr<const flow_models> evidence_store::models_if_ready(std::string* origin) const {
+    std::lock_guard lock(model_mutex_);
+    if (origin != nullptr) *origin = model_origin_;
+    return models_;
+}
+
+void evidence_store::record(std::size_t index, const contig_evidence& e) {
+    std::lock_guard lock(tally_mutex_);
+    tallies_[index] = contig_tally{static_cast<std::int32_t>(e.disputed.size()), e.report.coverage};
+}
+
+std::shared_ptr<const contig_evidence> evidence_store::get(std::size_t index) {
+    if (index >= ace_.contigs.size()) return nullptr;
+    if (auto hit = cache_.find(index)) return hit;
+    std::shared_ptr<const flow_models> m = models();
+    // One build at a time: requests for the same contig wait for the first instead of
+    // repeating its work, and the memory of builds does not add up.
+    std::lock_guard build(build_mutex_);
+    if (auto hit = cache_.find(index)) return hit;
+    contig c;
+    if (!ace_.parse(index, c)) return nullptr;
+    std::shared_ptr<const contig_evidence> built = build_evidence(c, sff_, std::move(m));
+    record(index, *built);
+    cache_.put(index, built, built->bytes);
+    return built;
+}
+
+void evidence_store::count_in_background() {
+    if (counter_.joinable()) return;
+    counter_ = std::thread([this] {
+        const std::shared_ptr<const flow_models> m = models();
+        // Pages come first: the count runs at a lower priority than the request threads.
+        setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), 10);
+        for (std::size_t i = 0; i < ace_.contigs.size() && !stop_; ++i) {
+            if (tally(i)) continue;
+            contig c;
+            if (!ace_.parse(i, c)) return;
+            record(i, *build_evidence(c, sff_, m));
+            c = contig{};
+            malloc_trim(0);  // what a contig's check took is handed back before the next one
+        }
+    });
+}
+
+std::optional<contig_tally> evidence_store::tally(std::size_t index) const {
+    std::lock_guard lock(tally_mutex_);
+    return index < tallies_.size() ? tallies_[index] : std::nullopt;
+}
+
+std::int32_t evidence_store::disputed_runs(std::size_t index) const {
+    const std::optional<contig_tally> t = tally(index);
+    return t ? t->disputed : -1;
+}
+
+}  // namespace browse
