@@ -217,18 +217,8 @@ void flow_check::add_read(const contig& c, const READ& read, const tied_read& t,
         const std::int32_t fl = flow_at(left), fr = flow_at(right);
         if (flow >= 0 && (flow == fl || flow == fr)) continue;
         std::uint16_t value = 0;
-        if (flow < 0) {
-            // No base of the letter: the read's first flow of it between its neighbours.
-            const char y = t.complemented ? complement(r.letter) : r.letter;
-            const std::int32_t lo = std::min(fl, fr), hi = std::max(fl, fr);
-            for (std::int32_t g = lo + 1; g < hi; ++g) {
-                if (static_cast<std::size_t>(g) < t.flow_chars.size() &&
-                    t.flow_chars[static_cast<std::size_t>(g)] == y) {
-                    flow = g;
-                    break;
-                }
-            }
-        }
+        // No base of the letter: the read's first flow of it between its neighbours.
+        if (flow < 0) flow = flow_between(t, r.letter, fl, fr);
         if (flow >= 0) {
             if (static_cast<std::size_t>(flow) >= t.flowgram.size()) continue;
             value = t.flowgram[static_cast<std::size_t>(flow)];

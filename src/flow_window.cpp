@@ -42,18 +42,43 @@ struct flow_reader {
             return value(last_flow);
         }
         if (last_flow < 0 || base < 0) return -1;
-        const std::int32_t next = flow_of(base);
-        const char y = t.complemented ? complement(x) : x;
-        const std::int32_t lo = std::min(last_flow, next), hi = std::max(last_flow, next);
-        for (std::int32_t g = lo + 1; g < hi; ++g)
-            if (static_cast<std::size_t>(g) < t.flow_chars.size() &&
-                t.flow_chars[static_cast<std::size_t>(g)] == y)
-                return value(g);
-        return 0;
+        const std::int32_t g = flow_between(t, x, last_flow, flow_of(base));
+        return g >= 0 ? value(g) : 0;
     }
 };
 
+// Measures every flow of the shown read `s` that the window's flows fs.. hold, calling
+// store(flow, value): untied_read over a read that is not tied.
+template <class Store>
+void measure_read(const contig& c, const contig_window::shown_read& s, const tied_read* t,
+                  Store store) {
+    contig_window::flow_part p;
+    if (!contig_window::clip_to_flows(c, s, p)) return;
+    if (t == nullptr) {
+        for (std::int64_t f = p.fs; f <= p.fe; ++f) store(f, flow_window::untied_read);
+        return;
+    }
+    flow_reader fr{*t, s.read.sequence};
+    // The flow of the read's last base before the window's part of it.
+    for (std::int64_t o = p.i - 1; o >= 0 && fr.last_flow < 0; --o) fr.last_flow = fr.flow_of(o);
+    contig_window::count_flows(c, s.read.sequence, p.i, p.j, p.fs, p.fe,
+                               [&](std::int64_t f, int count, std::int64_t begin) {
+                                   const char x = contig_window::at(c.flow_consensus, f);
+                                   store(f, fr.measure(x, count, begin, p.j));
+                               });
+}
+
 }  // namespace
+
+std::int32_t flow_between(const tied_read& t, char letter, std::int32_t a, std::int32_t b) {
+    const char y = t.complemented ? complement(letter) : letter;
+    const std::int32_t lo = std::min(a, b), hi = std::max(a, b);
+    for (std::int32_t g = lo + 1; g < hi; ++g)
+        if (g >= 0 && static_cast<std::size_t>(g) < t.flow_chars.size() &&
+            t.flow_chars[static_cast<std::size_t>(g)] == y)
+            return g;
+    return -1;
+}
 
 void window_signals(contig& c, const std::map<std::string, tied_read>& tied,
                     const flow_check& check, std::int32_t from, int width, flow_window& out) {
@@ -87,24 +112,8 @@ void window_signals(contig& c, const tied_lookup& tied, const flow_check& check,
     for (std::size_t r = 0; r < c.print_map.size(); ++r) {
         contig_window::for_each_shown(
             c, c.print_map[r], w, [&](const contig_window::shown_read& s) {
-                contig_window::flow_part p;
-                if (!contig_window::clip_to_flows(c, s, p)) return;
-                const tied_read* found = tied(s.name);
-                if (found == nullptr) {
-                    for (std::int64_t f = p.fs; f <= p.fe; ++f)
-                        store(f, r, flow_window::untied_read);
-                    return;
-                }
-                flow_reader fr{*found, s.read.sequence};
-                // The flow of the read's last base before the window's part of it.
-                for (std::int64_t o = p.i - 1; o >= 0 && fr.last_flow < 0; --o)
-                    fr.last_flow = fr.flow_of(o);
-                contig_window::count_flows(c, s.read.sequence, p.i, p.j, p.fs, p.fe,
-                                           [&](std::int64_t f, int count, std::int64_t begin) {
-                                               const char x =
-                                                   contig_window::at(c.flow_consensus, f);
-                                               store(f, r, fr.measure(x, count, begin, p.j));
-                                           });
+                measure_read(c, s, tied(s.name),
+                             [&](std::int64_t f, std::int32_t v) { store(f, r, v); });
             });
     }
 
@@ -127,26 +136,11 @@ void grid_signals(const contig& c, const window_grid& grid, const tied_lookup& t
             if (rd == c.reads.end() || wr.first_flow < 0) continue;
             // The read as the window drew it, clipped and counted by the same rules.
             const contig_window::shown_read s{wr.name, rd->second, wr.start, wr.first, wr.last};
-            contig_window::flow_part p;
-            if (!contig_window::clip_to_flows(c, s, p)) continue;
-            auto store = [&](std::int64_t f, std::int32_t v) {
+            measure_read(c, s, tied(wr.name), [&](std::int64_t f, std::int32_t v) {
                 const std::int64_t k = f - grid.first_flow;
                 if (k >= 0 && k < static_cast<std::int64_t>(out[g].size()))
                     out[g][static_cast<std::size_t>(k)] = v;
-            };
-            const tied_read* t = tied(wr.name);
-            if (t == nullptr) {
-                for (std::int64_t f = p.fs; f <= p.fe; ++f) store(f, flow_window::untied_read);
-                continue;
-            }
-            flow_reader fr{*t, rd->second.sequence};
-            for (std::int64_t o = p.i - 1; o >= 0 && fr.last_flow < 0; --o)
-                fr.last_flow = fr.flow_of(o);
-            contig_window::count_flows(c, rd->second.sequence, p.i, p.j, p.fs, p.fe,
-                                       [&](std::int64_t f, int count, std::int64_t begin) {
-                                           const char x = contig_window::at(c.flow_consensus, f);
-                                           store(f, fr.measure(x, count, begin, p.j));
-                                       });
+            });
         }
     }
 }

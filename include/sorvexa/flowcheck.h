@@ -45,6 +45,11 @@ struct tied_read {
 bool tie_read(const READ& read, const sff_read& record, std::string_view flow_chars,
               tied_read& out);
 
+// The read's first flow of `letter` (its complement for a complemented read) strictly
+// between flows a and b, in either order: where a run the read has no base of was measured
+// between the flows of its neighbouring bases. -1 when there is none.
+std::int32_t flow_between(const tied_read& t, char letter, std::int32_t a, std::int32_t b);
+
 // A homopolymer run of the consensus and what the reads say about it. A contig of a whole
 // genome has hundreds of thousands of them, so the record is kept small and the sums exact
 // (values in hundredths, as the flowgram holds them).
