@@ -107,7 +107,8 @@ pass "cmake --install into a temporary prefix"
 check_headers() {
     local root=$1 h rel bad=0 public
     public=$(cd "$root/sorvexa" && find . -maxdepth 1 -name '*.h' -printf '%f\n' | sort | tr '\n' ' ')
-    [ "$public" = "ace.h contig.h flowcheck.h process_exit.h sff.h " ] ||
+    # Installed as a folder: exactly the headers of the source tree's include/sorvexa/.
+    [ "$public" = "$(cd include/sorvexa && find . -maxdepth 1 -name '*.h' -printf '%f\n' | sort | tr '\n' ' ')" ] ||
         { fail "public headers in $root/sorvexa: $public"; bad=1; }
     while IFS= read -r h; do
         rel=${h#"$root"/}
@@ -126,6 +127,12 @@ check_headers() {
     [ "$bad" -eq 0 ] && pass "headers under $root/sorvexa: each compiles alone with -I$root; detail/ marked internal"
 }
 check_headers "$prefix/include"
+# The installed library ends no process and prints nothing.
+if nm -C --undefined-only "$prefix/lib/libsorvexa.a" | grep -qE ' (_?exit|quick_exit|std::cout|std::cerr|std::clog|abort)$'; then
+    fail "the installed library refers to exit or the standard streams"
+else
+    pass "the installed library refers to neither exit nor the standard streams"
+fi
 
 if cmake -S tests/consumer -B "$tmp/consumer" -G Ninja -DCMAKE_BUILD_TYPE=Release \
     -DCMAKE_PREFIX_PATH="$prefix" >"$tmp/consumer.log" 2>&1 &&
