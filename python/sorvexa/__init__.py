@@ -44,10 +44,10 @@ from ._sorvexa import (
     FlowRead,
     FormatError,
     FormatWarning,
-    KeptRead,
     ReadIndex,
     ReadPlacement,
     RunCall,
+    SffBatch,
     SffFile,
     SffIterator,
     SffRecord,
@@ -70,15 +70,17 @@ __all__ = [
     "ReadIndex",
     "ReadPlacement",
     "RunCall",
+    "SffBatch",
     "SffFile",
     "SffIterator",
     "SffRecord",
     "flowcheck",
 ]
 
+# get, keys, values and items as every Mapping has them, on the C++ lookups.
+for _method in ("get", "keys", "values", "items"):
+    setattr(ReadIndex, _method, getattr(_abc.Mapping, _method))
 _abc.Mapping.register(ReadIndex)
-for _name in __all__:
-    globals()[_name].__module__ = __name__
 
 # A 454 read name (universal accession number): six base-36 characters of run time, one
 # check character, two digits of region, five base-36 characters of well position.
@@ -121,7 +123,8 @@ def _to_seqrecord(record):
     from Bio.Seq import Seq
     from Bio.SeqRecord import SeqRecord
 
-    bases = record.bases
+    # As bytes, which Biopython holds as they are: a damaged file's bases need not be ASCII.
+    bases = record.bases.encode("utf-8", "surrogateescape")
     # The kept range from the clips taken as plain numbers (the library's own cut, in
     # record.kept, wraps clips beyond 32767 as 16-bit positions).
     start = max(record.clip_qual_left, record.clip_adapter_left, 1) - 1
@@ -152,3 +155,42 @@ def _to_seqrecord(record):
 
 
 SffRecord.to_seqrecord = _to_seqrecord
+
+
+class KeptRead:
+    """A read cut to its kept bases, as a run writes it."""
+
+    __slots__ = ("_name", "_bases", "_qualities", "_flows")
+
+    def __init__(self, name, bases, qualities, flows):
+        """A kept read of these values; SffRecord.kept_read() makes them."""
+        self._name, self._bases, self._qualities, self._flows = name, bases, qualities, flows
+
+    name = property(lambda self: self._name, doc="The read's name.")
+    bases = property(lambda self: self._bases, doc="The kept bases.")
+    qualities = property(lambda self: self._qualities,
+                         doc="Quality of each kept base (numpy int16).")
+    flows = property(lambda self: self._flows,
+                     doc="For each kept base, the 0-based flow that called it, counted from "
+                     "the read's first flow (numpy int16): an index into the record's flowgram.")
+
+    def __len__(self):
+        """The number of kept bases."""
+        return len(self._bases)
+
+    def __repr__(self):
+        return f"<sorvexa.KeptRead {self._name!r}, {len(self._bases)} bases>"
+
+
+def _kept_read(record):
+    """The read as a run writes it: its kept bases with their qualities and the 0-based
+    flow that called each (counted from the read's first flow, key included), as a KeptRead.
+    """
+    return KeptRead(*record._kept_read())
+
+
+SffRecord.kept_read = _kept_read
+
+
+for _name in __all__:
+    globals()[_name].__module__ = __name__

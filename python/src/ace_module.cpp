@@ -13,7 +13,6 @@
 #include <vector>
 
 #include <sorvexa/ace.h>
-#include "bindings.h"
 #include <sorvexa/contig.h>
 #include "glue.h"
 
@@ -28,8 +27,11 @@ class ace_file {
     explicit ace_file(py::object path) : given_path(path) {
         const std::string p = fs_path(path);
         check_readable(p, path);
-        const library_result r = call_library([&] { reader_ = std::make_unique<aceReader>(p); });
-        raise_or_warn(r);
+        {
+            py::gil_scoped_release released;
+            reader_ = std::make_unique<aceReader>(p);
+        }
+        report(reader_->error);
         contigs_ = reader_->num_contigs;
         reads_ = reader_->total_reads;
     }
@@ -38,12 +40,15 @@ class ace_file {
         if (done_) throw py::stop_iteration();
         auto c = std::make_shared<contig>();
         int got = 0;
-        library_result r = call_library([&] {
+        sorvexa::status failed;
+        {
+            py::gil_scoped_release released;
             std::lock_guard lock(mutex_);
             if (reader_) got = reader_->next_contig(*c);
-        });
-        if (r.failed || got != 1) done_ = true;
-        raise_or_warn(r);
+            if (reader_) failed = reader_->error;
+        }
+        if (got != 1) done_ = true;
+        report(failed);
         if (got != 1) throw py::stop_iteration();
         return c;
     }

@@ -12,7 +12,6 @@
 #include <vector>
 
 #include <sorvexa/ace.h>
-#include "bindings.h"
 #include <sorvexa/flowcheck.h>
 #include "glue.h"
 #include <sorvexa/read_lookup.h>
@@ -54,54 +53,46 @@ struct check_options {
     bool all_runs = false;
 };
 
-// Empty when the run went through, else why the model file was refused, in the program's
-// words.
-std::string run_check(const std::string& ace_path, const std::vector<std::string>& sff_paths,
-                      check_options& o, check_result& out) {
+// Fails, in the program's words, when an input file cannot serve.
+sorvexa::status run_check(const std::string& ace_path, const std::vector<std::string>& sff_paths,
+                          check_options& o, check_result& out, diagnostics& said) {
     read_lookup lookup;
-    lookup.index_files(sff_paths);
-    flow_check& check = o.check;
-    std::string why, note;
-    if (!choose_models(check, o.choice, ace_path, o.model_path, lookup, why, note)) return why;
-    out.model = check.models;
+    lookup.skip_index_block = true;
+    lookup.diagnostics = said.sink();
+    if (sorvexa::status indexed = lookup.index_files(sff_paths); !indexed) return indexed;
+    read_fetcher fetcher(lookup);
+    fetcher.diagnostics = said.sink();
+    std::string note;
+    if (sorvexa::status chosen = choose_models(o.check, o.choice, ace_path, o.model_path, lookup,
+                                               fetcher, note);
+        !chosen)
+        return chosen;
+    out.model = o.check.models;
     aceReader ace(ace_path);
     append_tsv_header(out.tsv);
+    contig_report report;
     for (;;) {
         contig c;
         if (ace.next_contig(c) == 0) break;
-        check.check_contig(c, lookup, out.reads);
-
-        contig_check cc;
-        cc.name = c.name;
-        cc.consensus = unpadded_consensus(c);
-        std::vector<consensus_edit> edits;
-        check.edits(cc.consensus, edits);
-        cc.coverage = check.coverage();
-        out.vcf_contigs.push_back(
-            {c.name, static_cast<std::int64_t>(cc.consensus.size()), cc.coverage});
-        append_vcf_records(out.vcf_records, c.name, cc.consensus, edits, check);
-        append_tsv_coverage(out.tsv, c.name, cc.coverage);
-
-        // 1 for a run with an edit, 2 for one whose edit passed.
-        std::vector<char> edited(check.runs.size(), 0);
-        for (const consensus_edit& e : edits) {
-            edited[static_cast<std::size_t>(e.run)] = e.pass ? 2 : 1;
-            ++out.called;
-            if (e.pass) ++out.passed;
-        }
-        for (std::size_t i = 0; i < check.runs.size(); ++i) {
-            const hp_run& r = check.runs[i];
-            if (!edited[i] && !(o.all_runs && check.tested(r))) continue;
-            const std::string_view filter = run_filter(check, r);
-            append_tsv_line(out.tsv, c.name, r, filter);
-            cc.calls.push_back({c.name, r, std::string(filter), edited[i] == 2});
-        }
-        cc.polished = apply_edits(cc.consensus, edits);
-        out.runs += cc.coverage.runs;
-        out.tested += cc.coverage.tested;
-        out.contigs.push_back(std::move(cc));
+        if (sorvexa::status checked = o.check.check(c, lookup, fetcher, o.all_runs, report); !checked)
+            return checked;
+        const contig_coverage& cover = report.coverage;
+        out.vcf_contigs.push_back({c.name, static_cast<std::int64_t>(report.unpadded.size()), cover});
+        append_vcf_records(out.vcf_records, report);
+        append_tsv_report(out.tsv, report);
+        contig_check& cc = out.contigs.emplace_back(
+            contig_check{c.name, report.unpadded, report.polished, {}, cover});
+        for (const report_row& row : report.rows)
+            cc.calls.push_back({c.name, row.run, std::string(row.filter), row.applied});
+        out.reads.tied += cover.reads.tied;
+        out.reads.untied += cover.reads.untied;
+        out.reads.not_found += cover.reads.not_found;
+        out.runs += cover.runs;
+        out.tested += cover.tested;
+        out.called += report.called;
+        out.passed += report.passed;
     }
-    return {};
+    return ace.error;
 }
 
 std::vector<std::string> sff_path_list(py::handle given, std::vector<py::object>& originals) {
@@ -161,11 +152,13 @@ py::object flowcheck(py::object ace, py::object sffs, std::int64_t min_signals, 
     if (o.choice == model_origin::table) check_readable(o.model_path, model);
 
     auto result = std::make_unique<check_result>();
-    std::string refused;
-    const library_result r =
-        call_library([&] { refused = run_check(ace_path, sff_paths, o, *result); });
-    raise_or_warn(r);
-    if (!refused.empty()) raise_format_error(refused);
+    sorvexa::status failed;
+    diagnostics said;
+    {
+        py::gil_scoped_release released;
+        failed = run_check(ace_path, sff_paths, o, *result, said);
+    }
+    report(failed, said.lines);
     return py::cast(std::move(result));
 }
 

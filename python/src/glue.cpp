@@ -5,10 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <iostream>
-#include <streambuf>
-
-#include "process_exit.h"
 
 namespace sorvexa_py {
 
@@ -17,44 +13,9 @@ PyObject* format_warning = nullptr;
 
 namespace {
 
-// Where the library's output goes on this thread while a capture is open. The streams are
-// shared by every thread, so they keep one buffer that looks this up on each write: calls
-// made side by side on several threads (with the GIL released) each collect their own text.
-thread_local std::string* capture_target = nullptr;
-
-class thread_routed_buf : public std::streambuf {
-  public:
-    explicit thread_routed_buf(std::streambuf* fallback) : fallback_(fallback) {}
-
-  protected:
-    int overflow(int c) override {
-        if (traits_type::eq_int_type(c, traits_type::eof())) return traits_type::not_eof(c);
-        if (capture_target != nullptr) {
-            capture_target->push_back(traits_type::to_char_type(c));
-            return c;
-        }
-        return fallback_->sputc(traits_type::to_char_type(c));
-    }
-    std::streamsize xsputn(const char* s, std::streamsize n) override {
-        if (capture_target != nullptr) {
-            capture_target->append(s, static_cast<std::size_t>(n));
-            return n;
-        }
-        return fallback_->sputn(s, n);
-    }
-    int sync() override { return capture_target != nullptr ? 0 : fallback_->pubsync(); }
-
-  private:
-    std::streambuf* fallback_;
-};
-
-[[noreturn]] void throw_fatal_input(int status) {
-    throw fatal_input{status};
-}
-
-// The library's messages end with a line feed; the exception text does not.
+// The diagnostics end with a line feed; a message does not.
 std::string trimmed(std::string s) {
-    while (!s.empty() && (s.back() == '\n' || s.back() == '\r' || s.back() == ' ')) s.pop_back();
+    while (!s.empty() && (s.back() == '\n' || s.back() == ' ')) s.pop_back();
     return s;
 }
 
@@ -66,35 +27,19 @@ std::string trimmed(std::string s) {
 
 }  // namespace
 
-void install_library_hooks() {
-    sorvexa::process_exit = throw_fatal_input;
-    // Never freed: the streams may still be written to while the process exits.
-    std::cout.rdbuf(new thread_routed_buf(std::cout.rdbuf()));
-    std::cerr.rdbuf(new thread_routed_buf(std::cerr.rdbuf()));
-}
-
-output_capture::output_capture() : saved_(capture_target) {
-    capture_target = &text_;
-}
-
-output_capture::~output_capture() {
-    capture_target = saved_;
-}
-
-std::string output_capture::take() {
-    return std::move(text_);
-}
-
 void raise_format_error(const std::string& message) {
     PyErr_SetObject(format_error, text(message).ptr());
     throw py::error_already_set();
 }
 
-void raise_or_warn(const library_result& r) {
-    if (!r.failed && r.messages.empty()) return;
-    const std::string message = trimmed(r.messages);
-    if (r.failed)
-        raise_format_error(message.empty() ? "the library gave up on its input" : message);
+void raise_key_error(py::handle key) {
+    PyErr_SetObject(PyExc_KeyError, key.ptr());
+    throw py::error_already_set();
+}
+
+void report(const sorvexa::status& s, const std::string& said) {
+    const std::string message = trimmed(s.ok || s.message.empty() ? said : s.message);
+    if (!s.ok) raise_format_error(message.empty() ? "the library gave up on its input" : message);
     if (message.empty()) return;
     if (PyErr_WarnEx(format_warning, message.c_str(), 1) != 0) throw py::error_already_set();
 }

@@ -1,7 +1,6 @@
 // The extension module sorvexa._sorvexa; the package sorvexa re-exports it.
 #include <pybind11/pybind11.h>
 
-#include "bindings.h"
 #include "glue.h"
 
 namespace py = pybind11;
@@ -26,7 +25,6 @@ PYBIND11_MODULE(_sorvexa, m) {
     m.attr("FormatError") = py::handle(sorvexa_py::format_error);
     m.attr("FormatWarning") = py::handle(sorvexa_py::format_warning);
 
-    sorvexa_py::install_library_hooks();
     sorvexa_py::bind_sff(m);
     sorvexa_py::bind_ace(m);
     sorvexa_py::bind_flowcheck(m);

@@ -1,22 +1,21 @@
-// sorvexa.SffFile, its records and its read index.
+// sorvexa.SffFile: an SFF file's header, its records one at a time (walked in file order or
+// fetched by name) or many at once as arrays (SffBatch), and its read index.
 //
-// Records are decoded by the library's reader, a few dozen at a time without the GIL, each
-// into one buffer of its own; the arrays a record hands out are read-only numpy views on
-// that buffer, kept alive by the record, so reading a flowgram copies nothing.
+// A record copies the reader's values into one buffer of its own; the arrays it hands out
+// are read-only numpy views on that buffer, kept alive by the record, so reading a flowgram
+// copies nothing. Files are read without the GIL.
 #include <pybind11/numpy.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <cstring>
-#include <deque>
 #include <memory>
 #include <mutex>
-#include <new>
+#include <numeric>
 #include <string>
 #include <vector>
 
-#include "bindings.h"
 #include "glue.h"
 #include <sorvexa/read_lookup.h>
 #include <sorvexa/sff.h>
@@ -28,29 +27,15 @@ namespace {
 // What every record of a file shares.
 struct sff_header_info {
     std::string path;
-    std::string flow_chars;
-    std::string key;
-    std::uint32_t number_of_reads = 0;
-    std::uint16_t flows_per_read = 0;
-    std::uint16_t header_length = 0;
-    std::uint64_t index_offset = 0;
-    std::uint32_t index_length = 0;
-    std::string magic, version;
-    int flowgram_format_code = 0;
+    sff_header_p1 fixed;
+    std::string flow_chars, key;
     bool big_endian = true;
 
+    explicit sff_header_info(std::string p) : path(std::move(p)) {}
     void take(const reader& rd) {
-        const sff_header_p1& h = rd.header_p1;
+        fixed = rd.header_p1;
         flow_chars.assign(rd.header_p2.flow_chars.begin(), rd.header_p2.flow_chars.end());
         key.assign(rd.header_p2.key_sequence.begin(), rd.header_p2.key_sequence.end());
-        number_of_reads = h.number_of_reads;
-        flows_per_read = h.number_of_flows_per_read;
-        header_length = h.header_length;
-        index_offset = h.index_offset;
-        index_length = h.index_length;
-        magic.assign(reinterpret_cast<const char*>(h.magic_number), 4);
-        version.assign(reinterpret_cast<const char*>(h.version), 4);
-        flowgram_format_code = h.flowgram_format_code;
         big_endian = rd.swap_bytes;  // numbers are swapped on this little-endian host
     }
 };
@@ -59,13 +44,9 @@ struct sff_header_info {
 // flowgram (uint16) | flow index per base | qualities | bases | name.
 struct sff_record {
     std::shared_ptr<const sff_header_info> file;
-    std::int64_t offset = 0;
-    std::uint16_t read_header_length = 0, name_length = 0;
-    std::uint32_t number_of_bases = 0;
-    std::uint16_t clip_qual_left = 0, clip_qual_right = 0;
-    std::uint16_t clip_adapter_left = 0, clip_adapter_right = 0;
-    std::uint16_t number_of_flows = 0;
-    std::size_t flows = 0, bases = 0, name_size = 0;  // values held
+    std::int64_t offset;
+    sff_read fixed_part;  // the counts and clips; its buffers are not used
+    std::size_t flows, bases, name_size;  // values held
     std::unique_ptr<unsigned char[]> data;
 
     const std::uint16_t* flowgram() const {
@@ -79,18 +60,11 @@ struct sff_record {
     sff_record(std::shared_ptr<const sff_header_info> f, std::int64_t pos, const sff_read& r)
         : file(std::move(f)),
           offset(pos),
-          read_header_length(r.read_header_length),
-          name_length(r.name_length),
-          number_of_bases(r.number_of_bases),
-          clip_qual_left(r.clip_qual_left),
-          clip_qual_right(r.clip_qual_right),
-          clip_adapter_left(r.clip_adapter_left),
-          clip_adapter_right(r.clip_adapter_right),
-          number_of_flows(r.numOfFlows),
           flows(std::min<std::size_t>(r.numOfFlows, r.flowgram_values.size())),
           bases(r.bases_held()),
           name_size(std::min<std::size_t>(r.name_length, r.name.size())),
           data(std::make_unique_for_overwrite<unsigned char[]>(2 * flows + 4 * bases + name_size)) {
+        copy_counts(r, fixed_part);
         unsigned char* p = data.get();
         copy(p, r.flowgram_values.data(), 2 * flows);
         for (const auto* part : {r.flow_index_per_base.data(), r.quality_scores.data(),
@@ -99,37 +73,34 @@ struct sff_record {
         copy(p, r.name.data(), name_size);
     }
 
+    static void copy_counts(const sff_read& from, sff_read& to) {
+        to.read_header_length = from.read_header_length;
+        to.name_length = from.name_length;
+        to.number_of_bases = from.number_of_bases;
+        to.clip_qual_left = from.clip_qual_left;
+        to.clip_qual_right = from.clip_qual_right;
+        to.clip_adapter_left = from.clip_adapter_left;
+        to.clip_adapter_right = from.clip_adapter_right;
+        to.numOfFlows = from.numOfFlows;
+    }
+
     // An empty buffer of the reader may have no storage at all: nothing is copied from it.
     static void copy(unsigned char*& to, const void* from, std::size_t n) {
         if (n > 0) std::memcpy(to, from, n);
         to += n;
     }
 
-    // The record as the library's own type, for what the library computes from it.
-    sff_read as_library_read() const {
-        sff_read r(number_of_flows);
-        r.read_header_length = read_header_length;
-        r.name_length = name_length;
-        r.number_of_bases = number_of_bases;
-        r.clip_qual_left = clip_qual_left;
-        r.clip_qual_right = clip_qual_right;
-        r.clip_adapter_left = clip_adapter_left;
-        r.clip_adapter_right = clip_adapter_right;
+    // The kept bases as a run writes them, cut by the library's own rule.
+    seqRead kept() const {
+        sff_read r;
+        copy_counts(fixed_part, r);
         r.name.assign(name(), name() + name_size);
         r.flowgram_values.assign(flowgram(), flowgram() + flows);
         r.flow_index_per_base.assign(flow_index(), flow_index() + bases);
         r.quality_scores.assign(qualities(), qualities() + bases);
         r.bases.assign(base_chars(), base_chars() + bases);
-        return r;
+        return seqRead(r);
     }
-};
-
-// A read cut to its kept bases, as a run writes it.
-struct kept_read {
-    std::string name;
-    std::string bases;
-    std::vector<std::int16_t> qualities;
-    std::vector<std::int16_t> flows;
 };
 
 // A read-only array viewing `n` values at `data`, kept alive through `owner`.
@@ -140,220 +111,253 @@ py::array view(const T* data, std::size_t n, py::handle owner) {
     return a;
 }
 
+// An array that owns the values of `v`, which it takes over without copying them.
+template <class T>
+py::array owning(std::vector<T>&& v, const py::dtype& type) {
+    auto* held = new std::vector<T>(std::move(v));
+    py::capsule owner(held, [](void* p) { delete static_cast<std::vector<T>*>(p); });
+    return py::array(type, {static_cast<py::ssize_t>(held->size())}, {}, held->data(), owner);
+}
+
 template <class T>
 py::array copy_array(const std::vector<T>& v) {
     return py::array_t<T>(static_cast<py::ssize_t>(v.size()), v.data());
 }
 
-// sorvexa.SffRecord is a plain extension type, not a pybind11 class: a record is made for
-// every read walked or fetched, and the plain type makes one, frees it and hands out its
-// attributes in about half the time. It owns its sff_record; numpy views keep it alive.
-struct record_object {
-    PyObject ob_base;  // what PyObject_HEAD declares
-    sff_record* record;
-};
-
-PyTypeObject* record_type = nullptr;
-
-py::object wrap(std::unique_ptr<sff_record> r) {
-    if (!r) throw py::value_error("I/O operation on closed SffFile");
-    PyObject* o = record_type->tp_alloc(record_type, 0);
-    if (o == nullptr) throw py::error_already_set();
-    reinterpret_cast<record_object*>(o)->record = r.release();
-    return py::reinterpret_steal<py::object>(o);
-}
-
-const sff_record& rec(PyObject* self) {
-    return *reinterpret_cast<record_object*>(self)->record;
-}
-
-[[noreturn]] void raise_key_error(py::handle name) {
-    PyErr_SetObject(PyExc_KeyError, name.ptr());
-    throw py::error_already_set();
-}
-
-// The walk over a file's records in file order. The library walks every record that the
-// header counts; the index block, which a file may hold before its last record, is stepped
-// over here, where the header says it lies.
-//
-// An iterator shared by threads stays whole: its state is only touched under its lock, which
-// is never held while waiting for the GIL.
+// The walk over a file's records in file order, an index block among them stepped over as
+// the read index steps over it. An iterator shared by threads hands out each record once.
 class record_walk {
   public:
     explicit record_walk(std::shared_ptr<const sff_header_info> f) : file_(std::move(f)) {}
 
-    py::object next() {
-        {
-            std::unique_lock lock(mutex_, std::try_to_lock);
-            if (lock.owns_lock() && !ready_.empty()) return wrap(pop());
-        }
+    std::unique_ptr<sff_record> next() {
         std::unique_ptr<sff_record> out;
-        library_result r = call_library([&] {
+        sorvexa::status failed;
+        std::string said;
+        {
+            py::gil_scoped_release released;
             std::lock_guard lock(mutex_);
-            if (ready_.empty() && !finished_) refill();
-            if (!ready_.empty()) out = pop();
-        });
-        if (r.failed) {
-            std::lock_guard lock(mutex_);
-            finished_ = true;
-            ready_.clear();
+            if (!rd_ && !done_) {
+                rd_ = std::make_unique<reader>(file_->path);
+                rd_->skip_index_block = true;
+                rd_->diagnostics = said_.sink();
+                done_ = !rd_->get_header();
+                failed = rd_->error;
+            }
+            // The walk tells where a record lay only through an index it fills.
+            where_.clear();
+            if (!done_ && rd_->get_next_read(where_))
+                out = std::make_unique<sff_record>(file_, where_.begin()->second, rd_->cur_read);
+            done_ = !out;
+            said = said_.take();
         }
-        raise_or_warn(r);
+        report(failed, said);
         if (!out) throw py::stop_iteration();
-        return wrap(std::move(out));
+        return out;
     }
 
   private:
-    // Enough records per trip without the GIL that the trip costs little; few enough that
-    // a loop that stops early has not read far ahead.
-    static constexpr std::size_t batch_records = 64;
-    static constexpr std::size_t batch_bytes = 1 << 20;
-
-    std::unique_ptr<sff_record> pop() {
-        auto r = std::move(ready_.front());
-        ready_.pop_front();
-        return r;
-    }
-
-    void refill() {
-        if (!rd_) {
-            rd_ = std::make_unique<reader>(file_->path);
-            if (!rd_->get_header()) {
-                finished_ = true;
-                return;
-            }
-        }
-        std::size_t bytes = 0;
-        while (ready_.size() < batch_records && bytes < batch_bytes) {
-            skip_index_block();
-            const std::int64_t pos = rd_->sff_file.tell();
-            if (!rd_->get_next_read()) {
-                finished_ = true;
-                return;
-            }
-            ready_.push_back(std::make_unique<sff_record>(file_, pos, rd_->cur_read));
-            bytes += 2 * ready_.back()->flows + 4 * ready_.back()->bases;
-        }
-    }
-
-    void skip_index_block() {
-        const std::uint64_t at = file_->index_offset;
-        if (file_->index_length == 0 || at > static_cast<std::uint64_t>(INT64_MAX)) return;
-        if (rd_->sff_file.tell() != static_cast<std::int64_t>(at)) return;
-        std::uint64_t end = at + file_->index_length;
-        end += (8 - end % 8) % 8;
-        rd_->sff_file.seek(static_cast<std::int64_t>(end));
-    }
-
     std::shared_ptr<const sff_header_info> file_;
     std::mutex mutex_;
     std::unique_ptr<reader> rd_;
-    std::deque<std::unique_ptr<sff_record>> ready_;
-    bool finished_ = false;
+    read_index where_;
+    diagnostics said_;
+    bool done_ = false;
 };
 
-// The read index of one file, as a run builds it: names cut at their first NUL byte, the
-// later of two equal names winning.
+// The read index of one file, as every program builds it: names cut at their first NUL
+// byte, the later of two equal names winning, an index block among the reads stepped over.
 struct name_index {
     read_lookup lookup;
-    const std::pmr::unordered_map<std::string, std::int64_t>& map() const {
-        return lookup.indexes.front();
+    const read_lookup::name_map& map() const { return lookup.indexes.front(); }
+    std::int64_t at(const py::handle& name) const {
+        if (!PyUnicode_Check(name.ptr())) raise_key_error(name);
+        auto found = map().find(bytes_of(name));
+        if (found == map().end()) raise_key_error(name);
+        return found->second;
     }
 };
 
+// The names of an index, in the order its table holds them.
 class index_iterator {
   public:
-    enum class kind { keys, values, items };
-    index_iterator(std::shared_ptr<name_index> i, kind k)
-        : index_(std::move(i)), it_(index_->map().begin()), kind_(k) {}
-
-    py::object next() {
+    explicit index_iterator(std::shared_ptr<name_index> i)
+        : index_(std::move(i)), it_(index_->map().begin()) {}
+    py::str next() {
         if (it_ == index_->map().end()) throw py::stop_iteration();
-        const auto& [name, pos] = *it_++;
-        switch (kind_) {
-            case kind::keys:
-                return text(name);
-            case kind::values:
-                return py::int_(pos);
-            default:
-                return py::make_tuple(text(name), pos);
-        }
+        return text((it_++)->first);
     }
 
   private:
     std::shared_ptr<name_index> index_;
-    std::pmr::unordered_map<std::string, std::int64_t>::const_iterator it_;
-    kind kind_;
+    read_lookup::name_map::const_iterator it_;
+};
+
+// Many records at once, as arrays, a row a record.
+struct sff_batch {
+    py::list names;
+    py::array rows, flowgrams, offsets, bases, qualities, flow_index, clips, record_offsets;
 };
 
 class sff_file {
   public:
     py::object given_path;
-    std::shared_ptr<sff_header_info> file;
+    std::shared_ptr<const sff_header_info> file;
 
     explicit sff_file(py::object path) : given_path(path) {
-        auto info = std::make_shared<sff_header_info>();
-        info->path = fs_path(path);
+        auto info = std::make_shared<sff_header_info>(fs_path(path));
         check_readable(info->path, path);
-        bool header_read = false;
-        library_result r = call_library([&] {
-            fetcher_ = std::make_unique<reader>(info->path);
-            header_read = fetcher_->get_header();
-            if (header_read) info->take(*fetcher_);
-        });
-        // A file too short for the header's fixed part is no SFF file either.
-        r.failed = r.failed || !header_read;
-        raise_or_warn(r);
+        sorvexa::status failed;
+        diagnostics said;
+        {
+            py::gil_scoped_release released;
+            reader rd(info->path);
+            rd.diagnostics = said.sink();
+            if (rd.get_header())
+                info->take(rd);
+            else  // a file too short for the header's fixed part is no SFF file either
+                failed = rd.error.ok ? sorvexa::status::failure(said.lines) : rd.error;
+        }
+        report(failed, said.lines);
         file = std::move(info);
+        one_file_.sff_names = {file->path};
+        fetcher_ = std::make_unique<read_fetcher>(one_file_);
+        fetcher_->diagnostics = said_.sink();
     }
 
     const std::shared_ptr<name_index>& index() {
         check_open();
-        // Once built the index never changes, so a lookup needs neither the lock nor a trip
+        // Once built the index never changes: a lookup needs neither the lock nor a trip
         // without the GIL.
         if (index_ready_.load(std::memory_order_acquire)) return index_;
-        const library_result r = call_library([&] {
+        std::string said;
+        sorvexa::status failed;
+        {
+            py::gil_scoped_release released;
             std::lock_guard lock(index_mutex_);
-            if (index_ready_.load(std::memory_order_relaxed)) return;
+            if (index_) return index_;
             auto i = std::make_shared<name_index>();
-            i->lookup.index_files({file->path});
-            index_ = std::move(i);
-            index_ready_.store(true, std::memory_order_release);
-        });
-        raise_or_warn(r);
+            diagnostics walk;
+            i->lookup.skip_index_block = true;
+            i->lookup.diagnostics = walk.sink();
+            failed = i->lookup.index_files({file->path});
+            if (failed) {
+                index_ = std::move(i);
+                index_ready_.store(true, std::memory_order_release);
+            }
+            said = walk.take();
+        }
+        report(failed, said);
         return index_;
     }
 
-    py::object fetch(std::int64_t pos) {
+    std::unique_ptr<sff_record> record_at(std::int64_t pos) {
         check_open();
         if (pos < 0) throw py::value_error("a record offset is never negative");
         std::unique_ptr<sff_record> out;
-        const library_result r = call_library([&] {
+        sorvexa::status failed;
+        std::string said;
+        {
+            py::gil_scoped_release released;
             std::lock_guard lock(fetch_mutex_);
-            if (!fetcher_) return;  // closed by another thread meanwhile
-            // An earlier fetch that ran past the end of the file leaves the stream failed;
-            // each fetch starts afresh.
-            fetcher_->sff_file.clear();
-            fetcher_->get_record(pos);
-            out = std::make_unique<sff_record>(file, pos, fetcher_->cur_read);
-        });
-        raise_or_warn(r);
-        if (!out) check_open();
-        return wrap(std::move(out));
+            if (fetcher_ != nullptr) {
+                if (reader* rd = fetcher_->record({0, pos}, failed))
+                    out = std::make_unique<sff_record>(file, pos, rd->cur_read);
+                said = said_.take();
+            }
+        }
+        report(failed, said);
+        if (!out) check_open();  // closed by another thread meanwhile
+        return out;
     }
 
-    py::object get(const py::str& name) {
-        const std::string key = bytes_of(name);
-        const name_index* i = index().get();  // the file holds it as long as it lives
-        auto found = i->map().find(key);
-        if (found == i->map().end()) raise_key_error(name);
-        return fetch(found->second);
+    std::unique_ptr<sff_record> get(const py::str& name) {
+        auto i = index();
+        return record_at(i->at(name));
+    }
+
+    sff_batch fetch(const py::iterable& names) {
+        const std::shared_ptr<name_index> i = index();
+        std::vector<py::handle> asked;
+        std::vector<std::int64_t> at, asked_at;
+        for (py::handle name : names) {
+            asked.push_back(name);
+            asked_at.push_back(i->at(name));
+        }
+        // One row a record, in file order: the file is read once, its reader never stepping
+        // back, and every array is filled where it lies.
+        at = asked_at;
+        std::sort(at.begin(), at.end());
+        at.erase(std::unique(at.begin(), at.end()), at.end());
+        const std::size_t m = at.size(), width = file->fixed.number_of_flows_per_read;
+        sff_batch b;
+        py::array_t<std::int64_t> rows(static_cast<py::ssize_t>(asked.size()));
+        std::vector<py::handle> row_names(m);
+        for (std::size_t k = 0; k < asked.size(); ++k) {
+            const auto row = std::lower_bound(at.begin(), at.end(), asked_at[k]) - at.begin();
+            rows.mutable_data()[k] = row;
+            if (!row_names[static_cast<std::size_t>(row)]) row_names[static_cast<std::size_t>(row)] = asked[k];
+        }
+        for (py::handle name : row_names) b.names.append(name);
+        std::vector<read_location> wanted;
+        // A whole record has fewer per-base values than its stretch of the file has bytes
+        // after its fixed part and flowgram: reserved so, the buffers never move.
+        std::int64_t room = 0;
+        for (std::size_t j = 0; j < m; ++j) {
+            wanted.push_back({0, at[j]});
+            const std::int64_t end = j + 1 < m ? at[j + 1] : i->lookup.stamps[0].size;
+            room += std::max<std::int64_t>(end - at[j] - 16 - 2 * static_cast<std::int64_t>(width), 0) / 3;
+        }
+        std::vector<char> bases;
+        std::vector<std::uint8_t> qualities, flow_index;
+        bases.reserve(static_cast<std::size_t>(room));
+        qualities.reserve(static_cast<std::size_t>(room));
+        flow_index.reserve(static_cast<std::size_t>(room));
+        const auto rows_made = static_cast<py::ssize_t>(m);
+        py::array_t<std::uint16_t> flowgrams({rows_made, static_cast<py::ssize_t>(width)});
+        py::array_t<std::uint16_t> clips({rows_made, py::ssize_t{4}});
+        py::array_t<std::int64_t> offsets(rows_made + 1), positions(rows_made, at.data());
+        std::uint16_t* grams = flowgrams.mutable_data();
+        std::uint16_t* clip = clips.mutable_data();
+        std::int64_t* o = offsets.mutable_data();
+        std::fill_n(o, m + 1, 0);
+        sorvexa::status failed;
+        std::string said;
+        {
+            py::gil_scoped_release released;
+            std::lock_guard lock(fetch_mutex_);
+            if (fetcher_ != nullptr) {
+                failed = fetcher_->fetch(wanted, true, [&](std::size_t j, reader& rd, bool) {
+                    const sff_read& r = rd.cur_read;
+                    const std::size_t flows = std::min(width, r.flowgram_values.size());
+                    std::uint16_t* row = grams + j * width;
+                    std::copy_n(r.flowgram_values.data(), flows, row);
+                    std::fill(row + flows, row + width, std::uint16_t{0});
+                    std::uint16_t* c = clip + 4 * j;
+                    c[0] = r.clip_qual_left, c[1] = r.clip_qual_right;
+                    c[2] = r.clip_adapter_left, c[3] = r.clip_adapter_right;
+                    const std::size_t held = r.bases_held();
+                    bases.insert(bases.end(), r.bases.data(), r.bases.data() + held);
+                    qualities.insert(qualities.end(), r.quality_scores.data(), r.quality_scores.data() + held);
+                    flow_index.insert(flow_index.end(), r.flow_index_per_base.data(),
+                                      r.flow_index_per_base.data() + held);
+                    o[j + 1] = static_cast<std::int64_t>(bases.size());
+                });
+                said = said_.take();
+            }
+        }
+        report(failed, said);
+        check_open();
+        b.flowgrams = flowgrams, b.offsets = offsets, b.clips = clips, b.record_offsets = positions;
+        b.rows = rows;
+        b.bases = owning(std::move(bases), py::dtype("S1"));
+        b.qualities = owning(std::move(qualities), py::dtype::of<std::uint8_t>());
+        b.flow_index = owning(std::move(flow_index), py::dtype::of<std::uint8_t>());
+        return b;
     }
 
     bool contains(const py::object& name) {
-        if (!PyUnicode_Check(name.ptr())) return false;
-        const std::string key = bytes_of(name);
-        return index()->map().count(key) != 0;
+        return PyUnicode_Check(name.ptr()) && index()->map().contains(bytes_of(name));
     }
 
     void close() {
@@ -367,8 +371,10 @@ class sff_file {
     }
 
   private:
+    read_lookup one_file_;  // names the file for the fetcher; record_at needs no index
     std::mutex fetch_mutex_;
-    std::unique_ptr<reader> fetcher_;
+    std::unique_ptr<read_fetcher> fetcher_;
+    diagnostics said_;
     std::mutex index_mutex_;
     std::shared_ptr<name_index> index_;
     std::atomic<bool> index_ready_{false};
@@ -378,216 +384,141 @@ class sff_file {
 // The kept range as a slice of the bases: from the larger left clip to the smaller right
 // clip, as the library cuts it (an empty or inverted range gives an empty slice).
 py::slice kept_slice(const sff_record& r) {
-    sff_read header;
-    header.number_of_bases = r.number_of_bases;
-    header.clip_qual_left = r.clip_qual_left;
-    header.clip_qual_right = r.clip_qual_right;
-    header.clip_adapter_left = r.clip_adapter_left;
-    header.clip_adapter_right = r.clip_adapter_right;
-    const std::int64_t first = std::max<std::int64_t>(header.get_base_start() - 1, 0);
-    const std::int64_t end = std::max<std::int64_t>(header.get_base_end(), first);
+    const std::int64_t first = std::max<std::int64_t>(r.fixed_part.get_base_start() - 1, 0);
+    const std::int64_t end = std::max<std::int64_t>(r.fixed_part.get_base_end(), first);
     return py::slice(py::int_(first), py::int_(end), py::none());
 }
 
-// The attributes and methods of sorvexa.SffRecord. Each runs its body under `guarded`, which
-// turns a C++ exception (one of pybind11's, carrying a Python error) into the error the
-// interpreter expects from a type slot.
-template <class F>
-PyObject* guarded(F&& body) {
-    try {
-        return body().release().ptr();
-    } catch (py::error_already_set& e) {
-        e.restore();
-    } catch (const std::bad_alloc&) {
-        PyErr_NoMemory();
-    } catch (const std::exception& e) {
-        PyErr_SetString(PyExc_RuntimeError, e.what());
-    }
-    return nullptr;
+const sff_record& rec(py::handle self) {
+    return self.cast<const sff_record&>();
 }
 
-template <py::object (*F)(PyObject*)>
-PyObject* attribute(PyObject* self, void*) {
-    return guarded([&] { return F(self); });
-}
+}  // namespace
 
-py::object record_name(PyObject* self) {
-    return text({rec(self).name(), rec(self).name_size});
-}
-py::object record_offset(PyObject* self) {
-    return py::int_(rec(self).offset);
-}
-py::object record_bases(PyObject* self) {
-    return text({rec(self).base_chars(), rec(self).bases});
-}
-py::object record_qualities(PyObject* self) {
-    return view(rec(self).qualities(), rec(self).bases, self);
-}
-py::object record_flowgram(PyObject* self) {
-    return view(rec(self).flowgram(), rec(self).flows, self);
-}
-py::object record_flow_index(PyObject* self) {
-    return view(rec(self).flow_index(), rec(self).bases, self);
-}
-template <auto Member>
-py::object record_number(PyObject* self) {
-    return py::int_(rec(self).*Member);
-}
-py::object record_kept(PyObject* self) {
-    return kept_slice(rec(self));
-}
-py::object record_flow_chars(PyObject* self) {
-    return text(rec(self).file->flow_chars);
-}
-py::object record_key(PyObject* self) {
-    return text(rec(self).file->key);
-}
-
-PyGetSetDef record_attributes[] = {
-    {"name", attribute<record_name>, nullptr, "The read's name (all of its bytes).", nullptr},
-    {"offset", attribute<record_offset>, nullptr, "Byte offset of the record in its file.",
-     nullptr},
-    {"bases", attribute<record_bases>, nullptr,
-     "Every called base, key and clipped parts included, as stored (upper case).", nullptr},
-    {"qualities", attribute<record_qualities>, nullptr, "Phred quality of each base (numpy uint8).",
-     nullptr},
-    {"flowgram", attribute<record_flowgram>, nullptr,
-     "Every flow value of the read in hundredths, 101 meaning 1.01 (numpy uint16).", nullptr},
-    {"flow_index_per_base", attribute<record_flow_index>, nullptr,
-     "For each base, how many flows past the previous base's flow it was called (numpy "
-     "uint8); the running sum less one is the 0-based flow of the base.",
-     nullptr},
-    {"number_of_bases", attribute<record_number<&sff_record::number_of_bases>>, nullptr,
-     "The base count the record declares.", nullptr},
-    {"number_of_flows", attribute<record_number<&sff_record::number_of_flows>>, nullptr,
-     "Flows per read, as the file's header gives it.", nullptr},
-    {"clip_qual_left", attribute<record_number<&sff_record::clip_qual_left>>, nullptr,
-     "1-based first base kept by quality (0: none given).", nullptr},
-    {"clip_qual_right", attribute<record_number<&sff_record::clip_qual_right>>, nullptr,
-     "1-based last base kept by quality (0: none given).", nullptr},
-    {"clip_adapter_left", attribute<record_number<&sff_record::clip_adapter_left>>, nullptr,
-     "1-based first base after the adapter (0: none given).", nullptr},
-    {"clip_adapter_right", attribute<record_number<&sff_record::clip_adapter_right>>, nullptr,
-     "1-based last base before the adapter (0: none given).", nullptr},
-    {"kept", attribute<record_kept>, nullptr,
-     "The kept bases as a slice: from the larger left clip to the smaller right clip, so "
-     "that ``record.bases[record.kept]`` are the bases a run writes.",
-     nullptr},
-    {"flow_chars", attribute<record_flow_chars>, nullptr,
-     "The file's flow order, one letter per flow.", nullptr},
-    {"key", attribute<record_key>, nullptr,
-     "The file's key sequence (the first bases of every read).", nullptr},
-    {nullptr, nullptr, nullptr, nullptr, nullptr},
-};
-
-PyObject* record_kept_read(PyObject* self, PyObject*) {
-    return guarded([&] {
-        const seqRead s(rec(self).as_library_read());
-        return py::cast(kept_read{s.name, std::string(s.bases.begin(), s.bases.end()),
-                                  s.quality_scores, s.flow_indexes});
-    });
-}
-
-PyMethodDef record_methods[] = {
-    {"kept_read", record_kept_read, METH_NOARGS,
-     "kept_read()\n--\n\nThe read as a run writes it: its kept bases with their qualities "
-     "and the 0-based flow that called each\n(counted from the read's first flow, key "
-     "included), as a KeptRead."},
-    {nullptr, nullptr, 0, nullptr},
-};
-
-Py_ssize_t record_length(PyObject* self) {
-    return static_cast<Py_ssize_t>(rec(self).bases);
-}
-
-PyObject* record_repr(PyObject* self) {
-    return guarded([&] {
-        const sff_record& r = rec(self);
-        return text("<sorvexa.SffRecord " +
-                    py::repr(text({r.name(), r.name_size})).cast<std::string>() + ", " +
-                    std::to_string(r.bases) + " bases, " + std::to_string(r.flows) + " flows>");
-    });
-}
-
-void record_dealloc(PyObject* self) {
-    PyTypeObject* type = Py_TYPE(self);
-    delete reinterpret_cast<record_object*>(self)->record;
-    type->tp_free(self);
-    Py_DECREF(type);
-}
-
-constexpr const char* record_doc =
-    R"doc(One read record of an SFF file, as the file holds it (nothing cut).
+void bind_sff(py::module_& m) {
+    py::class_<sff_record>(m, "SffRecord", R"doc(
+One read record of an SFF file, as the file holds it (nothing cut).
 
 The array attributes are read-only numpy views on the record's own decoded data:
 reading them copies nothing; call ``.copy()`` on one to change it. A record whose counts
 run past the end of its file holds what the file has, zeros where it stops. Records come
 from an SffFile (iteration, ``f[name]``, ``record_at``); ``len(record)`` is the number of
 bases it holds.
-)doc";
-
-py::object make_record_type() {
-    PyType_Slot slots[] = {
-        {Py_tp_doc, const_cast<char*>(record_doc)},
-        {Py_tp_dealloc, reinterpret_cast<void*>(record_dealloc)},
-        {Py_tp_repr, reinterpret_cast<void*>(record_repr)},
-        {Py_tp_getset, record_attributes},
-        {Py_tp_methods, record_methods},
-        {Py_sq_length, reinterpret_cast<void*>(record_length)},
-        {0, nullptr},
-    };
-    // Made only by the module: a record without its data cannot be made from Python (before
-    // Python 3.10, whose flag says so, by taking the inherited constructor away).
-#ifdef Py_TPFLAGS_DISALLOW_INSTANTIATION
-    constexpr unsigned int flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_DISALLOW_INSTANTIATION;
-#else
-    constexpr unsigned int flags = Py_TPFLAGS_DEFAULT;
-#endif
-    PyType_Spec layout = {"sorvexa.SffRecord", sizeof(record_object), 0, flags, slots};
-    auto type = py::reinterpret_steal<py::object>(PyType_FromSpec(&layout));
-    if (!type) throw py::error_already_set();
-    record_type = reinterpret_cast<PyTypeObject*>(type.ptr());
-#ifndef Py_TPFLAGS_DISALLOW_INSTANTIATION
-    record_type->tp_new = nullptr;
-#endif
-    return type;
-}
-
-}  // namespace
-
-void bind_sff(py::module_& m) {
-    m.attr("SffRecord") = make_record_type();
-
-    py::class_<kept_read>(m, "KeptRead", "A read cut to its kept bases, as a run writes it.")
+)doc")
         .def_property_readonly(
-            "name", [](const kept_read& k) { return text(k.name); }, "The read's name.")
+            "name", [](const sff_record& r) { return text({r.name(), r.name_size}); },
+            "The read's name (all of its bytes).")
+        .def_readonly("offset", &sff_record::offset, "Byte offset of the record in its file.")
         .def_property_readonly(
-            "bases", [](const kept_read& k) { return text(k.bases); }, "The kept bases.")
+            "bases", [](const sff_record& r) { return text({r.base_chars(), r.bases}); },
+            "Every called base, key and clipped parts included, as stored (upper case).")
         .def_property_readonly(
-            "qualities", [](const kept_read& k) { return copy_array(k.qualities); },
-            "Quality of each kept base (numpy int16).")
+            "qualities", [](py::handle s) { return view(rec(s).qualities(), rec(s).bases, s); },
+            "Phred quality of each base (numpy uint8).")
         .def_property_readonly(
-            "flows", [](const kept_read& k) { return copy_array(k.flows); },
-            "For each kept base, the 0-based flow that called it, counted from the read's "
-            "first flow (numpy int16): an index into the record's flowgram.")
+            "flowgram", [](py::handle s) { return view(rec(s).flowgram(), rec(s).flows, s); },
+            "Every flow value of the read in hundredths, 101 meaning 1.01 (numpy uint16).")
+        .def_property_readonly(
+            "flow_index_per_base",
+            [](py::handle s) { return view(rec(s).flow_index(), rec(s).bases, s); },
+            "For each base, how many flows past the previous base's flow it was called (numpy "
+            "uint8); the running sum less one is the 0-based flow of the base.")
+        .def_property_readonly(
+            "number_of_bases", [](const sff_record& r) { return r.fixed_part.number_of_bases; },
+            "The base count the record declares.")
+        .def_property_readonly(
+            "number_of_flows", [](const sff_record& r) { return r.fixed_part.numOfFlows; },
+            "Flows per read, as the file's header gives it.")
+        .def_property_readonly(
+            "clip_qual_left", [](const sff_record& r) { return r.fixed_part.clip_qual_left; },
+            "1-based first base kept by quality (0: none given).")
+        .def_property_readonly(
+            "clip_qual_right", [](const sff_record& r) { return r.fixed_part.clip_qual_right; },
+            "1-based last base kept by quality (0: none given).")
+        .def_property_readonly(
+            "clip_adapter_left", [](const sff_record& r) { return r.fixed_part.clip_adapter_left; },
+            "1-based first base after the adapter (0: none given).")
+        .def_property_readonly(
+            "clip_adapter_right",
+            [](const sff_record& r) { return r.fixed_part.clip_adapter_right; },
+            "1-based last base before the adapter (0: none given).")
+        .def_property_readonly("kept", &kept_slice,
+                               "The kept bases as a slice: from the larger left clip to the "
+                               "smaller right clip, so that ``record.bases[record.kept]`` are "
+                               "the bases a run writes.")
+        .def_property_readonly(
+            "flow_chars", [](const sff_record& r) { return text(r.file->flow_chars); },
+            "The file's flow order, one letter per flow.")
+        .def_property_readonly(
+            "key", [](const sff_record& r) { return text(r.file->key); },
+            "The file's key sequence (the first bases of every read).")
+        .def("_kept_read", [](const sff_record& r) {  // sorvexa.KeptRead's values
+            const seqRead k = r.kept();
+            return py::make_tuple(text(k.name), text({k.bases.data(), k.bases.size()}),
+                                  copy_array(k.quality_scores), copy_array(k.flow_indexes));
+        })
         .def(
-            "__len__", [](const kept_read& k) { return k.bases.size(); },
-            "The number of kept bases.")
-        .def("__repr__", [](const kept_read& k) {
-            return "<sorvexa.KeptRead " + py::repr(text(k.name)).cast<std::string>() + ", " +
-                   std::to_string(k.bases.size()) + " bases>";
+            "__len__", [](const sff_record& r) { return r.bases; },
+            "The number of bases the record holds (fewer than it declares when the file "
+            "ends inside it).")
+        .def("__repr__", [](const sff_record& r) {
+            return "<sorvexa.SffRecord " +
+                   py::repr(text({r.name(), r.name_size})).cast<std::string>() + ", " +
+                   std::to_string(r.bases) + " bases, " + std::to_string(r.flows) + " flows>";
+        });
+
+    py::class_<sff_batch>(m, "SffBatch", R"doc(
+Records fetched at once by SffFile.fetch(names), as arrays: a row a record, in file order
+(as the file was read), each record once however often its name was asked for.
+
+    names             the name of each row
+    rows              (len(names asked),) int64: the row of each name asked, so that
+                      ``flowgrams[rows]`` are the flowgrams in the order asked
+    flowgrams         (n, flows_per_read) uint16, a flowgram a row, in hundredths
+    offsets           (n + 1,) int64: row i's bases, qualities and flow indexes are
+                      ``bases[offsets[i]:offsets[i + 1]]`` and so on
+    bases             every row's bases concatenated (numpy 'S1', a letter an element)
+    qualities         every row's base qualities concatenated (uint8)
+    flow_index_per_base  every row's flow indexes concatenated (uint8)
+    clips             (n, 4) uint16: clip_qual_left, clip_qual_right, clip_adapter_left,
+                      clip_adapter_right
+    record_offsets    (n,) int64: each record's byte offset in the file, ascending
+
+A row holds what the record fetched alone holds: of a record cut short the bases the file
+has, its flowgram padded with zeros. The arrays are the batch's own, and writeable.
+)doc")
+        .def_readonly("names", &sff_batch::names, "The name of each row (a list).")
+        .def_readonly("rows", &sff_batch::rows,
+                      "The row of each name asked for, in the order asked (int64).")
+        .def_readonly("flowgrams", &sff_batch::flowgrams,
+                      "One flowgram a row, in hundredths ((n, flows_per_read) uint16).")
+        .def_readonly("offsets", &sff_batch::offsets,
+                      "Where each row's per-base values start in the concatenated arrays, "
+                      "and where the last one ends ((n + 1,) int64).")
+        .def_readonly("bases", &sff_batch::bases, "Every row's bases, concatenated ('S1').")
+        .def_readonly("qualities", &sff_batch::qualities,
+                      "Every row's base qualities, concatenated (uint8).")
+        .def_readonly("flow_index_per_base", &sff_batch::flow_index,
+                      "Every row's flow index per base, concatenated (uint8).")
+        .def_readonly("clips", &sff_batch::clips,
+                      "The four clips of each row ((n, 4) uint16, in SffRecord's order).")
+        .def_readonly("record_offsets", &sff_batch::record_offsets,
+                      "Each row's record offset in the file ((n,) int64).")
+        .def(
+            "__len__", [](const sff_batch& b) { return b.names.size(); }, "The number of rows.")
+        .def("__repr__", [](const sff_batch& b) {
+            return "<sorvexa.SffBatch of " + std::to_string(b.names.size()) + " records>";
         });
 
     py::class_<record_walk>(m, "SffIterator", "Iterator over an SFF file's records.")
         .def(
             "__iter__", [](py::object self) { return self; }, "The iterator itself.")
-        .def("__next__", &record_walk::next,
-             "The next record; a few dozen are read ahead at a time without the GIL.");
+        .def("__next__", &record_walk::next, "The next record, read without the GIL.");
 
     py::class_<index_iterator>(m, "ReadIndexIterator", "Iterator over a ReadIndex.")
         .def(
             "__iter__", [](py::object self) { return self; }, "The iterator itself.")
-        .def("__next__", &index_iterator::next, "The next name, offset or pair.");
+        .def("__next__", &index_iterator::next, "The next name.");
 
     py::class_<name_index, std::shared_ptr<name_index>>(m, "ReadIndex", R"doc(
 An SFF file's read names mapped to the byte offsets of their records, as a run builds it:
@@ -596,53 +527,16 @@ wins. A read-only mapping (``collections.abc.Mapping``) kept in C++, about 70 by
 )doc")
         .def(
             "__len__", [](const name_index& i) { return i.map().size(); }, "The number of names.")
-        .def(
-            "__getitem__",
-            [](const name_index& i, const py::str& name) {
-                auto found = i.map().find(bytes_of(name));
-                if (found == i.map().end()) raise_key_error(name);
-                return found->second;
-            },
-            "The record offset of a name.")
+        .def("__getitem__", &name_index::at, "The record offset of a name.")
         .def(
             "__contains__",
             [](const name_index& i, const py::object& name) {
-                return PyUnicode_Check(name.ptr()) && i.map().count(bytes_of(name)) != 0;
+                return PyUnicode_Check(name.ptr()) && i.map().contains(bytes_of(name));
             },
             "Whether the index holds a name.")
         .def(
-            "get",
-            [](const name_index& i, const py::object& name, py::object fallback) -> py::object {
-                if (!PyUnicode_Check(name.ptr())) return fallback;
-                auto found = i.map().find(bytes_of(name));
-                return found == i.map().end() ? fallback : py::int_(found->second);
-            },
-            py::arg("name"), py::arg("default") = py::none(),
-            "The record offset of a name, or `default`.")
-        .def(
-            "__iter__",
-            [](std::shared_ptr<name_index> i) {
-                return index_iterator(std::move(i), index_iterator::kind::keys);
-            },
+            "__iter__", [](std::shared_ptr<name_index> i) { return index_iterator(std::move(i)); },
             "The names, in no particular order.")
-        .def(
-            "keys",
-            [](std::shared_ptr<name_index> i) {
-                return index_iterator(std::move(i), index_iterator::kind::keys);
-            },
-            "The names, in no particular order.")
-        .def(
-            "values",
-            [](std::shared_ptr<name_index> i) {
-                return index_iterator(std::move(i), index_iterator::kind::values);
-            },
-            "The offsets, in the order of keys().")
-        .def(
-            "items",
-            [](std::shared_ptr<name_index> i) {
-                return index_iterator(std::move(i), index_iterator::kind::items);
-            },
-            "(name, offset) pairs, in the order of keys().")
         .def("__repr__", [](const name_index& i) {
             return "<sorvexa.ReadIndex of " + std::to_string(i.map().size()) + " reads>";
         });
@@ -654,14 +548,14 @@ An SFF (454 flowgram) file, in either byte order.
 
 Opening reads the header: a file that cannot be opened raises OSError
 (FileNotFoundError, PermissionError, IsADirectoryError), one that is not SFF raises
-FormatError. Iterating gives every record in file order (the index block is stepped
-over); ``f[name]`` fetches one record through the read index, which the first lookup
-builds (``index()``). Iteration, indexing and fetching run without the GIL.
+FormatError. Iterating gives every record in file order (an index block among the reads
+is stepped over); ``f[name]`` fetches one record through the read index, which the first
+lookup builds (``index()``); ``f.fetch(names)`` fetches many at once into the arrays of
+an SffBatch. Iteration, indexing and fetching run without the GIL.
 )doc")
         .def(py::init<py::object>(), py::arg("path"),
              "Opens an SFF file (str, bytes or os.PathLike) and reads its header.")
-        .def_property_readonly(
-            "path", [](const sff_file& f) { return f.given_path; }, "The path as given.")
+        .def_readonly("path", &sff_file::given_path, "The path as given.")
         .def_property_readonly(
             "flow_chars", [](const sff_file& f) { return text(f.file->flow_chars); },
             "The flow order, one letter per flow.")
@@ -669,28 +563,33 @@ builds (``index()``). Iteration, indexing and fetching run without the GIL.
             "key", [](const sff_file& f) { return text(f.file->key); },
             "The key sequence that starts every read.")
         .def_property_readonly(
-            "number_of_reads", [](const sff_file& f) { return f.file->number_of_reads; },
+            "number_of_reads", [](const sff_file& f) { return f.file->fixed.number_of_reads; },
             "The read count the header declares.")
         .def_property_readonly(
-            "flows_per_read", [](const sff_file& f) { return f.file->flows_per_read; },
+            "flows_per_read",
+            [](const sff_file& f) { return f.file->fixed.number_of_flows_per_read; },
             "Flows per read.")
         .def_property_readonly(
             "byte_order", [](const sff_file& f) { return f.file->big_endian ? "big" : "little"; },
             "'big' (the standard) or 'little'.")
         .def_property_readonly(
-            "header_length", [](const sff_file& f) { return f.file->header_length; },
+            "header_length", [](const sff_file& f) { return f.file->fixed.header_length; },
             "Bytes before the first record.")
         .def_property_readonly(
-            "index_offset", [](const sff_file& f) { return f.file->index_offset; },
+            "index_offset", [](const sff_file& f) { return f.file->fixed.index_offset; },
             "Where the file's own index block lies (0: none).")
         .def_property_readonly(
-            "index_length", [](const sff_file& f) { return f.file->index_length; },
+            "index_length", [](const sff_file& f) { return f.file->fixed.index_length; },
             "Length of the file's own index block.")
         .def_property_readonly(
-            "version", [](const sff_file& f) { return py::bytes(f.file->version); },
+            "version",
+            [](const sff_file& f) {
+                return py::bytes(reinterpret_cast<const char*>(f.file->fixed.version), 4);
+            },
             "The four version bytes.")
         .def_property_readonly(
-            "flowgram_format_code", [](const sff_file& f) { return f.file->flowgram_format_code; },
+            "flowgram_format_code",
+            [](const sff_file& f) { return int{f.file->fixed.flowgram_format_code}; },
             "1 for flow values in hundredths.")
         .def(
             "__iter__",
@@ -703,12 +602,16 @@ builds (``index()``). Iteration, indexing and fetching run without the GIL.
              "The read index (a ReadIndex), built on first use by one pass over the file.")
         .def("__getitem__", &sff_file::get, py::arg("name"),
              "The record of a read name (KeyError when the index has none).")
+        .def("fetch", &sff_file::fetch, py::arg("names"),
+             "The records of many read names at once, as an SffBatch whose row i is the "
+             "record of names[i]\n(KeyError for a name the index does not hold). However "
+             "the names are ordered, the file is read once, in file order.")
         .def("__contains__", &sff_file::contains, py::arg("name"),
              "Whether the read index holds a name.")
         .def(
             "__len__", [](sff_file& f) { return f.index()->map().size(); },
             "The number of names in the read index.")
-        .def("record_at", &sff_file::fetch, py::arg("offset"),
+        .def("record_at", &sff_file::record_at, py::arg("offset"),
              "The whole record at a byte offset (as index() gives them).")
         .def("close", &sff_file::close, "Releases the file; iterators already made go on reading.")
         .def(
@@ -722,7 +625,7 @@ builds (``index()``). Iteration, indexing and fetching run without the GIL.
             "Closes the file.")
         .def("__repr__", [](const sff_file& f) {
             return "<sorvexa.SffFile " + py::repr(f.given_path).cast<std::string>() + ", " +
-                   std::to_string(f.file->number_of_reads) + " reads, " +
+                   std::to_string(f.file->fixed.number_of_reads) + " reads, " +
                    (f.file->big_endian ? "big" : "little") + "-endian>";
         });
 }

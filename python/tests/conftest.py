@@ -52,16 +52,14 @@ def reference_blocks(mode, path):
     return blocks
 
 
-def write_sff(path, records, flow_chars, key, little_endian):
-    """Writes an SFF file of Biopython-style raw records (dicts) in either byte order."""
+def write_sff(path, records, flow_chars, key, little_endian, index_block_at=None):
+    """Writes an SFF file of Biopython-style raw records (dicts) in either byte order; with
+    index_block_at, an index block of 20 bytes stands before that record."""
     e = "<" if little_endian else ">"
     flows = len(flow_chars)
-    head = struct.pack(e + "I", 0x2E736666) + bytes([0, 0, 0, 1])
     header_length = 31 + flows + len(key)
     header_length += -header_length % 8
-    head += struct.pack(e + "QIIHHHB", 0, 0, len(records), header_length, len(key), flows, 1)
-    head += flow_chars.encode() + key.encode()
-    out = [head + bytes(header_length - len(head))]
+    body = []
     for r in records:
         name = r["name"].encode()
         read_header_length = 16 + len(name)
@@ -71,5 +69,14 @@ def write_sff(path, records, flow_chars, key, little_endian):
         fixed += name + bytes(read_header_length - 16 - len(name))
         data = struct.pack(f"{e}{flows}H", *r["flowgram"]) + bytes(r["flow_index"])
         data += r["bases"].encode() + bytes(r["qualities"])
-        out.append(fixed + data + bytes(-len(data) % 8))
-    pathlib.Path(path).write_bytes(b"".join(out))
+        body.append(fixed + data + bytes(-len(data) % 8))
+    index_offset = index_length = 0
+    if index_block_at is not None:
+        index_offset = header_length + sum(map(len, body[:index_block_at]))
+        index_length = 20
+        body.insert(index_block_at, b".mft1.00" + bytes(range(1, 13)) + bytes(4))
+    head = struct.pack(e + "I", 0x2E736666) + bytes([0, 0, 0, 1])
+    head += struct.pack(e + "QIIHHHB", index_offset, index_length, len(records), header_length,
+                        len(key), flows, 1)
+    head += flow_chars.encode() + key.encode()
+    pathlib.Path(path).write_bytes(head + bytes(header_length - len(head)) + b"".join(body))

@@ -6,7 +6,7 @@
 //   sorvexa_py_reference sff FILE    per indexed name: its offset and the kept read that a
 //                                    run fetches there
 //
-// A fatal input error ends it with status 1, as it ends the tools.
+// A file the library refuses ends it with status 1, as it ends the tools.
 #include <algorithm>
 #include <cstdint>
 #include <iostream>
@@ -128,12 +128,13 @@ int ace(const std::string& path) {
         for (std::int32_t from : {1, length / 2, std::max(1, length - 20), length + 5})
             window(c, from, 60);
     }
-    return 0;
+    return reader.error ? 0 : 1;
 }
 
 int sff(const std::string& path) {
     read_lookup lookup;
-    lookup.index_files({path});
+    lookup.skip_index_block = true;
+    if (!lookup.index_files({path})) return 1;
     std::vector<std::pair<std::string, std::int64_t>> entries(lookup.indexes[0].begin(),
                                                               lookup.indexes[0].end());
     std::sort(entries.begin(), entries.end());

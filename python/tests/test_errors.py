@@ -164,9 +164,11 @@ def test_every_public_name_is_documented():
                                                        "__exit__"}:
                 continue
             lines = [line for line in (getattr(value, "__doc__", None) or "").splitlines() if line.strip()]
-            # Properties (pybind11's, and the attributes of a plain extension type) and
-            # slots of a plain type, whose text is the interpreter's own, need one line.
-            one_line = (property, types.GetSetDescriptorType, types.WrapperDescriptorType)
+            # Properties, slots, functions written in Python and the slot wrappers whose
+            # text is the interpreter's own need one line; pybind11's methods give a
+            # signature line besides.
+            one_line = (property, types.GetSetDescriptorType, types.WrapperDescriptorType,
+                        types.MemberDescriptorType, types.FunctionType)
             if len(lines) < (1 if isinstance(value, one_line) else 2):
                 undocumented.append(f"{name}.{attr}")
     assert undocumented == []

@@ -2,7 +2,10 @@
 own index and kept reads."""
 
 import io
+import random
 import warnings
+
+import numpy as np
 
 import pytest
 from Bio import SeqIO
@@ -234,3 +237,155 @@ def test_a_file_of_many_blocks_reads_whole(tmp_path, little_endian):
     names = [r["name"] for r in recs]
     assert [ours(f[name]) for name in names] == recs
     assert [ours(f[name]) for name in reversed(names)] == recs[::-1]
+
+
+def batch_rows(batch):
+    """Each row of a batch as ours() gives a record (the name as asked for)."""
+    o = batch.offsets.tolist()
+    return [{"name": name,
+             "bases": batch.bases[o[i]:o[i + 1]].tobytes().decode("utf-8", "surrogateescape"),
+             "qualities": batch.qualities[o[i]:o[i + 1]].tolist(),
+             "flowgram": batch.flowgrams[i].tolist(),
+             "flow_index": batch.flow_index_per_base[o[i]:o[i + 1]].tolist(),
+             "clips": tuple(batch.clips[i].tolist())} for i, name in enumerate(batch.names)]
+
+
+def varied_records(count, flows):
+    return [{"name": f"v{k:04d}", "bases": "ACGT"[k % 4] * (1 + k * 7 % 23),
+             "qualities": [(k + i) % 41 for i in range(1 + k * 7 % 23)],
+             "flowgram": [(k * 31 + i) % 65536 for i in range(flows)],
+             "flow_index": [1 + (k + i) % 3 for i in range(1 + k * 7 % 23)],
+             "clips": (5, k % 9, k % 3, 0)} for k in range(count)]
+
+
+def test_batch_holds_the_written_values_a_row_a_record_in_file_order(tmp_path):
+    a = {"name": "a", "bases": "TCAGGATT", "qualities": list(range(8)),
+         "flowgram": [101, 0, 99, 240, 3, 0, 1000, 65535], "flow_index": [1, 2, 1, 1, 3, 0, 1, 0],
+         "clips": (5, 7, 0, 0)}
+    b = {"name": "b", "bases": "TCAGCC", "qualities": [20] * 6,
+         "flowgram": [100, 0, 100, 100, 0, 0, 210, 7], "flow_index": [1] * 6, "clips": (5, 6, 6, 7)}
+    path = tmp_path / "two.sff"
+    write_sff(path, [a, b], "TACGTACG", "TCAG", little_endian=False)
+    batch = sorvexa.SffFile(path).fetch(["b", "a", "b"])
+    assert batch.names == ["a", "b"] and batch.rows.tolist() == [1, 0, 1]
+    assert batch.flowgrams.tolist() == [a["flowgram"], b["flowgram"]]
+    assert batch.offsets.tolist() == [0, 8, 14]
+    assert batch.bases.tobytes() == b"TCAGGATT" b"TCAGCC"
+    assert batch.qualities.tolist() == list(range(8)) + [20] * 6
+    assert batch.flow_index_per_base.tolist() == [1, 2, 1, 1, 3, 0, 1, 0] + [1] * 6
+    assert batch.clips.tolist() == [[5, 7, 0, 0], [5, 6, 6, 7]]
+    # a 48-byte header, then a's 24-byte read header and 40 bytes of data
+    assert batch.record_offsets.tolist() == [48, 112]
+    assert (batch.flowgrams.dtype, batch.bases.dtype, batch.qualities.dtype, batch.offsets.dtype,
+            batch.rows.dtype) == (np.uint16, np.dtype("S1"), np.uint8, np.int64, np.int64)
+
+
+@pytest.mark.parametrize("little_endian", [False, True], ids=["big", "little"])
+def test_batch_rows_are_the_records_asked_for(tmp_path, little_endian):
+    recs = varied_records(300, 12)
+    path = tmp_path / "varied.sff"
+    write_sff(path, recs, "TACG" * 3, "TCAG", little_endian)
+    f = sorvexa.SffFile(path)
+    names = [r["name"] for r in recs[::2]]
+    random.Random(7).shuffle(names)
+    names += names[:5]  # asked for twice, still one row
+    batch = f.fetch(names)
+    by_name = {r["name"]: r for r in recs}
+    rows = batch_rows(batch)
+    assert len(batch) == 150 and sorted(batch.names) == batch.names == sorted(set(names))
+    assert [rows[k] for k in batch.rows] == [by_name[n] for n in names]
+    assert batch.record_offsets.tolist() == [f.index()[n] for n in batch.names]
+
+    empty = f.fetch([])
+    assert empty.flowgrams.shape == (0, 12) and empty.offsets.tolist() == [0] and len(empty.bases) == 0
+    with pytest.raises(KeyError):
+        f.fetch(["v0001", "nobody"])
+
+
+@needs_samples
+@pytest.mark.parametrize("path", SFF_FILES, ids=lambda p: p.name)
+def test_batch_equals_records_fetched_one_by_one(path):
+    with warnings.catch_warnings():
+        warnings.simplefilter("ignore", sorvexa.FormatWarning)
+        f = sorvexa.SffFile(path)
+        names = sorted(f.index())
+        random.Random(1).shuffle(names)
+        batch = f.fetch(names)
+        one_by_one = [ours(f[n]) for n in names]
+    for record, name in zip(one_by_one, names):
+        record["name"] = name
+        record["flowgram"] += [0] * (f.flows_per_read - len(record["flowgram"]))
+    rows = batch_rows(batch)
+    assert [rows[k] for k in batch.rows] == one_by_one
+
+
+def cut_file(tmp_path):
+    """r1 declares 40 bases, but its file ends 30 bytes after its fixed part: inside its
+    flow indexes, past its 8 flow values."""
+    recs = varied_records(2, 8)
+    recs[1].update(bases="ACGT" * 10, qualities=[30] * 40, flow_index=list(range(1, 41)))
+    path = tmp_path / "cut.sff"
+    write_sff(path, recs, "TACGTACG", "TCAG", little_endian=False)
+    f = sorvexa.SffFile(path)
+    at = f.index()["v0001"]
+    f.close()
+    path.write_bytes(path.read_bytes()[: at + 16 + 30])
+    return path, recs
+
+
+def test_a_record_cut_short_holds_the_bases_the_file_has(tmp_path):
+    path, recs = cut_file(tmp_path)
+    with warnings.catch_warnings():
+        warnings.simplefilter("ignore", sorvexa.FormatWarning)
+        f = sorvexa.SffFile(path)
+        walked = list(f)[1]
+        fetched = f["v0001"]
+        batch = f.fetch(["v0001", "v0000", "v0001"])
+    # 8 bytes of name and padding, 16 of flow values, then 6 flow indexes.
+    for r in (walked, fetched):
+        assert r.number_of_bases == 40
+        assert len(r) == len(r.bases) == len(r.qualities) == 30
+        assert r.flowgram.tolist() == recs[1]["flowgram"]
+        assert r.flow_index_per_base.tolist() == list(range(1, 7)) + [0] * 24
+    assert batch.offsets.tolist() == [0, 1, 31] and batch.rows.tolist() == [1, 0, 1]
+    assert batch.flow_index_per_base[1:].tolist() == list(range(1, 7)) + [0] * 24
+
+
+def test_an_index_block_among_the_reads_is_stepped_over_alike(tmp_path):
+    recs = varied_records(3, 8)
+    path = tmp_path / "indexed.sff"
+    write_sff(path, recs, "TACGTACG", "TCAG", little_endian=False, index_block_at=2)
+    f = sorvexa.SffFile(path)
+    assert f.index_length == 20
+    walked = list(f)
+    assert [ours(r) for r in walked] == recs
+    assert {r.name: r.offset for r in walked} == dict(f.index())
+    assert walked[2].offset == f.index_offset + 24
+
+
+def test_record_attributes_raise_memory_error_when_an_allocation_fails(tmp_path):
+    """Each allocation an attribute makes is made to fail in turn: each time the attribute
+    raises MemoryError or gives its whole value, never a wrong one or another error."""
+    testcapi = pytest.importorskip("_testcapi")
+    path = tmp_path / "one.sff"
+    write_sff(path, varied_records(3, 8), "TACGTACG", "TCAG", little_endian=False)
+    record = sorvexa.SffFile(path)["v0002"]
+    arrays = lambda v: v.tolist()  # noqa: E731
+    attributes = {"name": str, "bases": str, "qualities": arrays,
+                  "flowgram": arrays, "flow_index_per_base": arrays,
+                  "kept_read": lambda k: (k.bases, k.qualities.tolist(), k.flows.tolist())}
+    for attribute, value in attributes.items():
+        access = (lambda r: r.kept_read()) if attribute == "kept_read" else (
+            lambda r, a=attribute: getattr(r, a))
+        expected, failures = value(access(record)), 0
+        for k in range(60):
+            testcapi.set_nomemory(k, k + 1)
+            try:
+                got = access(record)
+            except MemoryError:
+                failures += 1
+                continue
+            finally:
+                testcapi.remove_mem_hooks()
+            assert value(got) == expected, attribute
+        assert failures > 0, attribute
