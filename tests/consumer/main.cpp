@@ -14,7 +14,10 @@ int main(int argc, char** argv) {
     aceReader ace(argv[1]);
     contig c;
     if (ace.next_contig(c) != 1) {
-        std::cerr << "consumer: no contig in " << argv[1] << "\n";
+        // The library prints nothing: its message says why it stopped, when it did.
+        std::cerr << "consumer: " << (ace.error ? "no contig in " + std::string(argv[1])
+                                                : ace.error.message)
+                  << "\n";
         return 1;
     }
     std::vector<std::string> ids;
