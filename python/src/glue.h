@@ -5,8 +5,10 @@
 
 #include <pybind11/pybind11.h>
 
+#include <mutex>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include <sorvexa/status.h>
 
@@ -31,6 +33,25 @@ struct diagnostics {
 // Raises FormatError for a failed status (its message, or the diagnostics when it has
 // none), else turns the diagnostics into a FormatWarning. Needs the GIL.
 void report(const sorvexa::status& s, const std::string& said = {});
+
+// Runs f, which returns a status, without the GIL (holding `lock`, when given), then reports
+// that status with what `said` gathered meanwhile.
+template <class F>
+void call(diagnostics& said, F&& f, std::mutex* lock = nullptr) {
+    sorvexa::status s;
+    std::string lines;
+    {
+        py::gil_scoped_release released;
+        std::unique_lock held = lock ? std::unique_lock(*lock) : std::unique_lock<std::mutex>();
+        s = f();
+        lines = said.take();
+    }
+    report(s, lines);
+}
+template <class F>
+void call(std::mutex& lock, diagnostics& said, F&& f) {
+    call(said, std::forward<F>(f), &lock);
+}
 [[noreturn]] void raise_format_error(const std::string& message);
 [[noreturn]] void raise_key_error(py::handle key);
 

@@ -40,73 +40,18 @@ struct sff_header_info {
     }
 };
 
-// One record as the file holds it. The arrays sit in one buffer:
-// flowgram (uint16) | flow index per base | qualities | bases | name.
+// One record as the file holds it: the reader's values, copied.
 struct sff_record {
     std::shared_ptr<const sff_header_info> file;
     std::int64_t offset;
-    sff_read fixed_part;  // the counts and clips; its buffers are not used
-    std::size_t flows, bases, name_size;  // values held
-    std::unique_ptr<unsigned char[]> data;
-
-    const std::uint16_t* flowgram() const {
-        return reinterpret_cast<const std::uint16_t*>(data.get());
-    }
-    const std::uint8_t* flow_index() const { return data.get() + 2 * flows; }
-    const std::uint8_t* qualities() const { return flow_index() + bases; }
-    const char* base_chars() const { return reinterpret_cast<const char*>(qualities() + bases); }
-    const char* name() const { return base_chars() + bases; }
-
-    sff_record(std::shared_ptr<const sff_header_info> f, std::int64_t pos, const sff_read& r)
-        : file(std::move(f)),
-          offset(pos),
-          flows(std::min<std::size_t>(r.numOfFlows, r.flowgram_values.size())),
-          bases(r.bases_held()),
-          name_size(std::min<std::size_t>(r.name_length, r.name.size())),
-          data(std::make_unique_for_overwrite<unsigned char[]>(2 * flows + 4 * bases + name_size)) {
-        copy_counts(r, fixed_part);
-        unsigned char* p = data.get();
-        copy(p, r.flowgram_values.data(), 2 * flows);
-        for (const auto* part : {r.flow_index_per_base.data(), r.quality_scores.data(),
-                                 reinterpret_cast<const std::uint8_t*>(r.bases.data())})
-            copy(p, part, bases);
-        copy(p, r.name.data(), name_size);
-    }
-
-    static void copy_counts(const sff_read& from, sff_read& to) {
-        to.read_header_length = from.read_header_length;
-        to.name_length = from.name_length;
-        to.number_of_bases = from.number_of_bases;
-        to.clip_qual_left = from.clip_qual_left;
-        to.clip_qual_right = from.clip_qual_right;
-        to.clip_adapter_left = from.clip_adapter_left;
-        to.clip_adapter_right = from.clip_adapter_right;
-        to.numOfFlows = from.numOfFlows;
-    }
-
-    // An empty buffer of the reader may have no storage at all: nothing is copied from it.
-    static void copy(unsigned char*& to, const void* from, std::size_t n) {
-        if (n > 0) std::memcpy(to, from, n);
-        to += n;
-    }
-
-    // The kept bases as a run writes them, cut by the library's own rule.
-    seqRead kept() const {
-        sff_read r;
-        copy_counts(fixed_part, r);
-        r.name.assign(name(), name() + name_size);
-        r.flowgram_values.assign(flowgram(), flowgram() + flows);
-        r.flow_index_per_base.assign(flow_index(), flow_index() + bases);
-        r.quality_scores.assign(qualities(), qualities() + bases);
-        r.bases.assign(base_chars(), base_chars() + bases);
-        return seqRead(r);
-    }
+    sff_read read;
+    std::size_t bases() const { return read.bases_held(); }
 };
 
-// A read-only array viewing `n` values at `data`, kept alive through `owner`.
+// A read-only array viewing the first `n` values of `v`, kept alive through `owner`.
 template <class T>
-py::array view(const T* data, std::size_t n, py::handle owner) {
-    py::array a(py::dtype::of<T>(), {static_cast<py::ssize_t>(n)}, {}, data, owner);
+py::array view(const std::vector<T>& v, std::size_t n, py::handle owner) {
+    py::array a(py::dtype::of<T>(), {static_cast<py::ssize_t>(n)}, {}, v.data(), owner);
     py::detail::array_proxy(a.ptr())->flags &= ~py::detail::npy_api::NPY_ARRAY_WRITEABLE_;
     return a;
 }
@@ -132,11 +77,8 @@ class record_walk {
 
     std::unique_ptr<sff_record> next() {
         std::unique_ptr<sff_record> out;
-        sorvexa::status failed;
-        std::string said;
-        {
-            py::gil_scoped_release released;
-            std::lock_guard lock(mutex_);
+        call(mutex_, said_, [&] {
+            sorvexa::status failed;
             if (!rd_ && !done_) {
                 rd_ = std::make_unique<reader>(file_->path);
                 rd_->skip_index_block = true;
@@ -147,11 +89,10 @@ class record_walk {
             // The walk tells where a record lay only through an index it fills.
             where_.clear();
             if (!done_ && rd_->get_next_read(where_))
-                out = std::make_unique<sff_record>(file_, where_.begin()->second, rd_->cur_read);
+                out.reset(new sff_record{file_, where_.begin()->second, rd_->cur_read});
             done_ = !out;
-            said = said_.take();
-        }
-        report(failed, said);
+            return failed;
+        });
         if (!out) throw py::stop_iteration();
         return out;
     }
@@ -171,8 +112,7 @@ struct name_index {
     read_lookup lookup;
     const read_lookup::name_map& map() const { return lookup.indexes.front(); }
     std::int64_t at(const py::handle& name) const {
-        if (!PyUnicode_Check(name.ptr())) raise_key_error(name);
-        auto found = map().find(bytes_of(name));
+        auto found = PyUnicode_Check(name.ptr()) ? map().find(bytes_of(name)) : map().end();
         if (found == map().end()) raise_key_error(name);
         return found->second;
     }
@@ -207,18 +147,16 @@ class sff_file {
     explicit sff_file(py::object path) : given_path(path) {
         auto info = std::make_shared<sff_header_info>(fs_path(path));
         check_readable(info->path, path);
-        sorvexa::status failed;
-        diagnostics said;
-        {
-            py::gil_scoped_release released;
+        call(said_, [&] {
             reader rd(info->path);
-            rd.diagnostics = said.sink();
-            if (rd.get_header())
+            rd.diagnostics = said_.sink();
+            if (rd.get_header()) {
                 info->take(rd);
-            else  // a file too short for the header's fixed part is no SFF file either
-                failed = rd.error.ok ? sorvexa::status::failure(said.lines) : rd.error;
-        }
-        report(failed, said.lines);
+                return sorvexa::status{};
+            }
+            // A file too short for the header's fixed part is no SFF file either.
+            return rd.error.ok ? sorvexa::status::failure(said_.lines) : rd.error;
+        });
         file = std::move(info);
         one_file_.sff_names = {file->path};
         fetcher_ = std::make_unique<read_fetcher>(one_file_);
@@ -230,24 +168,17 @@ class sff_file {
         // Once built the index never changes: a lookup needs neither the lock nor a trip
         // without the GIL.
         if (index_ready_.load(std::memory_order_acquire)) return index_;
-        std::string said;
-        sorvexa::status failed;
-        {
-            py::gil_scoped_release released;
-            std::lock_guard lock(index_mutex_);
-            if (index_) return index_;
+        diagnostics said;
+        call(index_mutex_, said, [&] {
+            if (index_) return sorvexa::status{};
             auto i = std::make_shared<name_index>();
-            diagnostics walk;
             i->lookup.skip_index_block = true;
-            i->lookup.diagnostics = walk.sink();
-            failed = i->lookup.index_files({file->path});
-            if (failed) {
-                index_ = std::move(i);
-                index_ready_.store(true, std::memory_order_release);
-            }
-            said = walk.take();
-        }
-        report(failed, said);
+            i->lookup.diagnostics = said.sink();
+            const sorvexa::status indexed = i->lookup.index_files({file->path});
+            if (indexed) index_ = std::move(i);
+            index_ready_.store(indexed.ok, std::memory_order_release);
+            return indexed;
+        });
         return index_;
     }
 
@@ -255,101 +186,79 @@ class sff_file {
         check_open();
         if (pos < 0) throw py::value_error("a record offset is never negative");
         std::unique_ptr<sff_record> out;
-        sorvexa::status failed;
-        std::string said;
-        {
-            py::gil_scoped_release released;
-            std::lock_guard lock(fetch_mutex_);
-            if (fetcher_ != nullptr) {
-                if (reader* rd = fetcher_->record({0, pos}, failed))
-                    out = std::make_unique<sff_record>(file, pos, rd->cur_read);
-                said = said_.take();
-            }
-        }
-        report(failed, said);
+        call(fetch_mutex_, said_, [&] {
+            sorvexa::status failed;
+            if (reader* rd = fetcher_ ? fetcher_->record({0, pos}, failed) : nullptr)
+                out.reset(new sff_record{file, pos, rd->cur_read});
+            return failed;
+        });
         if (!out) check_open();  // closed by another thread meanwhile
         return out;
     }
 
-    std::unique_ptr<sff_record> get(const py::str& name) {
-        auto i = index();
-        return record_at(i->at(name));
-    }
+    std::unique_ptr<sff_record> get(const py::str& name) { return record_at(index()->at(name)); }
 
     sff_batch fetch(const py::iterable& names) {
         const std::shared_ptr<name_index> i = index();
-        std::vector<py::handle> asked;
-        std::vector<std::int64_t> at, asked_at;
-        for (py::handle name : names) {
-            asked.push_back(name);
-            asked_at.push_back(i->at(name));
-        }
-        // One row a record, in file order: the file is read once, its reader never stepping
-        // back, and every array is filled where it lies.
-        at = asked_at;
-        std::sort(at.begin(), at.end());
-        at.erase(std::unique(at.begin(), at.end()), at.end());
-        const std::size_t m = at.size(), width = file->fixed.number_of_flows_per_read;
+        using row = std::pair<std::int64_t, py::handle>;  // a record's offset and its name
+        std::vector<row> asked, rows;
+        for (py::handle name : names) asked.emplace_back(i->at(name), name);
+        // A row a record, in file order: the file is read once, its reader never stepping
+        // back, and every value goes straight to where it stays.
+        const auto before = [](const row& x, const row& y) { return x.first < y.first; };
+        rows = asked;
+        std::sort(rows.begin(), rows.end(), before);
+        rows.erase(std::unique(rows.begin(), rows.end(),
+                               [](const row& x, const row& y) { return x.first == y.first; }),
+                   rows.end());
+        const std::size_t n = rows.size(), width = file->fixed.number_of_flows_per_read;
+        const auto length = static_cast<py::ssize_t>(n);
         sff_batch b;
-        py::array_t<std::int64_t> rows(static_cast<py::ssize_t>(asked.size()));
-        std::vector<py::handle> row_names(m);
-        for (std::size_t k = 0; k < asked.size(); ++k) {
-            const auto row = std::lower_bound(at.begin(), at.end(), asked_at[k]) - at.begin();
-            rows.mutable_data()[k] = row;
-            if (!row_names[static_cast<std::size_t>(row)]) row_names[static_cast<std::size_t>(row)] = asked[k];
-        }
-        for (py::handle name : row_names) b.names.append(name);
-        std::vector<read_location> wanted;
+        py::array_t<std::int64_t> row_of(static_cast<py::ssize_t>(asked.size())),
+            positions(length), offsets(length + 1);
+        for (std::size_t k = 0; k < asked.size(); ++k)
+            row_of.mutable_data()[k] =
+                std::lower_bound(rows.begin(), rows.end(), asked[k], before) - rows.begin();
         // A whole record has fewer per-base values than its stretch of the file has bytes
         // after its fixed part and flowgram: reserved so, the buffers never move.
+        std::vector<read_location> wanted;
         std::int64_t room = 0;
-        for (std::size_t j = 0; j < m; ++j) {
-            wanted.push_back({0, at[j]});
-            const std::int64_t end = j + 1 < m ? at[j + 1] : i->lookup.stamps[0].size;
-            room += std::max<std::int64_t>(end - at[j] - 16 - 2 * static_cast<std::int64_t>(width), 0) / 3;
+        for (std::size_t j = 0; j < n; ++j) {
+            b.names.append(rows[j].second);
+            positions.mutable_data()[j] = rows[j].first;
+            wanted.push_back({0, rows[j].first});
+            const std::int64_t end = j + 1 < n ? rows[j + 1].first : i->lookup.stamps[0].size;
+            room += std::max<std::int64_t>(end - rows[j].first - 16 - 2 * std::int64_t(width), 0);
         }
         std::vector<char> bases;
         std::vector<std::uint8_t> qualities, flow_index;
-        bases.reserve(static_cast<std::size_t>(room));
-        qualities.reserve(static_cast<std::size_t>(room));
-        flow_index.reserve(static_cast<std::size_t>(room));
-        const auto rows_made = static_cast<py::ssize_t>(m);
-        py::array_t<std::uint16_t> flowgrams({rows_made, static_cast<py::ssize_t>(width)});
-        py::array_t<std::uint16_t> clips({rows_made, py::ssize_t{4}});
-        py::array_t<std::int64_t> offsets(rows_made + 1), positions(rows_made, at.data());
+        for (auto* v : {&qualities, &flow_index}) v->reserve(static_cast<std::size_t>(room / 3));
+        bases.reserve(static_cast<std::size_t>(room / 3));
+        py::array_t<std::uint16_t> flowgrams({length, py::ssize_t(width)}), clips({length, py::ssize_t{4}});
         std::uint16_t* grams = flowgrams.mutable_data();
         std::uint16_t* clip = clips.mutable_data();
         std::int64_t* o = offsets.mutable_data();
-        std::fill_n(o, m + 1, 0);
-        sorvexa::status failed;
-        std::string said;
-        {
-            py::gil_scoped_release released;
-            std::lock_guard lock(fetch_mutex_);
-            if (fetcher_ != nullptr) {
-                failed = fetcher_->fetch(wanted, true, [&](std::size_t j, reader& rd, bool) {
-                    const sff_read& r = rd.cur_read;
-                    const std::size_t flows = std::min(width, r.flowgram_values.size());
-                    std::uint16_t* row = grams + j * width;
-                    std::copy_n(r.flowgram_values.data(), flows, row);
-                    std::fill(row + flows, row + width, std::uint16_t{0});
-                    std::uint16_t* c = clip + 4 * j;
-                    c[0] = r.clip_qual_left, c[1] = r.clip_qual_right;
-                    c[2] = r.clip_adapter_left, c[3] = r.clip_adapter_right;
-                    const std::size_t held = r.bases_held();
-                    bases.insert(bases.end(), r.bases.data(), r.bases.data() + held);
-                    qualities.insert(qualities.end(), r.quality_scores.data(), r.quality_scores.data() + held);
-                    flow_index.insert(flow_index.end(), r.flow_index_per_base.data(),
-                                      r.flow_index_per_base.data() + held);
-                    o[j + 1] = static_cast<std::int64_t>(bases.size());
-                });
-                said = said_.take();
-            }
-        }
-        report(failed, said);
+        std::fill_n(o, n + 1, 0);
+        call(fetch_mutex_, said_, [&] {
+            if (!fetcher_) return sorvexa::status{};
+            return fetcher_->fetch(wanted, true, [&](std::size_t j, reader& rd, bool) {
+                const sff_read& r = rd.cur_read;
+                const std::size_t flows = std::min(width, r.flowgram_values.size()), held = r.bases_held();
+                std::fill(std::copy_n(r.flowgram_values.data(), flows, grams + j * width),
+                          grams + (j + 1) * width, std::uint16_t{0});
+                std::uint16_t* c = clip + 4 * j;
+                c[0] = r.clip_qual_left, c[1] = r.clip_qual_right;
+                c[2] = r.clip_adapter_left, c[3] = r.clip_adapter_right;
+                bases.insert(bases.end(), r.bases.data(), r.bases.data() + held);
+                qualities.insert(qualities.end(), r.quality_scores.data(), r.quality_scores.data() + held);
+                flow_index.insert(flow_index.end(), r.flow_index_per_base.data(),
+                                  r.flow_index_per_base.data() + held);
+                o[j + 1] = static_cast<std::int64_t>(bases.size());
+            });
+        });
         check_open();
-        b.flowgrams = flowgrams, b.offsets = offsets, b.clips = clips, b.record_offsets = positions;
-        b.rows = rows;
+        b.rows = row_of, b.flowgrams = flowgrams, b.offsets = offsets, b.clips = clips;
+        b.record_offsets = positions;
         b.bases = owning(std::move(bases), py::dtype("S1"));
         b.qualities = owning(std::move(qualities), py::dtype::of<std::uint8_t>());
         b.flow_index = owning(std::move(flow_index), py::dtype::of<std::uint8_t>());
@@ -384,13 +293,13 @@ class sff_file {
 // The kept range as a slice of the bases: from the larger left clip to the smaller right
 // clip, as the library cuts it (an empty or inverted range gives an empty slice).
 py::slice kept_slice(const sff_record& r) {
-    const std::int64_t first = std::max<std::int64_t>(r.fixed_part.get_base_start() - 1, 0);
-    const std::int64_t end = std::max<std::int64_t>(r.fixed_part.get_base_end(), first);
+    const std::int64_t first = std::max<std::int64_t>(r.read.get_base_start() - 1, 0);
+    const std::int64_t end = std::max<std::int64_t>(r.read.get_base_end(), first);
     return py::slice(py::int_(first), py::int_(end), py::none());
 }
 
-const sff_record& rec(py::handle self) {
-    return self.cast<const sff_record&>();
+const sff_read& read_of(py::handle self) {
+    return self.cast<const sff_record&>().read;
 }
 
 }  // namespace
@@ -406,41 +315,41 @@ from an SffFile (iteration, ``f[name]``, ``record_at``); ``len(record)`` is the 
 bases it holds.
 )doc")
         .def_property_readonly(
-            "name", [](const sff_record& r) { return text({r.name(), r.name_size}); },
+            "name", [](const sff_record& r) { return text({r.read.name.data(), r.read.name.size()}); },
             "The read's name (all of its bytes).")
         .def_readonly("offset", &sff_record::offset, "Byte offset of the record in its file.")
         .def_property_readonly(
-            "bases", [](const sff_record& r) { return text({r.base_chars(), r.bases}); },
+            "bases", [](const sff_record& r) { return text({r.read.bases.data(), r.bases()}); },
             "Every called base, key and clipped parts included, as stored (upper case).")
         .def_property_readonly(
-            "qualities", [](py::handle s) { return view(rec(s).qualities(), rec(s).bases, s); },
+            "qualities", [](py::handle s) { return view(read_of(s).quality_scores, read_of(s).bases_held(), s); },
             "Phred quality of each base (numpy uint8).")
         .def_property_readonly(
-            "flowgram", [](py::handle s) { return view(rec(s).flowgram(), rec(s).flows, s); },
+            "flowgram", [](py::handle s) { return view(read_of(s).flowgram_values, read_of(s).flowgram_values.size(), s); },
             "Every flow value of the read in hundredths, 101 meaning 1.01 (numpy uint16).")
         .def_property_readonly(
             "flow_index_per_base",
-            [](py::handle s) { return view(rec(s).flow_index(), rec(s).bases, s); },
+            [](py::handle s) { return view(read_of(s).flow_index_per_base, read_of(s).bases_held(), s); },
             "For each base, how many flows past the previous base's flow it was called (numpy "
             "uint8); the running sum less one is the 0-based flow of the base.")
         .def_property_readonly(
-            "number_of_bases", [](const sff_record& r) { return r.fixed_part.number_of_bases; },
+            "number_of_bases", [](const sff_record& r) { return r.read.number_of_bases; },
             "The base count the record declares.")
         .def_property_readonly(
-            "number_of_flows", [](const sff_record& r) { return r.fixed_part.numOfFlows; },
+            "number_of_flows", [](const sff_record& r) { return r.read.numOfFlows; },
             "Flows per read, as the file's header gives it.")
         .def_property_readonly(
-            "clip_qual_left", [](const sff_record& r) { return r.fixed_part.clip_qual_left; },
+            "clip_qual_left", [](const sff_record& r) { return r.read.clip_qual_left; },
             "1-based first base kept by quality (0: none given).")
         .def_property_readonly(
-            "clip_qual_right", [](const sff_record& r) { return r.fixed_part.clip_qual_right; },
+            "clip_qual_right", [](const sff_record& r) { return r.read.clip_qual_right; },
             "1-based last base kept by quality (0: none given).")
         .def_property_readonly(
-            "clip_adapter_left", [](const sff_record& r) { return r.fixed_part.clip_adapter_left; },
+            "clip_adapter_left", [](const sff_record& r) { return r.read.clip_adapter_left; },
             "1-based first base after the adapter (0: none given).")
         .def_property_readonly(
             "clip_adapter_right",
-            [](const sff_record& r) { return r.fixed_part.clip_adapter_right; },
+            [](const sff_record& r) { return r.read.clip_adapter_right; },
             "1-based last base before the adapter (0: none given).")
         .def_property_readonly("kept", &kept_slice,
                                "The kept bases as a slice: from the larger left clip to the "
@@ -453,57 +362,48 @@ bases it holds.
             "key", [](const sff_record& r) { return text(r.file->key); },
             "The file's key sequence (the first bases of every read).")
         .def("_kept_read", [](const sff_record& r) {  // sorvexa.KeptRead's values
-            const seqRead k = r.kept();
+            const seqRead k(r.read);
             return py::make_tuple(text(k.name), text({k.bases.data(), k.bases.size()}),
                                   copy_array(k.quality_scores), copy_array(k.flow_indexes));
         })
         .def(
-            "__len__", [](const sff_record& r) { return r.bases; },
+            "__len__", [](const sff_record& r) { return r.bases(); },
             "The number of bases the record holds (fewer than it declares when the file "
             "ends inside it).")
         .def("__repr__", [](const sff_record& r) {
             return "<sorvexa.SffRecord " +
-                   py::repr(text({r.name(), r.name_size})).cast<std::string>() + ", " +
-                   std::to_string(r.bases) + " bases, " + std::to_string(r.flows) + " flows>";
+                   py::repr(text({r.read.name.data(), r.read.name.size()})).cast<std::string>() + ", " +
+                   std::to_string(r.bases()) + " bases, " +
+                   std::to_string(r.read.flowgram_values.size()) + " flows>";
         });
 
     py::class_<sff_batch>(m, "SffBatch", R"doc(
 Records fetched at once by SffFile.fetch(names), as arrays: a row a record, in file order
-(as the file was read), each record once however often its name was asked for.
-
-    names             the name of each row
-    rows              (len(names asked),) int64: the row of each name asked, so that
-                      ``flowgrams[rows]`` are the flowgrams in the order asked
-    flowgrams         (n, flows_per_read) uint16, a flowgram a row, in hundredths
-    offsets           (n + 1,) int64: row i's bases, qualities and flow indexes are
-                      ``bases[offsets[i]:offsets[i + 1]]`` and so on
-    bases             every row's bases concatenated (numpy 'S1', a letter an element)
-    qualities         every row's base qualities concatenated (uint8)
-    flow_index_per_base  every row's flow indexes concatenated (uint8)
-    clips             (n, 4) uint16: clip_qual_left, clip_qual_right, clip_adapter_left,
-                      clip_adapter_right
-    record_offsets    (n,) int64: each record's byte offset in the file, ascending
-
-A row holds what the record fetched alone holds: of a record cut short the bases the file
-has, its flowgram padded with zeros. The arrays are the batch's own, and writeable.
+(as the file was read), each record once however often its name was asked for. A row holds
+what the record fetched alone holds (of a record cut short, the bases the file has and a
+flowgram padded with zeros). The arrays are the batch's own and writeable.
 )doc")
         .def_readonly("names", &sff_batch::names, "The name of each row (a list).")
         .def_readonly("rows", &sff_batch::rows,
-                      "The row of each name asked for, in the order asked (int64).")
+                      "The row of each name asked for, in the order asked (int64): "
+                      "``flowgrams[rows]`` are the flowgrams in that order.")
         .def_readonly("flowgrams", &sff_batch::flowgrams,
-                      "One flowgram a row, in hundredths ((n, flows_per_read) uint16).")
+                      "A flowgram a row, in hundredths ((n, flows_per_read) uint16).")
         .def_readonly("offsets", &sff_batch::offsets,
-                      "Where each row's per-base values start in the concatenated arrays, "
-                      "and where the last one ends ((n + 1,) int64).")
-        .def_readonly("bases", &sff_batch::bases, "Every row's bases, concatenated ('S1').")
+                      "Where each row's values start in bases, qualities and "
+                      "flow_index_per_base, and where the last ends ((n + 1,) int64): row "
+                      "i's bases are ``bases[offsets[i]:offsets[i + 1]]``.")
+        .def_readonly("bases", &sff_batch::bases,
+                      "Every row's bases, concatenated (numpy 'S1', a letter an element).")
         .def_readonly("qualities", &sff_batch::qualities,
                       "Every row's base qualities, concatenated (uint8).")
         .def_readonly("flow_index_per_base", &sff_batch::flow_index,
                       "Every row's flow index per base, concatenated (uint8).")
         .def_readonly("clips", &sff_batch::clips,
-                      "The four clips of each row ((n, 4) uint16, in SffRecord's order).")
+                      "A row's clip_qual_left, clip_qual_right, clip_adapter_left and "
+                      "clip_adapter_right ((n, 4) uint16).")
         .def_readonly("record_offsets", &sff_batch::record_offsets,
-                      "Each row's record offset in the file ((n,) int64).")
+                      "Each row's record offset in the file ((n,) int64, ascending).")
         .def(
             "__len__", [](const sff_batch& b) { return b.names.size(); }, "The number of rows.")
         .def("__repr__", [](const sff_batch& b) {
