@@ -84,6 +84,82 @@ std::size_t contig_display::bytes() const {
     return n;
 }
 
+bool page_of_window(const contig_display& d, std::int64_t from, std::int64_t last,
+                    std::int64_t page, std::int64_t per_page, window_page& out) {
+    const contig& c = d.shown;
+    std::vector<std::int32_t> rows;
+    out.reads_over = c.window_rows(from, last, rows);
+    out.rows_over = static_cast<std::int64_t>(rows.size());
+    per_page = std::max<std::int64_t>(per_page, 1);
+    out.pages = std::max<std::int64_t>(1, (out.rows_over + per_page - 1) / per_page);
+    if (page < 1 || page > out.pages) return false;
+    out.page = page;
+    std::vector<std::int32_t> chosen;
+    for (std::int64_t i = page - 1; i < out.rows_over; i += out.pages)
+        chosen.push_back(rows[static_cast<std::size_t>(i)]);
+    c.draw_window(from, last, chosen, out.grid);
+    out.reads_shown = 0;
+    for (const auto& row : out.grid.reads) out.reads_shown += static_cast<std::int64_t>(row.size());
+    out.unpadded_from = d.unpadded_at(from - 1) + 1;
+    out.quality.clear();
+    std::int64_t base = out.unpadded_from - 1;
+    for (const char ch : c.base_qualities.empty() ? std::string() : out.grid.consensus) {
+        const bool pad = ch == '*' || base >= static_cast<std::int64_t>(c.base_qualities.size());
+        out.quality.push_back(pad ? -1 : c.base_qualities[static_cast<std::size_t>(base++)]);
+    }
+    return true;
+}
+
+namespace {
+
+// A line of `width` characters with each label that marks(put) puts placed to end at its
+// position, where it fits without running into the label before.
+template <class Marks>
+std::string ruler(std::size_t width, Marks marks) {
+    std::string line(width, ' ');
+    std::size_t free_from = 0;
+    marks([&](std::size_t end, const std::string& label) {
+        if (end >= width || end + 1 < label.size()) return;
+        const std::size_t begin = end + 1 - label.size();
+        if (begin < free_from) return;
+        line.replace(begin, label.size(), label);
+        free_from = end + 2;
+    });
+    return line;
+}
+
+}  // namespace
+
+window_rulers rulers_of(const window_page& page) {
+    const window_grid& g = page.grid;
+    const auto width = static_cast<std::size_t>(std::max(g.last - g.from + 1, 0));
+    window_rulers out;
+    out.columns = ruler(width, [&](auto put) {
+        for (std::int64_t col = g.from; col <= g.last; ++col)
+            if (col % 10 == 0) put(static_cast<std::size_t>(col - g.from), std::to_string(col));
+    });
+    out.unpadded = ruler(width, [&](auto put) {
+        std::int64_t pos = page.unpadded_from;
+        for (std::size_t k = 0; k < width && k < g.consensus.size(); ++k) {
+            if (g.consensus[k] == '*') continue;
+            if (pos % 10 == 0) put(k, std::to_string(pos));
+            ++pos;
+        }
+    });
+    return out;
+}
+
+std::string flow_ruler(const contig& c, const window_grid& g) {
+    return ruler(static_cast<std::size_t>(2 * std::max(g.flows, 0)), [&](auto put) {
+        for (std::int64_t col = g.from; col <= g.last; ++col) {
+            const std::int64_t k =
+                c.getFlowIdx_start(static_cast<std::int32_t>(col - 1)) - g.first_flow;
+            if (col % 10 == 0 && k >= 0 && k < g.flows)
+                put(static_cast<std::size_t>(2 * k + 1), std::to_string(col));
+        }
+    });
+}
+
 depth_profile depth_of(const contig& c, std::int64_t bins) {
     depth_profile out;
     const auto L = static_cast<std::int64_t>(c.consensus.size());
@@ -147,20 +223,23 @@ std::vector<disputed_flow> disputed_flows(const contig& c, const std::string& na
     std::int32_t row = -1;
     for (std::size_t k = 0; k < c.print_map.size() && row < 0; ++k) {
         auto it = c.print_map[k].find(r.start);
-        if (it != c.print_map[k].end() && it->second == rd->first) row = static_cast<std::int32_t>(k);
+        if (it != c.print_map[k].end() && it->second == rd->first)
+            row = static_cast<std::int32_t>(k);
     }
     if (row < 0) return out;
     window_grid g;
     c.draw_window(first, last, {row}, g);
     std::vector<std::vector<std::int32_t>> values;
-    grid_signals(c, g, [&](const std::string& n) { return n == name ? &tied : nullptr; }, values);
+    grid_signals(
+        c, g, [&](const std::string& n) { return n == name ? &tied : nullptr; }, values);
     if (g.counts.empty() || values.empty()) return out;
     // The first column of each window flow.
     std::vector<std::int32_t> column_of(static_cast<std::size_t>(std::max(g.flows, 0)), 0);
     for (std::int64_t col = last; col >= first; --col) {
         for (const auto& [letter, flow] : c.flow_index[static_cast<std::size_t>(col - 1)]) {
             const std::int64_t k = flow - g.first_flow;
-            if (k >= 0 && k < g.flows) column_of[static_cast<std::size_t>(k)] = static_cast<std::int32_t>(col);
+            if (k >= 0 && k < g.flows)
+                column_of[static_cast<std::size_t>(k)] = static_cast<std::int32_t>(col);
         }
     }
     for (std::size_t k = 0; k < g.counts[0].size(); ++k) {
@@ -178,7 +257,8 @@ std::vector<disputed_flow> disputed_flows(const contig& c, const std::string& na
 std::vector<std::string> reads_over(const contig& c, const hp_run& r) {
     std::vector<std::string> names;
     for (const auto& [name, read] : c.reads)
-        if (read.start < r.first_column && std::int64_t{read.start} + read.length - 1 > r.last_column)
+        if (read.start < r.first_column &&
+            std::int64_t{read.start} + read.length - 1 > r.last_column)
             names.push_back(name);
     return names;
 }
@@ -212,10 +292,10 @@ record_view view_of_record(const reader& r) {
     out.clip_qual_right = rd.clip_qual_right;
     out.clip_adapter_left = rd.clip_adapter_left;
     out.clip_adapter_right = rd.clip_adapter_right;
-    out.flowgram.assign(rd.flowgram_values.begin(),
-                        rd.flowgram_values.begin() +
-                            static_cast<std::ptrdiff_t>(
-                                std::min<std::size_t>(rd.numOfFlows, rd.flowgram_values.size())));
+    out.flowgram.assign(
+        rd.flowgram_values.begin(),
+        rd.flowgram_values.begin() + static_cast<std::ptrdiff_t>(std::min<std::size_t>(
+                                         rd.numOfFlows, rd.flowgram_values.size())));
     // Every base, through the library's rule for a read's bases and flows: the same record
     // with no clip set keeps them all.
     sff_read whole = rd;

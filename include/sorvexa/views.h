@@ -4,15 +4,15 @@
 // edits a viewer makes to its own copy.
 #pragma once
 
+#include <sorvexa/contig.h>
+#include <sorvexa/flowcheck.h>
+#include <sorvexa/read_lookup.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>
 #include <vector>
-
-#include <sorvexa/contig.h>
-#include <sorvexa/flowcheck.h>
-#include <sorvexa/read_lookup.h>
 
 struct view_options {
     // Letters in capitals: a read's flow count stops at a lower-case letter otherwise.
@@ -41,6 +41,33 @@ struct contig_display {
     std::size_t bytes() const;
 };
 contig_display display(const contig& c, const view_options& options);
+
+// A page of the layout rows over columns from..last of `d`, drawn (contig::draw_window).
+// With more rows than `per_page`, page p of P takes every P-th of them from the p-th on, so
+// that each page samples the whole depth evenly and the pages together show every row.
+struct window_page {
+    window_grid grid;
+    std::int64_t rows_over = 0;    // layout rows with a read over the window
+    std::int64_t reads_over = 0;   // reads over the window
+    std::int64_t reads_shown = 0;  // of those, the reads of this page's rows
+    std::int64_t page = 1, pages = 1;
+    std::vector<std::int16_t> quality;  // the consensus quality of each column, -1 for a pad
+    std::int64_t unpadded_from = 0;     // the unpadded position of the first column's base
+};
+// False when `page` (from 1) lies past the last page.
+bool page_of_window(const contig_display& d, std::int64_t from, std::int64_t last,
+                    std::int64_t page, std::int64_t per_page, window_page& out);
+
+// The rulers over a drawn window, each label ending over its column where it fits beside
+// the one before: padded column numbers over every tenth column, unpadded positions over
+// every tenth base.
+struct window_rulers {
+    std::string columns, unpadded;
+};
+window_rulers rulers_of(const window_page& page);
+// Column numbers over the first flow of every tenth column of `grid`, two characters a flow
+// (as a flow map draws them).
+std::string flow_ruler(const contig& c, const window_grid& grid);
 
 // The most reads over a column in each of `bins` equal stretches of the consensus (fewer
 // when the consensus is shorter), and over any column; reads held to the consensus.
@@ -80,8 +107,7 @@ std::vector<std::string> reads_over(const contig& c, const hp_run& r);
 // Each read's signal on run `r`; run_signal::read is the read's index in `names`. Reads that
 // `tied` does not find give none.
 std::vector<run_signal> run_signals(const contig& c, const hp_run& r,
-                                    const std::vector<std::string>& names,
-                                    const tied_lookup& tied);
+                                    const std::vector<std::string>& names, const tied_lookup& tied);
 // A lookup of the reads of `tied` by name (for grid_signals and run_signals).
 tied_lookup lookup_in(const std::map<std::string, tied_read>& tied);
 
@@ -93,8 +119,8 @@ struct record_view {
     int key_length = 0;
     std::uint16_t clip_qual_left = 0, clip_qual_right = 0;
     std::uint16_t clip_adapter_left = 0, clip_adapter_right = 0;
-    int kept_first = 0, kept_last = 0;       // 1-based kept bases (first > last: none)
-    std::vector<std::uint16_t> flowgram;     // every flow, in hundredths
+    int kept_first = 0, kept_last = 0;    // 1-based kept bases (first > last: none)
+    std::vector<std::uint16_t> flowgram;  // every flow, in hundredths
     std::string bases;
     std::vector<std::uint8_t> quality;       // per base
     std::vector<std::int32_t> flow_of_base;  // 0-based flow that called each base
