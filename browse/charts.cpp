@@ -42,8 +42,9 @@ void grid(html& out, double top, double step, double x0, double x1, double y0, d
 // A bar with its tooltip.
 void bar(html& out, double x, double y, double w, double h, std::string_view cls,
          std::string_view title) {
-    out.fill("<rect x=\"{}\" y=\"{}\" width=\"{}\" height=\"{}\" class=\"{}\"><title>{}</title></rect>",
-             num(x), num(y), num(w), num(h), cls, title);
+    out.fill(
+        "<rect x=\"{}\" y=\"{}\" width=\"{}\" height=\"{}\" class=\"{}\"><title>{}</title></rect>",
+        num(x), num(y), num(w), num(h), cls, title);
 }
 
 }  // namespace
@@ -86,7 +87,7 @@ html depth_chart(const drawn_contig& b, std::int64_t from, std::int64_t last, in
     label(out, left + W, H - 6, "end", grouped(static_cast<std::int64_t>(L)));
     label(out, left + W / 2, H - 6, "middle",
           "reads over each column (peak " + grouped(b.depth.max) + "); click to move the window");
-    out.close("svg");
+    out.markup("</svg>");
     return out;
 }
 
@@ -105,13 +106,14 @@ html quality_chart(const record_view& r) {
     for (int k = 0; k < n; ++k) {
         const std::size_t i = static_cast<std::size_t>(first - 1 + k);
         const double h = r.quality[i] / static_cast<double>(peak) * plot_h;
-        bar(out, left + k * w, top + plot_h - h, std::max(w - 0.3, 0.3), h, letter_class(r.bases[i]),
+        bar(out, left + k * w, top + plot_h - h, std::max(w - 0.3, 0.3), h,
+            letter_class(r.bases[i]),
             "base " + std::to_string(i + 1) + " " + r.bases[i] + ": quality " +
                 std::to_string(r.quality[i]));
     }
     label(out, left, H - 8, "start", "base " + std::to_string(first));
     label(out, left + W, H - 8, "end", "base " + std::to_string(last));
-    out.close("svg");
+    out.markup("</svg>");
     return out;
 }
 
@@ -128,17 +130,19 @@ html flowgram_chart(const record_view& r) {
     // The key's flows and the flows of the kept bases, as bands behind the bars.
     const auto bases = static_cast<int>(r.flow_of_base.size());
     if (r.key_length > 0 && bases >= r.key_length)
-        out.fill("<rect x=\"{}\" y=\"{}\" width=\"{}\" height=\"{}\" fill=\"#fde9c8\">"
-                 "<title>key flows</title></rect>",
-                 num(left), num(top),
-                 num(flow_x(r.flow_of_base[static_cast<std::size_t>(r.key_length - 1)] + 1) - left),
-                 num(plot_h));
+        out.fill(
+            "<rect x=\"{}\" y=\"{}\" width=\"{}\" height=\"{}\" fill=\"#fde9c8\">"
+            "<title>key flows</title></rect>",
+            num(left), num(top),
+            num(flow_x(r.flow_of_base[static_cast<std::size_t>(r.key_length - 1)] + 1) - left),
+            num(plot_h));
     if (r.kept_first >= 1 && r.kept_first <= r.kept_last && r.kept_last <= bases) {
         const double x0 = flow_x(r.flow_of_base[static_cast<std::size_t>(r.kept_first - 1)]);
         const double x1 = flow_x(r.flow_of_base[static_cast<std::size_t>(r.kept_last - 1)] + 1);
-        out.fill("<rect x=\"{}\" y=\"{}\" width=\"{}\" height=\"6\" fill=\"#4a78b5\">"
-                 "<title>flows of the kept bases</title></rect>",
-                 num(x0), num(top + plot_h + 2), num(x1 - x0));
+        out.fill(
+            "<rect x=\"{}\" y=\"{}\" width=\"{}\" height=\"6\" fill=\"#4a78b5\">"
+            "<title>flows of the kept bases</title></rect>",
+            num(x0), num(top + plot_h + 2), num(x1 - x0));
     }
     grid(out, peak, 1, left, left + W, top, plot_h);
     for (std::size_t f = 0; f < n; ++f) {
@@ -150,7 +154,7 @@ html flowgram_chart(const record_view& r) {
     }
     label(out, left, H - 10, "start", "flow 0");
     label(out, left + W, H - 10, "end", "flow " + std::to_string(n == 0 ? 0 : n - 1));
-    out.close("svg");
+    out.markup("</svg>");
     return out;
 }
 

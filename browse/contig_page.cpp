@@ -19,7 +19,8 @@ window check_window(const request& req, std::int64_t columns) {
     if (width && (v < 1 || v > max_width))
         return fail("width must be between 1 and " + std::to_string(max_width) + " columns");
     if (width) w.width = static_cast<int>(v);
-    if (from && !parse_count(*from, v)) return fail("from must be a column number, not \"" + *from + "\"");
+    if (from && !parse_count(*from, v))
+        return fail("from must be a column number, not \"" + *from + "\"");
     if (from && v < 1) return fail("from must be at least 1");
     if (from) w.from = v;
     if (rows && (!parse_count(*rows, v) || v < 1))
@@ -38,7 +39,7 @@ namespace {
 struct drawn_window {
     window w;
     std::shared_ptr<const drawn_contig> b;
-    window_view view;
+    window_page view;
     std::optional<response> failed;
 };
 
@@ -51,9 +52,12 @@ drawn_window draw(const site& s, std::size_t index, const request& req, bool tex
     }
     d.b = s.ace.load(index);
     if (d.b == nullptr)
-        d.failed = error_response(500, "ACE file changed", "The ACE file is no longer the file read "
-                                  "at start-up; restart the server.", text);
-    else if (!build_view(*d.b, d.w.from, d.w.last, d.w.rows_page, d.view))
+        d.failed = error_response(500, "ACE file changed",
+                                  "The ACE file is no longer the file read "
+                                  "at start-up; restart the server.",
+                                  text);
+    else if (!page_of_window(d.b->d, d.w.from, d.w.last, d.w.rows_page,
+                             rows_per_page(d.w.last - d.w.from + 1), d.view))
         d.failed = error_response(400, "Bad request",
                                   "rows page " + std::to_string(d.w.rows_page) +
                                       " lies past this window's " + std::to_string(d.view.pages) +
@@ -62,7 +66,7 @@ drawn_window draw(const site& s, std::size_t index, const request& req, bool tex
     return d;
 }
 
-std::string shown_sentence(const window_view& v) {
+std::string shown_sentence(const window_page& v) {
     std::string t = "showing " + grouped(v.reads_shown) + " of " + grouped(v.reads_over) + " reads";
     if (v.pages > 1)
         t += " (rows page " + std::to_string(v.page) + " of " + std::to_string(v.pages) +
@@ -112,7 +116,8 @@ response site::contig_window(std::size_t index, const request& req) const {
     const std::string view_mode = req.param("view").value_or("counts");
     const std::string diff_mode = req.param("diff").value_or("0");
     if (view_mode != "counts" && view_mode != "signals")
-        return error_response(400, "Bad request", "view must be counts or signals, not \"" + view_mode + "\"");
+        return error_response(400, "Bad request",
+                              "view must be counts or signals, not \"" + view_mode + "\"");
     if (diff_mode != "0" && diff_mode != "1")
         return error_response(400, "Bad request", "diff must be 0 or 1, not \"" + diff_mode + "\"");
     const bool signals_view = view_mode == "signals", differences = diff_mode == "1";
@@ -121,7 +126,7 @@ response site::contig_window(std::size_t index, const request& req) const {
     const contig_summary& s = ace.contigs[index];
     const window& w = d.w;
     if (differences) differences_only(d.view);
-    const window_view& v = d.view;
+    const window_page& v = d.view;
     // The window does not wait for the model's fit: its evidence shows once the fit is done.
     const bool fitting = evidence != nullptr && evidence->models_if_ready() == nullptr;
     const std::shared_ptr<const contig_evidence> ev =
@@ -138,15 +143,17 @@ response site::contig_window(std::size_t index, const request& req) const {
            grouped(w.last));
     fact(h, "columns", grouped(s.columns));
     fact(h, "reads", grouped(s.reads) + " (" + grouped(s.found) + " found in the SFF files)");
-    fact(h, "read lengths", std::to_string(s.min_len) + " to " + std::to_string(s.max_len) + ", " +
-                                fixed(s.avg_len, 0) + " on average");
+    fact(h, "read lengths",
+         std::to_string(s.min_len) + " to " + std::to_string(s.max_len) + ", " +
+             fixed(s.avg_len, 0) + " on average");
     fact(h, "layout rows", grouped(s.rows));
     h.markup("</dl>\n");
     if (ev != nullptr) coverage_note(h, ev->report.coverage);
     if (fitting)
-        h.markup("<p class=\"note\">The flow model is still being fitted to this assembly's "
-                 "signals: the runs the flowgrams dispute show here once it is; reload in a "
-                 "moment.</p>");
+        h.markup(
+            "<p class=\"note\">The flow model is still being fitted to this assembly's "
+            "signals: the runs the flowgrams dispute show here once it is; reload in a "
+            "moment.</p>");
     h.append(depth_chart(*d.b, w.from, w.last, w.width,
                          contig_href(s.name) + "?width=" + width_s + "&from="));
     h.markup("<nav class=\"nav\">");
@@ -156,25 +163,22 @@ response site::contig_window(std::size_t index, const request& req) const {
            "next " + width_s + " \u2192", "next");
     h.markup("<span>width</span>");
     for (int width : {50, 100, 200, 500})
-        choice(h, true, window_href(s.name, w.from, width), std::to_string(width), {}, width == w.width);
-    h.fill("<form method=\"get\" action=\"{}\"><label>column <input name=\"from\" type=\"number\" "
-           "min=\"1\" max=\"{}\" value=\"{}\"/></label><input type=\"hidden\" name=\"width\" "
-           "value=\"{}\"/> <button>go</button></form><a href=\"{}\">as text</a></nav>\n",
-           contig_href(s.name), s.columns, w.from, width_s,
-           contig_href(s.name) + ".txt?from=" + std::to_string(w.from) + "&width=" + width_s +
-               (v.page > 1 ? "&rows=" + std::to_string(v.page) : ""));
+        choice(h, true, window_href(s.name, w.from, width), std::to_string(width), {},
+               width == w.width);
     std::string note = "Columns " + grouped(w.from) + " to " + grouped(w.last) + " are drawn (" +
                        grouped(w.last - w.from + 1) + " columns), with every read that covers " +
                        "one of them: " + shown_sentence(v) + ".";
     if (w.from + w.width - 1 > w.last)
         note += " The window of " + width_s + " columns is cut at the contig's last column.";
-    h.fill("<p class=\"note\">{} Bases are drawn in capitals, and reads that start before column 1 "
-           "from column 1 on; the read's page gives where the ACE file places it.</p>",
+    h.fill(assets::window_tools, contig_href(s.name), s.columns, w.from, width_s,
+           contig_href(s.name) + ".txt?from=" + std::to_string(w.from) + "&width=" + width_s +
+               (v.page > 1 ? "&rows=" + std::to_string(v.page) : ""),
            note);
     if (v.pages > 1) {
         h.markup("<nav class=\"nav rows\"><span>rows page</span>");
         for (std::int64_t p = 1; p <= v.pages; ++p)
-            choice(h, true, window_href(s.name, w.from, w.width, p), std::to_string(p), {}, p == v.page);
+            choice(h, true, window_href(s.name, w.from, w.width, p), std::to_string(p), {},
+                   p == v.page);
         h.markup("</nav>\n");
     }
     if (ev != nullptr) disputed_marks(h, s.name, *ev, w.from, w.last);
@@ -185,8 +189,9 @@ response site::contig_window(std::size_t index, const request& req) const {
     choice(h, !differences, toggled(signals_view, true), "differences only");
     h.markup("</nav>");
     if (differences)
-        h.markup("<p class=\"note\">Bases equal to the consensus are drawn as . on forward reads "
-                 "and , on complemented ones.</p>");
+        h.markup(
+            "<p class=\"note\">Bases equal to the consensus are drawn as . on forward reads "
+            "and , on complemented ones.</p>");
     align_map_html(v, names, map);
     map_block(h, "align", names, map);
     h.markup("<h2>Flows</h2><nav class=\"nav toggles\">");
@@ -196,16 +201,13 @@ response site::contig_window(std::size_t index, const request& req) const {
     html fnames, fmap;
     if (signals_view && ev != nullptr) {
         signals_legend(h);
-        h.markup("<p class=\"note\">The consensus line gives the consensus length of each flow's "
-                 "run, and after &gt; the length the flowgrams call where they dispute it.</p>");
         signals_map_html(*d.b, v, *ev, sff, fnames, fmap);
     } else {
         if (signals_view && !fitting)
-            h.markup("<p class=\"error\">The flow signals cannot be read: the files changed since "
-                     "start-up.</p>");
-        h.markup("<p class=\"note\">Each cell is the number of the read's bases a flow carries (A = "
-                 "10, B = 11, ..., + above 35); the flows line is the flow-space consensus, + and "
-                 "- the read's direction (- complemented).</p>");
+            h.markup(
+                "<p class=\"error\">The flow signals cannot be read: the files changed "
+                "since start-up.</p>");
+        h.markup(assets::counts_note);
         flow_map_html(*d.b, v, fnames, fmap);
     }
     map_block(h, "flow", fnames, fmap);

@@ -1,13 +1,12 @@
 // What the pages are built from: the SFF files through the library's index and fetchers, the
 // ACE file's contigs, and the flow-signal evidence of each contig.
 #include <malloc.h>
+#include <sorvexa/ace.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
-
-#include <sorvexa/ace.h>
 
 #include "site.h"
 
@@ -19,28 +18,10 @@ sorvexa::status read_source::index(const std::vector<std::string>& paths) {
     return lookup.index_files(paths);
 }
 
-void read_source::with_fetcher(const std::function<void(read_fetcher&)>& f) const {
-    std::unique_ptr<read_fetcher> mine;
-    {
-        std::lock_guard lock(mutex_);
-        if (!idle_.empty()) {
-            mine = std::move(idle_.back());
-            idle_.pop_back();
-        }
-    }
-    if (!mine) {
-        mine = std::make_unique<read_fetcher>(lookup);
-        mine->check_stamps = true;
-    }
-    f(*mine);
-    std::lock_guard lock(mutex_);
-    idle_.push_back(std::move(mine));
-}
-
 std::map<std::string, tied_read> read_source::tie(const contig& c,
                                                   const std::vector<std::string>& names) const {
     std::map<std::string, tied_read> tied;
-    with_fetcher([&](read_fetcher& f) { tied = tie_reads(c, lookup, f, names); });
+    fetchers.with([&](read_fetcher& f) { tied = tie_reads(c, lookup, f, names); });
     return tied;
 }
 
@@ -49,7 +30,7 @@ fetch_result fetch(const read_source& sff, const std::string& name, record_view&
     const read_location at = sff.lookup.locate(name);
     if (!at.found()) return fetch_result::unknown;
     fetch_result result = fetch_result::file_changed;
-    sff.with_fetcher([&](read_fetcher& f) {
+    sff.fetchers.with([&](read_fetcher& f) {
         sorvexa::status why;
         if (const reader* r = f.record(at, why)) {
             out = view_of_record(*r);
@@ -75,30 +56,14 @@ sorvexa::status assembly::read(const std::string& path) {
         s.max_len = c.max_read_len;
         s.avg_len = c.avg_read_len;
         s.rows = static_cast<std::int32_t>(c.print_map.size());
-        for (const auto& [name, r] : c.reads) {
-            placements.emplace_back(name, static_cast<std::uint32_t>(contigs.size()));
-            placement_starts.push_back(r.start);
-        }
+        for (const auto& [name, r] : c.reads)
+            placements.push_back({name, static_cast<std::uint32_t>(contigs.size()), r.start});
         reads_placed += s.reads;
         columns += s.columns;
         contigs.push_back(std::move(s));
     }
     if (!ace.error.ok) return ace.error;
-    // Sorted by name (then contig), each start taken along.
-    std::vector<std::uint32_t> order(placements.size());
-    for (std::uint32_t i = 0; i < order.size(); ++i) order[i] = i;
-    std::sort(order.begin(), order.end(),
-              [this](std::uint32_t x, std::uint32_t y) { return placements[x] < placements[y]; });
-    std::vector<std::pair<std::string, std::uint32_t>> sorted;
-    std::vector<std::int32_t> starts;
-    sorted.reserve(order.size());
-    starts.reserve(order.size());
-    for (std::uint32_t i : order) {
-        sorted.push_back(std::move(placements[i]));
-        starts.push_back(placement_starts[i]);
-    }
-    placements = std::move(sorted);
-    placement_starts = std::move(starts);
+    std::sort(placements.begin(), placements.end());
     by_name_.resize(contigs.size());
     for (std::uint32_t i = 0; i < contigs.size(); ++i) by_name_[i] = i;
     std::stable_sort(by_name_.begin(), by_name_.end(), [this](std::uint32_t x, std::uint32_t y) {
@@ -110,9 +75,9 @@ sorvexa::status assembly::read(const std::string& path) {
 void assembly::count_found(const read_source& sff) {
     reads_found = 0;
     for (contig_summary& s : contigs) s.found = 0;
-    for (const auto& [name, k] : placements) {
-        if (!sff.holds(name)) continue;
-        ++contigs[k].found;
+    for (const placement& p : placements) {
+        if (!sff.holds(p.read)) continue;
+        ++contigs[p.contig].found;
         ++reads_found;
     }
 }
@@ -126,10 +91,9 @@ int assembly::contig_index(std::string_view name) const {
 }
 
 int assembly::contig_of_read(std::string_view read) const {
-    auto it = std::lower_bound(
-        placements.begin(), placements.end(), read,
-        [](const auto& p, std::string_view n) { return std::string_view(p.first) < n; });
-    return it == placements.end() || it->first != read ? -1 : static_cast<int>(it->second);
+    auto it = std::lower_bound(placements.begin(), placements.end(), read,
+                               [](const placement& p, std::string_view n) { return p.read < n; });
+    return it == placements.end() || it->read != read ? -1 : static_cast<int>(it->contig);
 }
 
 bool assembly::parse(std::size_t index, contig& c, bool qualities) const {
@@ -150,8 +114,8 @@ std::shared_ptr<const drawn_contig> assembly::load(std::size_t index) {
     contig c;
     if (!parse(index, c, true)) return nullptr;
     auto b = std::make_shared<drawn_contig>();
-    b->d = display(c, drawing);
-    b->depth = depth_of(b->c(), depth_bins);
+    b->d = display(c, {.upper_case = true, .from_column_one = true});
+    b->depth = depth_of(b->c(), 1000);
     cache_.put(index, b, b->d.bytes());
     return b;
 }
@@ -171,7 +135,7 @@ std::shared_ptr<const contig_evidence> build_evidence(const contig& c, const rea
     auto e = std::make_shared<contig_evidence>();
     e->check.models = *models;
     // The fetcher refuses a file changed since start-up: its reads count as untied.
-    sff.with_fetcher([&](read_fetcher& f) { e->check.check(c, sff.lookup, f, false, e->report); });
+    sff.fetchers.with([&](read_fetcher& f) { e->check.check(c, sff.lookup, f, false, e->report); });
     e->check.models = flow_models{};
     e->models = std::move(models);
     for (const report_row& row : e->report.rows)
@@ -196,9 +160,8 @@ flow_models fit_models(const assembly& a, const read_source& sff, const std::ato
     }
     // As sorvexa-flowcheck reads them: the contigs from the file's start, one after another.
     aceReader ace(a.ace_path);
-    sff.with_fetcher([&](read_fetcher& f) {
-        check.calibrate([&](contig& c) { return !stop && ace.next_contig(c) != 0; },
-                               sff.lookup, f);
+    sff.fetchers.with([&](read_fetcher& f) {
+        check.calibrate([&](contig& c) { return !stop && ace.next_contig(c) != 0; }, sff.lookup, f);
     });
     return std::move(check.models);
 }

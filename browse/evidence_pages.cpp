@@ -1,10 +1,11 @@
 // The pages that show the flow-signal evidence: the run page, a contig's calls as VCF and
 // TSV, its coverage and disputed runs, and read search.
+#include <sorvexa/ace.h>
+
 #include <algorithm>
 #include <cmath>
 
-#include <sorvexa/ace.h>
-
+#include "browse_assets.h"
 #include "site.h"
 
 namespace browse {
@@ -12,8 +13,9 @@ namespace browse {
 namespace {
 
 response evidence_missing() {
-    return error_response(500, "Files changed",
-                      "The ACE file is no longer the file read at start-up; restart the server.");
+    return error_response(
+        500, "Files changed",
+        "The ACE file is no longer the file read at start-up; restart the server.");
 }
 
 // A run's window: 100 columns with the run in the middle.
@@ -30,7 +32,8 @@ std::vector<std::size_t> files_of(const read_source& sff, const std::vector<run_
                                   const std::vector<std::string>& names) {
     std::vector<bool> seen(sff.lookup.sff_names.size(), false);
     for (const run_signal& sig : signals)
-        if (const read_location at = sff.lookup.locate(names[static_cast<std::size_t>(sig.read)]); at.found())
+        if (const read_location at = sff.lookup.locate(names[static_cast<std::size_t>(sig.read)]);
+            at.found())
             seen[static_cast<std::size_t>(at.file)] = true;
     std::vector<std::size_t> files;
     for (std::size_t f = 0; f < seen.size(); ++f)
@@ -105,8 +108,9 @@ void run_plot(html& out, const flow_models& models, const std::vector<std::size_
                 if (!points.empty()) points += ' ';
                 points += num(x_of(v)) + "," + num(y);
             }
-            out.fill("<polyline points=\"{}\" fill=\"none\" stroke=\"#999\" stroke-dasharray=\"{}\"/>",
-                     points, style_of(k).dashes);
+            out.fill(
+                "<polyline points=\"{}\" fill=\"none\" stroke=\"#999\" stroke-dasharray=\"{}\"/>",
+                points, style_of(k).dashes);
             if (k == 0) text(x_of(m.centre) - 4, top + 10, 11, "", "n=" + std::to_string(n));
         }
     }
@@ -125,50 +129,47 @@ void run_plot(html& out, const flow_models& models, const std::vector<std::size_
     }
     text(2, axis + 36, 10, "#1f77b4", "fwd");
     text(2, axis + 58, 10, "#d62728", "rev");
-    out.close("svg");
+    out.markup("</svg>");
 }
 
 // The model's numbers behind the curves, per file drawn and length, as sorvexa-flowcheck
 // writes its model table.
-void model_table(html& out, const site& s, const flow_models& models,
-                 const std::vector<std::size_t>& files, const hp_run& r) {
+void model_rows(html& out, const site& s, const flow_models& models,
+                const std::vector<std::size_t>& files, const hp_run& r) {
     const auto [lo, hi] = lengths_drawn(r);
     const std::vector<std::string>& names = s.sff.lookup.sff_names;
-    out.markup(
-        "<table class=\"model\"><thead><tr><th>SFF file</th><th>curve</th><th>length</th>"
-        "<th>centre</th><th>spread</th><th>outlier share</th><th>signals fitted</th>"
-        "<th>source</th></tr></thead><tbody>");
     for (std::size_t k = 0; k < files.size(); ++k)
         for (std::int32_t n = lo; n <= hi; ++n) {
             const length_model m = models.at(files[k], n);
-            out.fill("<tr><td>{}</td><td>{}</td><td>{}</td><td>{}</td><td>{}</td><td>{}</td>"
-                     "<td>{}</td><td>{}</td></tr>",
+            out.fill(assets::model_row,
                      files[k] < names.size() ? names[files[k]] : "every file (pooled)",
                      style_of(k).name, n, fixed(m.centre, 4), fixed(m.spread, 4),
                      fixed(m.outlier, 5), grouped(m.signals), source_name(m.source));
         }
-    out.markup("</tbody></table>");
 }
 
 }  // namespace
 
 // /contig/NAME.vcf and /contig/NAME.tsv: the contig's calls as sorvexa-flowcheck writes them.
 response calls_vcf(const site& s, std::size_t contig, std::string_view, const request&) {
-    std::shared_ptr<const contig_evidence> e = s.evidence != nullptr ? s.evidence->get(contig) : nullptr;
+    std::shared_ptr<const contig_evidence> e =
+        s.evidence != nullptr ? s.evidence->get(contig) : nullptr;
     if (e == nullptr) return evidence_missing();
     const std::string& name = s.ace.contigs[contig].name;
     std::string prefix = output_prefix(s.ace.ace_path);
     prefix.erase(0, prefix.rfind('/') + 1);
     response r = text_response(200, "");
-    append_vcf_header(r.body, "sorvexa-browse", prefix + ".consensus.fa",
-                      {{name, static_cast<std::int64_t>(e->report.unpadded.size()), e->report.coverage}});
+    append_vcf_header(
+        r.body, "sorvexa-browse", prefix + ".consensus.fa",
+        {{name, static_cast<std::int64_t>(e->report.unpadded.size()), e->report.coverage}});
     append_vcf_records(r.body, e->report);
     r.attachment = file_name_for(name) + ".flowcheck.vcf";
     return r;
 }
 
 response calls_tsv(const site& s, std::size_t contig, std::string_view, const request&) {
-    std::shared_ptr<const contig_evidence> e = s.evidence != nullptr ? s.evidence->get(contig) : nullptr;
+    std::shared_ptr<const contig_evidence> e =
+        s.evidence != nullptr ? s.evidence->get(contig) : nullptr;
     if (e == nullptr) return evidence_missing();
     response r = text_response(200, "");
     append_tsv_header(r.body);
@@ -180,34 +181,35 @@ response calls_tsv(const site& s, std::size_t contig, std::string_view, const re
 // /search?q=TEXT: a read's page for its full name, else the placed reads whose names begin
 // with TEXT (at most max_search_results of them).
 response search_page(const site& s, std::string_view rest, const request& req) {
-    if (!rest.empty()) return s.not_found("Nothing is served at /search/" + std::string(rest) + ".");
+    if (!rest.empty())
+        return s.not_found("Nothing is served at /search/" + std::string(rest) + ".");
     const std::string q = req.param("q").value_or("");
     if (!q.empty() && (s.sff.holds(q) || s.ace.contig_of_read(q) >= 0)) return s.read(q);
     html body, rows;
     body.markup("<h1>Reads found by name</h1>");
     std::int64_t shown = 0;
     const auto& p = s.ace.placements;
-    auto it = std::lower_bound(p.begin(), p.end(), q,
-                               [](const auto& x, const std::string& n) { return x.first < n; });
-    for (; !q.empty() && it != p.end() && it->first.starts_with(q) && shown <= max_search_results;
-         ++it) {
+    auto it = std::lower_bound(
+        p.begin(), p.end(), q,
+        [](const assembly::placement& x, const std::string& n) { return x.read < n; });
+    for (; !q.empty() && it != p.end() && it->read.starts_with(q); ++it) {
         if (++shown > max_search_results) break;
-        const std::string& contig = s.ace.contigs[it->second].name;
-        const std::int32_t start = s.ace.placement_starts[static_cast<std::size_t>(it - p.begin())];
+        const std::string& contig = s.ace.contigs[it->contig].name;
         rows.markup("<tr><td>");
-        read_link(rows, it->first);
+        read_link(rows, it->read);
         rows.fill("</td><td><a href=\"{}\">{}</a></td><td><a href=\"{}\">{}</a></td></tr>",
                   contig_href(contig), contig,
-                  window_href(contig, std::max<std::int64_t>(1, start), 100), start);
+                  window_href(contig, std::max<std::int64_t>(1, it->start), 100), it->start);
     }
     const bool more = shown > max_search_results;
     if (shown > 0) {
-        body.fill("<p>{}</p>", std::to_string(std::min(shown, max_search_results)) + (more ? "+" : "") +
-                                   " placed reads whose names begin with \"" + q + "\"" +
-                                   (more ? " (the first " + std::to_string(max_search_results) + ")" : "") +
-                                   ".")
-            .markup("<table class=\"found\"><thead><tr><th>read</th><th>contig</th><th>start</th>"
-                    "</tr></thead><tbody>")
+        body.fill("<p>{}</p>",
+                  std::to_string(std::min(shown, max_search_results)) + (more ? "+" : "") +
+                      " placed reads whose names begin with \"" + q + "\"" +
+                      (more ? " (the first " + std::to_string(max_search_results) + ")" : "") + ".")
+            .markup(
+                "<table class=\"found\"><thead><tr><th>read</th><th>contig</th><th>start</th>"
+                "</tr></thead><tbody>")
             .append(rows)
             .markup("</tbody></table>");
     } else {
@@ -220,43 +222,33 @@ response search_page(const site& s, std::string_view rest, const request& req) {
 }
 
 void coverage_note(html& out, const contig_coverage& c) {
-    out.fill("<p class=\"coverage\">Weighed: {} of {} reads tied to their flows ({} untied, {} in no "
-             "SFF file); {} of {} runs tested.",
-             grouped(c.reads.tied), grouped(c.reads.tied + c.reads.untied + c.reads.not_found),
-             grouped(c.reads.untied), grouped(c.reads.not_found), grouped(c.tested), grouped(c.runs));
-    if (c.unchecked())
-        out.markup(
-            " <strong class=\"unchecked\">Unchecked</strong>: under half of the reads are tied to "
-            "their flows or under half of the runs were tested, so few or no disputed runs here "
-            "say little about the consensus.");
+    out.fill(assets::coverage, grouped(c.reads.tied),
+             grouped(c.reads.tied + c.reads.untied + c.reads.not_found), grouped(c.reads.untied),
+             grouped(c.reads.not_found), grouped(c.tested), grouped(c.runs));
+    if (c.unchecked()) out.markup(assets::unchecked);
     out.markup("</p>");
 }
 
 void disputed_table(html& out, std::string_view contig, const contig_evidence& e) {
-    out.fill("<p>{} another length; as <a href=\"{}.vcf\">VCF</a> or <a href=\"{}.tsv\">TSV</a>.</p>",
-             std::to_string(e.disputed.size()) +
-                 (e.disputed.size() == 1 ? " run whose flowgrams call" : " runs whose flowgrams call"),
-             contig_href(contig), contig_href(contig));
+    out.fill(
+        "<p>{} another length; as <a href=\"{}.vcf\">VCF</a> or <a href=\"{}.tsv\">TSV</a>.</p>",
+        std::to_string(e.disputed.size()) +
+            (e.disputed.size() == 1 ? " run whose flowgrams call" : " runs whose flowgrams call"),
+        contig_href(contig), contig_href(contig));
     if (e.disputed.empty()) return;
-    out.markup(
-        "<table class=\"disputed\"><thead><tr><th>column</th><th>position</th><th>letter</th>"
-        "<th>consensus</th><th>called</th><th>signals</th><th>forward/reverse</th><th>mean</th>"
-        "<th>score</th><th>qual</th><th>filter</th><th></th></tr></thead><tbody>");
+    out.markup(assets::disputed_head);
     for (std::int32_t i : e.disputed) {
         const hp_run& r = e.check.runs[static_cast<std::size_t>(i)];
-        out.fill("<tr><td><a href=\"{}\">{}</a></td><td>{}</td><td><span class=\"{}\">{}</span></td>"
-                 "<td>{}</td><td>{}</td><td>{}</td><td>{}/{}</td><td>{}</td><td>{}</td><td>{}</td>"
-                 "<td>{}</td><td><a href=\"{}\">run</a></td></tr>",
-                 centred_href(contig, r), r.column, r.position, base_class(r.letter), r.letter,
-                 r.consensus_length, r.called_length, r.signals, r.forward, r.reverse(),
-                 fixed(r.mean_signal(), 2), fixed(r.score, 2), fixed(r.qual, 2),
-                 run_filter(e.check, r), run_href(contig, r));
+        out.fill(assets::disputed_row, centred_href(contig, r), r.column, r.position,
+                 base_class(r.letter), r.letter, r.consensus_length, r.called_length, r.signals,
+                 r.forward, r.reverse(), fixed(r.mean_signal(), 2), fixed(r.score, 2),
+                 fixed(r.qual, 2), run_filter(e.check, r), run_href(contig, r));
     }
     out.markup("</tbody></table>");
 }
 
-void disputed_marks(html& out, std::string_view contig, const contig_evidence& e,
-                    std::int64_t from, std::int64_t last) {
+void disputed_marks(html& out, std::string_view contig, const contig_evidence& e, std::int64_t from,
+                    std::int64_t last) {
     bool any = false;
     for (std::int32_t i : e.disputed) {
         const hp_run& r = e.check.runs[static_cast<std::size_t>(i)];
@@ -274,10 +266,11 @@ response run_page(const site& s, std::size_t contig, std::string_view rest, cons
     const std::string& name = s.ace.contigs[contig].name;
     std::int64_t column = 0;
     if (!parse_count(rest, column))
-        return error_response(400, "Bad request",
-                              "a run is named by its column, a whole number, not \"" +
-                                  std::string(rest) + "\"");
-    std::shared_ptr<const contig_evidence> e = s.evidence != nullptr ? s.evidence->get(contig) : nullptr;
+        return error_response(
+            400, "Bad request",
+            "a run is named by its column, a whole number, not \"" + std::string(rest) + "\"");
+    std::shared_ptr<const contig_evidence> e =
+        s.evidence != nullptr ? s.evidence->get(contig) : nullptr;
     if (e == nullptr) return evidence_missing();
     const std::int32_t i = e->run_at(static_cast<std::int32_t>(column));
     if (i < 0)
@@ -285,32 +278,17 @@ response run_page(const site& s, std::size_t contig, std::string_view rest, cons
                            std::to_string(column) + ".");
     const hp_run& r = e->check.runs[static_cast<std::size_t>(i)];
     const std::string_view filter = run_filter(e->check, r);
-    html body, see;
-    body.fill("<h1>Run at column {} of <a href=\"{}\">{}</a></h1><dl class=\"facts\">", r.column,
-              contig_href(name), name);
-    fact(body, "letter", std::string(1, r.letter));
-    fact(body, "unpadded position", std::to_string(r.position));
-    fact(body, "columns", std::to_string(r.first_column) + " to " + std::to_string(r.last_column));
-    fact(body, "consensus length", std::to_string(r.consensus_length));
-    fact(body, "called length",
-         std::to_string(r.called_length) + (e->is_disputed(i) ? " (disputed)" : " (not disputed)"));
-    fact(body, "signals", std::to_string(r.signals) + " (" + std::to_string(r.forward) +
-                              " forward, " + std::to_string(r.reverse()) + " complemented)");
-    fact(body, "mean signal", fixed(r.mean_signal(), 2));
-    fact(body, "score", fixed(r.score, 2) + " (log-likelihood ratio of the called length)");
-    fact(body, "qual", fixed(r.qual, 2) +
-                           " (phred-scaled probability that the consensus length is right: high "
-                           "when the reads speak against it)");
-    fact(body, "confidence", fixed(r.confidence, 2) +
-                                 " (phred-scaled probability that the called length is wrong: "
-                                 "high when the reads name it clearly)");
-    fact(body, "filter",
-         filter == "."                ? std::string("none: not a call")
-         : filter == "StrandConflict" ? std::string("StrandConflict: the forward and the "
-                                                    "complemented reads call different lengths")
-                                      : std::string(filter));
-    fact(body, "see", see.fill("<a href=\"{}\">the window around it</a>", centred_href(name, r)));
-    body.markup("</dl>");
+    html body;
+    body.fill(assets::run_facts, r.column, contig_href(name), name, r.letter, r.position,
+              r.first_column, r.last_column, r.consensus_length, r.called_length,
+              e->is_disputed(i) ? "disputed" : "not disputed", r.signals, r.forward, r.reverse(),
+              fixed(r.mean_signal(), 2), fixed(r.score, 2), fixed(r.qual, 2),
+              fixed(r.confidence, 2),
+              filter == "."                ? "none: not a call"
+              : filter == "StrandConflict" ? "StrandConflict: the forward and the complemented "
+                                             "reads call different lengths"
+                                           : std::string(filter),
+              centred_href(name, r));
 
     // The reads of the drawn contig: their bases before column 1, cut there, give no signal.
     const std::shared_ptr<const drawn_contig> b = s.ace.load(contig);
@@ -324,14 +302,9 @@ response run_page(const site& s, std::size_t contig, std::string_view rest, cons
     run_plot(body, *e->models, files, r, signals);
     std::string origin;
     if (s.evidence != nullptr) s.evidence->models_if_ready(&origin);
-    body.fill("<h2>Model</h2><p class=\"note\">The curves give the density of a value under each "
-              "length as the model of the SFF file whose reads measured the run has it: a "
-              "Gaussian core with its centre and spread, and a flat share of outliers over 0 to "
-              "{} bases. The model was {}.</p>",
-              fixed(flow_models::kValueRange, 0), origin);
-    model_table(body, s, *e->models, files, r);
-    body.markup("<table class=\"signals\"><thead><tr><th>read</th><th>direction</th><th>value</th>"
-                "</tr></thead><tbody>");
+    body.fill(assets::run_model, fixed(flow_models::kValueRange, 0), origin);
+    model_rows(body, s, *e->models, files, r);
+    body.markup(assets::run_signals_head);
     for (const run_signal& sig : signals) {
         body.markup("<tr><td>");
         read_link(body, names[static_cast<std::size_t>(sig.read)]);

@@ -13,11 +13,21 @@ namespace browse {
 void append_escaped(std::string& out, std::string_view text) {
     for (char c : text) {
         switch (c) {
-            case '<': out += "&lt;"; break;
-            case '>': out += "&gt;"; break;
-            case '&': out += "&amp;"; break;
-            case '"': out += "&quot;"; break;
-            case '\'': out += "&#39;"; break;
+            case '<':
+                out += "&lt;";
+                break;
+            case '>':
+                out += "&gt;";
+                break;
+            case '&':
+                out += "&amp;";
+                break;
+            case '"':
+                out += "&quot;";
+                break;
+            case '\'':
+                out += "&#39;";
+                break;
             default:
                 if (static_cast<unsigned char>(c) < 0x20 && c != '\t' && c != '\n')
                     out += "\xEF\xBF\xBD";
@@ -67,54 +77,26 @@ std::string new_nonce() {
 
 std::string_view base_class(char letter) {
     static const std::string_view classes[] = {"bA", "bC", "bG", "bT"};
-    const auto at = std::string_view("ACGT").find(static_cast<char>(std::toupper(static_cast<unsigned char>(letter))));
+    const auto at = std::string_view("ACGT").find(
+        static_cast<char>(std::toupper(static_cast<unsigned char>(letter))));
     return at == std::string_view::npos ? std::string_view() : classes[at];
-}
-
-namespace {
-
-void tag_with(std::string& out, std::string_view tag, std::initializer_list<attr> attrs) {
-    out += '<';
-    out += tag;
-    for (const attr& a : attrs) {
-        out.append(" ").append(a.name).append("=\"");
-        append_escaped(out, a.value);
-        out += '"';
-    }
-}
-
-}  // namespace
-
-html& html::open(std::string_view tag, std::initializer_list<attr> attrs) {
-    tag_with(out_, tag, attrs);
-    out_ += '>';
-    return *this;
-}
-
-html& html::empty(std::string_view tag, std::initializer_list<attr> attrs) {
-    tag_with(out_, tag, attrs);
-    out_ += "/>";
-    return *this;
-}
-
-html& html::close(std::string_view tag) {
-    out_.append("</").append(tag).append(">");
-    return *this;
 }
 
 response page(std::string_view title, const html& body, const html& script) {
     response r;
     html out;
     // The style sheet and the scripts are files of the source tree built into the program.
-    out.fill("<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">\n<title>{} - "
-             "sorvexa-browse</title>\n<style>",
-             title)
+    out.fill(
+           "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">\n<title>{} - "
+           "sorvexa-browse</title>\n<style>",
+           title)
         .append(assets::style_css())
-        .fill("</style></head>\n<body>\n<header><a href=\"/\">sorvexa-browse</a><span>{}</span>"
-              "<form class=\"search\" method=\"get\" action=\"/search\"><input name=\"q\" "
-              "type=\"search\" placeholder=\"read name or its beginning\" aria-label=\"find a "
-              "read\"> <button>find</button></form></header>\n<main>\n",
-              title)
+        .fill(
+            "</style></head>\n<body>\n<header><a href=\"/\">sorvexa-browse</a><span>{}</span>"
+            "<form class=\"search\" method=\"get\" action=\"/search\"><input name=\"q\" "
+            "type=\"search\" placeholder=\"read name or its beginning\" aria-label=\"find a "
+            "read\"> <button>find</button></form></header>\n<main>\n",
+            title)
         .append(body)
         .markup("</main>\n");
     if (script.size() > 0) {
@@ -125,8 +107,7 @@ response page(std::string_view title, const html& body, const html& script) {
     return r;
 }
 
-response error_response(int status, std::string_view title, std::string_view message,
-                        bool text) {
+response error_response(int status, std::string_view title, std::string_view message, bool text) {
     if (text)
         return text_response(status, (title.empty() ? std::string() : std::string(title) + ": ") +
                                          std::string(message) + "\n");
@@ -156,8 +137,9 @@ std::string read_href(std::string_view name) {
 
 std::string window_href(std::string_view contig, std::int64_t from, int width,
                         std::int64_t rows_page) {
-    return contig_href(contig) + "?from=" + std::to_string(from) + "&width=" +
-           std::to_string(width) + (rows_page > 1 ? "&rows=" + std::to_string(rows_page) : "");
+    return contig_href(contig) + "?from=" + std::to_string(from) +
+           "&width=" + std::to_string(width) +
+           (rows_page > 1 ? "&rows=" + std::to_string(rows_page) : "");
 }
 
 void fact(html& out, std::string_view term, std::string_view value) {
@@ -165,7 +147,7 @@ void fact(html& out, std::string_view term, std::string_view value) {
 }
 
 void fact(html& out, std::string_view term, const html& value) {
-    out.fill("<dt>{}</dt><dd>", term).append(value).close("dd");
+    out.fill("<dt>{}</dt><dd>", term).append(value).markup("</dd>");
 }
 
 void read_link(html& out, std::string_view name) {

@@ -1,13 +1,11 @@
 // Text that goes into a page. Pages are built with `html`, a writer whose text calls escape
 // what they are given: a name or sequence from the files cannot become markup by being
 // forgotten. Markup comes only from string literals written into the program (`markup`, and
-// `fill`, whose holes take escaped text), tags whose names are the program's own (attribute
-// values escaped), and fragments another writer built (`append`).
+// `fill`, whose holes take escaped text) and from fragments another writer built (`append`).
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-#include <initializer_list>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -20,15 +18,10 @@ void append_escaped(std::string& out, std::string_view text);
 // `text` percent-encoded for one segment of a URL path or a query value: only letters,
 // digits and - . _ ~ stay as they are.
 std::string url_encoded(std::string_view text);
-std::string grouped(std::int64_t n);           // thousands separated by commas
-std::string fixed(double v, int decimals);     // `decimals` places
-std::string new_nonce();                       // a fresh random token for a page's script
-std::string_view base_class(char letter);      // bA, bC, bG, bT, or none: a letter's colour
-
-struct attr {
-    std::string_view name;  // the program's own
-    std::string_view value;
-};
+std::string grouped(std::int64_t n);        // thousands separated by commas
+std::string fixed(double v, int decimals);  // `decimals` places
+std::string new_nonce();                    // a fresh random token for a page's script
+std::string_view base_class(char letter);   // bA, bC, bG, bT, or none: a letter's colour
 
 class html {
   public:
@@ -37,15 +30,6 @@ class html {
         return *this;
     }
     html& text(char c) { return text(std::string_view(&c, 1)); }
-    // <tag a="v" ...>; `empty` elements (input, rect, ...) are written self-closed.
-    html& open(std::string_view tag, std::initializer_list<attr> attrs = {});
-    html& empty(std::string_view tag, std::initializer_list<attr> attrs = {});
-    html& close(std::string_view tag);
-    html& element(std::string_view tag, std::initializer_list<attr> attrs, std::string_view text) {
-        return open(tag, attrs).text(text).close(tag);
-    }
-    html& element(std::string_view tag, std::string_view text) { return element(tag, {}, text); }
-
     template <std::size_t N>
     html& markup(const char (&literal)[N]) {
         out_.append(literal, N - 1);
@@ -77,10 +61,8 @@ class html {
     static std::string as_text(std::string_view s) { return std::string(s); }
     static std::string as_text(char c) { return std::string(1, c); }
     template <class I>
-        requires std::is_integral_v<I>
-    static std::string as_text(I v) {
-        return std::to_string(v);
-    }
+    requires std::is_integral_v<I>
+    static std::string as_text(I v) { return std::to_string(v); }
     std::string out_;
 };
 

@@ -4,35 +4,21 @@
 #include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sorvexa/ace_hints.h>
 
-#include <fstream>
 #include <iostream>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "server.h"
+#include "browse_assets.h"
 #include "site.h"
 #include "std_output.h"
 
 namespace {
 
-const char* const usage_text =
-    "Usage: sorvexa-browse [--port N] [--bind ADDR] [--model FILE] [--access-log] aceFile\n"
-    "                      [sffFile ...]\n"
-    "\n"
-    "Serves the contigs of an ACE assembly, with the reads' flowgrams from the SFF files,\n"
-    "to a web browser, until interrupted. The flow values are weighed under the model that\n"
-    "sorvexa-flowcheck fits to the same files, given in the same order.\n"
-    "\n"
-    "  --port N     port to listen on (default 8454; 0 picks a free port)\n"
-    "  --bind ADDR  address to listen on (default 127.0.0.1)\n"
-    "  --model FILE use the model in FILE (a PREFIX.flowcheck.model.tsv) instead of\n"
-    "               fitting one\n"
-    "  --access-log print a line for every request answered on standard error\n"
-    "  -h, --help   print this text and exit\n"
-    "  -v, --version print the version and exit\n";
+const char* const usage_text = browse::assets::usage;
 
 struct options {
     int port = 8454;
@@ -43,109 +29,44 @@ struct options {
     std::vector<std::string> sff;
 };
 
-bool parse_port(const std::string& text, int& port) {
-    if (text.empty() || text.size() > 5 || text.find_first_not_of("0123456789") != std::string::npos)
-        return false;
-    port = std::stoi(text);
-    return port <= 65535;
-}
-
 // Options come before the ACE file; every argument after it is an SFF file. Returns -1 to
 // go on, else the exit status.
 int parse(int argc, char** argv, options& o) {
     int i = 1;
-    for (; i < argc; ++i) {
+    auto refuse = [](const std::string& why, bool usage) {
+        std::cerr << "sorvexa-browse: " << why << "\n" << (usage ? usage_text : "");
+        return 1;
+    };
+    for (; i < argc && argv[i][0] == '-' && argv[i][1] != '\0'; ++i) {
         const std::string a = argv[i];
-        if (a == "-h" || a == "--help") {
-            std::cout << usage_text;
-            return 0;
-        }
-        if (a == "-v" || a == "--version") {
-            std::cout << "sorvexa-browse " << SORVEXA_VERSION << "\n";
+        if (a == "-h" || a == "--help" || a == "-v" || a == "--version") {
+            std::cout << (a[1] == 'h' || a[2] == 'h' ? usage_text
+                                                     : "sorvexa-browse " SORVEXA_VERSION "\n");
             return 0;
         }
         if (a == "--access-log") {
             o.access_log = true;
-            continue;
+        } else if (a != "--port" && a != "--bind" && a != "--model") {
+            return refuse("unknown option " + a, true);
+        } else if (i + 1 >= argc) {
+            return refuse(a + " needs a value", true);
+        } else if (const std::string v = argv[++i]; a == "--bind") {
+            o.bind = v;
+        } else if (a == "--model") {
+            if (v.empty()) return refuse("--model needs a file name", true);
+            o.model = v;
+        } else if (v.empty() || v.size() > 5 || v.find_first_not_of("0123456789") != v.npos ||
+                   (o.port = std::stoi(v)) > 65535) {
+            return refuse("--port takes a number from 0 to 65535, not " + v, false);
         }
-        if (a == "--port" || a == "--bind" || a == "--model") {
-            if (i + 1 >= argc) {
-                std::cerr << "sorvexa-browse: " << a << " needs a value\n" << usage_text;
-                return 1;
-            }
-            const std::string v = argv[++i];
-            if (a == "--bind") {
-                o.bind = v;
-            } else if (a == "--model") {
-                if (v.empty()) {
-                    std::cerr << "sorvexa-browse: --model needs a file name\n" << usage_text;
-                    return 1;
-                }
-                o.model = v;
-            } else if (!parse_port(v, o.port)) {
-                std::cerr << "sorvexa-browse: --port takes a number from 0 to 65535, not " << v
-                          << "\n";
-                return 1;
-            }
-            continue;
-        }
-        if (a.size() > 1 && a[0] == '-') {
-            std::cerr << "sorvexa-browse: unknown option " << a << "\n" << usage_text;
-            return 1;
-        }
-        break;
     }
     if (i >= argc) {
         std::cerr << usage_text;
         return 1;
     }
     o.ace = argv[i++];
-    for (; i < argc; ++i) o.sff.emplace_back(argv[i]);
+    o.sff.assign(argv + i, argv + argc);
     return -1;
-}
-
-// The path as one shell word.
-std::string quoted(const std::string& path) {
-    std::string out = "'";
-    for (char ch : path) out += ch == '\'' ? std::string("'\\''") : std::string(1, ch);
-    return out + "'";
-}
-
-// For an ACE file the reader refused that has the shape of one from a known writer (an empty
-// line between a read's QA and DS lines): the rewrite that makes it readable.
-std::string refused_file_hint(const std::string& ace_path) {
-    std::ifstream in(ace_path, std::ios::binary);
-    std::string line;
-    // 0: looking for a QA line; 1: after one; 2: after a QA line and an empty line.
-    int state = 0;
-    bool shape = false;
-    while (!shape && std::getline(in, line)) {
-        if (state == 2 && line.rfind("DS", 0) == 0) shape = true;
-        state = line.rfind("QA ", 0) == 0 ? 1 : (state == 1 && line.empty() ? 2 : 0);
-    }
-    if (!shape) return {};
-    return "An empty line stands between a read's QA and DS lines, as MIRA writes them. Drop "
-           "it and start again on the new file:\n  sed '/^QA /{n;/^$/{N;s/^\\nDS /DS /}}' " +
-           quoted(ace_path) + " > fixed.ace\n";
-}
-
-// For an assembly none of whose reads the SFF files hold, when every name carries a
-// writer's strand suffix and dropping it finds reads: the rewrite that drops them.
-std::string placement_hint(const browse::assembly& ace, const browse::read_source& sff) {
-    auto suffixed = [](std::string_view n) {
-        return n.size() > 2 && n[n.size() - 2] == '.' && (n.back() == 'f' || n.back() == 'r');
-    };
-    if (ace.reads_found != 0 || ace.placements.empty() || sff.lookup.size() == 0) return {};
-    bool found = false;
-    for (const auto& [name, contig] : ace.placements) {
-        if (!suffixed(name)) return {};
-        found = found || sff.holds(name.substr(0, name.size() - 2));
-    }
-    if (!found) return {};
-    return "No read of the assembly is in the SFF files: every read name ends in .f or .r, as "
-           "gap5 writes them. Drop the suffixes from the AF and RD lines and start again on the "
-           "new file:\n  sed -E 's/^(AF|RD) ([^ ]+)\\.[fr] /\\1 \\2 /' " +
-           quoted(ace.ace_path) + " > fixed.ace\n";
 }
 
 int serve(int argc, char** argv) {
@@ -160,10 +81,9 @@ int serve(int argc, char** argv) {
             return 1;
         }
     }
-    // Request threads allocate and free whole contig drawings; a few shared malloc arenas keep
-    // the freed memory in use instead of one idle arena per thread. Blocks of a quarter
-    // megabyte and more (a contig's sequences and views) are mapped on their own and returned
-    // whole when the contig leaves the cache, rather than left to fragment the heap.
+    // Request threads allocate and free whole contig drawings: a few shared malloc arenas keep
+    // freed memory in use, and blocks of a quarter megabyte and more (a contig's sequences and
+    // views) are mapped on their own and returned whole when the contig leaves the cache.
     mallopt(M_ARENA_MAX, 2);
     mallopt(M_MMAP_THRESHOLD, 256 << 10);
     // SIGINT and SIGTERM are taken here with sigwait; every other thread inherits the mask.
@@ -183,7 +103,7 @@ int serve(int argc, char** argv) {
     indexing.join();
     if (!read.ok) {
         std::cerr << read.message << "\n";
-        if (const std::string hint = refused_file_hint(o.ace); !hint.empty())
+        if (const std::string hint = blank_line_hint(o.ace); !hint.empty())
             std::cerr << "sorvexa-browse: " << hint;
         return 1;
     }
@@ -192,7 +112,12 @@ int serve(int argc, char** argv) {
         return 1;
     }
     ace.count_found(sff);
-    ace.start_up_hint = placement_hint(ace, sff);
+    if (ace.reads_found == 0 && sff.lookup.size() > 0) {
+        std::vector<std::string> names;
+        for (const browse::assembly::placement& p : ace.placements) names.push_back(p.read);
+        ace.start_up_hint =
+            strand_suffix_hint(o.ace, names, [&sff](const std::string& n) { return sff.holds(n); });
+    }
     // What start-up parsed and sorted is freed by now; hand it back before serving starts.
     malloc_trim(0);
     browse::site site(ace, sff);

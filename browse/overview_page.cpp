@@ -9,8 +9,9 @@ response site::overview() const {
     b.markup("<h1>Assembly</h1><dl class=\"facts\">");
     fact(b, "ACE file", ace.ace_path);
     for (std::size_t k = 0; k < sff.lookup.sff_names.size(); ++k)
-        fact(b, "SFF file", sff.lookup.sff_names[k] + " (" +
-                                grouped(static_cast<std::int64_t>(sff.reads_in(k))) + " reads)");
+        fact(b, "SFF file",
+             sff.lookup.sff_names[k] + " (" + grouped(static_cast<std::int64_t>(sff.reads_in(k))) +
+                 " reads)");
     if (sff.lookup.sff_names.empty()) fact(b, "SFF files", "none");
     fact(b, "contigs", grouped(static_cast<std::int64_t>(ace.contigs.size())));
     fact(b, "reads placed", grouped(ace.reads_placed));
@@ -25,17 +26,11 @@ response site::overview() const {
     }
     b.markup("</dl>\n");
     if (!ace.start_up_hint.empty()) b.fill("<p class=\"hint\">{}</p>", ace.start_up_hint);
-    b.fill("<h2>Contigs</h2><p><label>Filter by name <input id=\"filter\" type=\"search\" "
-           "placeholder=\"part of a name\"></label> <span class=\"note\"><span id=\"shown\">{}"
-           "</span> shown; click a heading to sort</span></p>\n"
-           "<table class=\"data\" id=\"contigs\"><thead><tr><th>name</th><th>columns</th>"
-           "<th>reads</th><th>reads found</th><th>min length</th><th>avg length</th>"
-           "<th>max length</th><th>layout rows</th><th>reads tied / untied / in no SFF file</th>"
-           "<th>runs tested</th><th>disputed runs</th></tr></thead>\n<tbody>\n",
-           ace.contigs.size());
+    b.fill(assets::contigs_head, ace.contigs.size());
     for (std::size_t k = 0; k < ace.contigs.size(); ++k) {
         const contig_summary& s = ace.contigs[k];
-        b.fill("<tr><td data-v=\"{}\"><a href=\"{}\">{}</a></td>", s.name, contig_href(s.name), s.name);
+        b.fill("<tr><td data-v=\"{}\"><a href=\"{}\">{}</a></td>", s.name, contig_href(s.name),
+               s.name);
         auto cell = [&b](double v, const std::string& shown) {
             b.fill("<td data-v=\"{}\">{}</td>", fixed(v, 2), shown);
         };
@@ -49,9 +44,11 @@ response site::overview() const {
         // Weighed in the background after start-up; "..." until this contig's turn came. A
         // contig the reads hardly weighed says "unchecked" where its disputed runs would be, so
         // that no call is not read as a clean bill.
-        const std::optional<contig_tally> t = evidence != nullptr ? evidence->tally(k) : std::nullopt;
+        const std::optional<contig_tally> t =
+            evidence != nullptr ? evidence->tally(k) : std::nullopt;
         if (!t) {
-            b.markup("<td data-v=\"-1\">...</td><td data-v=\"-1\">...</td><td data-v=\"-1\">...</td>");
+            b.markup(
+                "<td data-v=\"-1\">...</td><td data-v=\"-1\">...</td><td data-v=\"-1\">...</td>");
         } else {
             const contig_coverage& c = t->coverage;
             cell(static_cast<double>(c.reads.tied), grouped(c.reads.tied) + " / " +

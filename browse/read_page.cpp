@@ -2,6 +2,7 @@
 // flowgram as charts and as TSV downloads).
 #include <algorithm>
 
+#include "browse_assets.h"
 #include "site.h"
 
 namespace browse {
@@ -47,7 +48,8 @@ void disputed_flows(html& h, const site& s, std::size_t k, const drawn_contig& b
     h.markup("<h2>Flows the assembly counts otherwise</h2>");
     const std::map<std::string, tied_read> tied = s.sff.tie(b.c(), {read_name});
     const std::vector<disputed_flow> flows =
-        tied.empty() ? std::vector<disputed_flow>{} : disputed_flows(b.c(), read_name, tied.begin()->second);
+        tied.empty() ? std::vector<disputed_flow>{}
+                     : disputed_flows(b.c(), read_name, tied.begin()->second);
     if (tied.empty() || flows.empty()) {
         h.fill("<p>{}</p>", tied.empty() ? "The read is not tied to its flows: its sequence in the "
                                            "assembly is not among its record's bases (edited or "
@@ -57,13 +59,15 @@ void disputed_flows(html& h, const site& s, std::size_t k, const drawn_contig& b
         return;
     }
     const std::string& contig = s.ace.contigs[k].name;
-    h.markup("<table class=\"disputed\"><thead><tr><th>column</th><th>flow</th><th>assembly</th>"
-             "<th>measured</th></tr></thead><tbody>");
+    h.markup(
+        "<table class=\"disputed\"><thead><tr><th>column</th><th>flow</th><th>assembly</th>"
+        "<th>measured</th></tr></thead><tbody>");
     for (const disputed_flow& f : flows)
-        h.fill("<tr><td><a href=\"{}\">{}</a></td><td><span class=\"{}\">{}</span></td><td>{}</td>"
-               "<td>{}</td></tr>",
-               window_href(contig, std::max<std::int64_t>(1, f.column - 50), 100) + "&view=signals",
-               f.column, base_class(f.letter), f.letter, f.count, fixed(f.value / 100.0, 2));
+        h.fill(
+            "<tr><td><a href=\"{}\">{}</a></td><td><span class=\"{}\">{}</span></td><td>{}</td>"
+            "<td>{}</td></tr>",
+            window_href(contig, std::max<std::int64_t>(1, f.column - 50), 100) + "&view=signals",
+            f.column, base_class(f.letter), f.letter, f.count, fixed(f.value / 100.0, 2));
     h.markup("</tbody></table>");
 }
 
@@ -89,8 +93,8 @@ void placement(html& h, const site& s, const std::string& read_name) {
     // is drawn from column 1 of.
     const std::int64_t from = std::clamp<std::int64_t>(std::int64_t{rd->start} - 20, 1,
                                                        std::max<std::int64_t>(sum.columns, 1));
-    fact(h, "contig", link.fill("<a href=\"{}\">{}</a>", window_href(sum.name, from, default_width),
-                                sum.name));
+    fact(h, "contig",
+         link.fill("<a href=\"{}\">{}</a>", window_href(sum.name, from, default_width), sum.name));
     std::string start = grouped(rd->start);
     if (rd->start < 1) start += " (before the consensus: windows draw the read from column 1 on)";
     fact(h, "start column", start);
@@ -139,31 +143,18 @@ response site::read(std::string_view path_name) const {
     placement(h, *this, read_name);
     h.markup("<h2>SFF record</h2>");
     if (fetched != fetch_result::ok)
-        return page(read_name, h.fill("<p>{}</p>", fetched == fetch_result::unknown
-                                                       ? "No SFF file given to the server holds this read."
-                                                       : "The SFF file holding this read changed since "
-                                                         "start-up; restart the server."));
-    h.markup("<dl class=\"facts\">");
-    fact(h, "file", file);
-    fact(h, "bases", grouped(static_cast<std::int64_t>(rec.bases.size())) + ", kept " +
-                         std::to_string(rec.kept_first) + " to " + std::to_string(rec.kept_last));
-    fact(h, "clips", "quality " + std::to_string(rec.clip_qual_left) + " to " +
-                         std::to_string(rec.clip_qual_right) + ", adapter " +
-                         std::to_string(rec.clip_adapter_left) + " to " +
-                         std::to_string(rec.clip_adapter_right) + " (0: not set)");
-    fact(h, "flows", grouped(static_cast<std::int64_t>(rec.flowgram.size())) + ", key " +
-                         std::to_string(rec.key_length) + " bases");
-    html downloads;
-    fact(h, "download",
-         downloads.fill("<a href=\"{}\">flowgram (TSV)</a> \u00b7 <a href=\"{}\">bases and qualities "
-                        "(TSV)</a>",
-                        read_href(read_name + ".flows.tsv"), read_href(read_name + ".bases.tsv")));
-    h.markup("</dl>\n<h2>Quality of the kept bases</h2>")
+        return page(read_name,
+                    h.fill("<p>{}</p>", fetched == fetch_result::unknown
+                                            ? "No SFF file given to the server holds this read."
+                                            : "The SFF file holding this read changed since "
+                                              "start-up; restart the server."));
+    h.fill(assets::read_record, file, grouped(static_cast<std::int64_t>(rec.bases.size())),
+           rec.kept_first, rec.kept_last, rec.clip_qual_left, rec.clip_qual_right,
+           rec.clip_adapter_left, rec.clip_adapter_right,
+           grouped(static_cast<std::int64_t>(rec.flowgram.size())), rec.key_length,
+           read_href(read_name + ".flows.tsv"), read_href(read_name + ".bases.tsv"))
         .append(quality_chart(rec))
-        .markup("<h2>Flowgram</h2><p class=\"note\">Bars coloured by the flow's nucleotide (<span "
-                "class=\"bT\">T</span> <span class=\"bA\">A</span> <span class=\"bC\">C</span> "
-                "<span class=\"bG\">G</span>); the shaded flows carry the key, the band below marks "
-                "the flows of the kept bases.</p>")
+        .markup(assets::flowgram_head)
         .append(flowgram_chart(rec));
     return page(read_name, h);
 }

@@ -1,5 +1,3 @@
-#include "server.h"
-
 #include <microhttpd.h>
 #include <netdb.h>
 #include <sys/socket.h>
@@ -9,9 +7,19 @@
 #include <cstdio>
 #include <cstring>
 
+#include "site.h"
+
 namespace browse {
 
 namespace {
+
+// Threads that serve connections, each waiting on its share of them in one epoll set: an idle
+// connection holds no thread, and at most this many pages are built at once. A connection
+// that sends or takes nothing for idle_seconds is closed, whether it is between requests or
+// stopped halfway through one. Request heads over max_head bytes are refused (413); no route
+// takes a body.
+constexpr unsigned threads = 4, connections = 1000, idle_seconds = 5;
+constexpr std::size_t max_head = 64 << 10;
 
 // Every answer goes out here, with the headers each one carries.
 MHD_Result send(MHD_Connection* conn, const response& page, double build_ms) {
@@ -40,35 +48,23 @@ MHD_Result send(MHD_Connection* conn, const response& page, double build_ms) {
     return queued;
 }
 
-struct head_size {
-    std::size_t bytes = 0;
-    static MHD_Result add(void* cls, MHD_ValueKind, const char* key, const char* value) {
-        auto* self = static_cast<head_size*>(cls);
-        self->bytes += std::strlen(key) + (value != nullptr ? std::strlen(value) : 0) + 4;
-        return MHD_YES;
-    }
-};
-
-struct query {
-    request* req;
-    static MHD_Result add(void* cls, MHD_ValueKind, const char* key, const char* value) {
-        static_cast<query*>(cls)->req->params.emplace_back(key, value != nullptr ? value : "");
-        return MHD_YES;
-    }
-};
-
 // Decided from the request line and headers alone, before a body would be read: the refusal,
 // or an empty response.
-response refusal(MHD_Connection* conn, const std::string& method, const char* url,
-                 std::size_t max_head) {
-    head_size head{method.size() + std::strlen(url) + 16};
-    MHD_get_connection_values(conn, MHD_HEADER_KIND, head_size::add, &head);
-    MHD_get_connection_values(conn, MHD_GET_ARGUMENT_KIND, head_size::add, &head);
+response refusal(MHD_Connection* conn, const std::string& method, const char* url) {
+    std::size_t head = method.size() + std::strlen(url) + 16;
+    MHD_get_connection_values(
+        conn, static_cast<MHD_ValueKind>(MHD_HEADER_KIND | MHD_GET_ARGUMENT_KIND),
+        [](void* bytes, MHD_ValueKind, const char* key, const char* value) {
+            *static_cast<std::size_t*>(bytes) +=
+                std::strlen(key) + (value ? std::strlen(value) : 0) + 4;
+            return MHD_YES;
+        },
+        &head);
     const char* length = MHD_lookup_connection_value(conn, MHD_HEADER_KIND, "Content-Length");
     const bool body = (length != nullptr && std::strcmp(length, "0") != 0) ||
                       MHD_lookup_connection_value(conn, MHD_HEADER_KIND, "Transfer-Encoding");
     response r;
-    if (head.bytes > max_head)
+    if (head > max_head)
         r = error_response(413, "Request too large",
                            "request heads are limited to " + std::to_string(max_head) + " bytes");
     else if (body && method != "GET" && method != "HEAD")
@@ -96,20 +92,27 @@ struct handler {
         const auto t0 = std::chrono::steady_clock::now();
         response page;
         if (*state == nullptr) {
-            page = refusal(conn, method, url, self->limits_.max_head);
+            page = refusal(conn, method, url);
             *state = conn;
             if (page.status == 200) return MHD_YES;
         } else {
             request req{url, {}};
-            query q{&req};
-            MHD_get_connection_values(conn, MHD_GET_ARGUMENT_KIND, query::add, &q);
+            MHD_get_connection_values(
+                conn, MHD_GET_ARGUMENT_KIND,
+                [](void* params, MHD_ValueKind, const char* key, const char* value) {
+                    static_cast<decltype(req.params)*>(params)->emplace_back(key,
+                                                                             value ? value : "");
+                    return MHD_YES;
+                },
+                &req.params);
             page = self->site_.serve(req);
         }
         const double ms =
             std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0)
                 .count();
         if (self->access_log)
-            std::fprintf(stderr, "sorvexa-browse: %s %s %d %.3f ms\n", method, url, page.status, ms);
+            std::fprintf(stderr, "sorvexa-browse: %s %s %d %.3f ms\n", method, url, page.status,
+                         ms);
         return send(conn, page, page.close ? -1 : ms);
     }
 };
@@ -139,17 +142,16 @@ int http_server::start(const std::string& host, int port) {
     sockaddr_storage bound{};
     socklen_t len = sizeof bound;
     ::getsockname(fd, reinterpret_cast<sockaddr*>(&bound), &len);
-    const int bound_port = ntohs(bound.ss_family == AF_INET6
-                                     ? reinterpret_cast<sockaddr_in6*>(&bound)->sin6_port
-                                     : reinterpret_cast<sockaddr_in*>(&bound)->sin_port);
+    const int bound_port =
+        ntohs(bound.ss_family == AF_INET6 ? reinterpret_cast<sockaddr_in6*>(&bound)->sin6_port
+                                          : reinterpret_cast<sockaddr_in*>(&bound)->sin_port);
     // Heads up to four times the limit are read whole so that the answer can be the 413 that
     // says why; beyond, the library gives up on its own (431) rather than hold more memory.
-    daemon_ = MHD_start_daemon(
-        MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL, 0, nullptr, nullptr, &handler::answer,
-        this, MHD_OPTION_LISTEN_SOCKET, fd, MHD_OPTION_THREAD_POOL_SIZE, limits_.threads,
-        MHD_OPTION_CONNECTION_LIMIT, limits_.connections, MHD_OPTION_CONNECTION_TIMEOUT,
-        limits_.idle_seconds, MHD_OPTION_CONNECTION_MEMORY_LIMIT, 2 * limits_.max_head + 4096,
-        MHD_OPTION_END);
+    daemon_ = MHD_start_daemon(MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL, 0, nullptr, nullptr,
+                               &handler::answer, this, MHD_OPTION_LISTEN_SOCKET, fd,
+                               MHD_OPTION_THREAD_POOL_SIZE, threads, MHD_OPTION_CONNECTION_LIMIT,
+                               connections, MHD_OPTION_CONNECTION_TIMEOUT, idle_seconds,
+                               MHD_OPTION_CONNECTION_MEMORY_LIMIT, 4 * max_head, MHD_OPTION_END);
     if (daemon_ == nullptr) {
         ::close(fd);
         return -1;

@@ -3,11 +3,17 @@
 // writing its builder and naming it in a table of routes.cpp.
 #pragma once
 
+#include <sorvexa/fetcher_pool.h>
+#include <sorvexa/flowcheck.h>
+#include <sorvexa/read_lookup.h>
+#include <sorvexa/status.h>
+#include <sorvexa/views.h>
+
 #include <atomic>
 #include <condition_variable>
-#include <functional>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -18,13 +24,9 @@
 #include <utility>
 #include <vector>
 
-#include <sorvexa/contig.h>
-#include <sorvexa/flowcheck.h>
-#include <sorvexa/read_lookup.h>
-#include <sorvexa/status.h>
-#include <sorvexa/views.h>
-
 #include "html.h"
+
+struct MHD_Daemon;
 
 namespace browse {
 
@@ -33,14 +35,12 @@ namespace browse {
 template <class V>
 class lru_cache {
   public:
-    lru_cache(std::size_t count, std::size_t bytes) : count_(count < 1 ? 1 : count), bytes_(bytes) {}
+    lru_cache(std::size_t count, std::size_t bytes)
+        : count_(count < 1 ? 1 : count), bytes_(bytes) {}
     std::shared_ptr<const V> find(std::size_t key) {
         std::lock_guard lock(mutex_);
         for (entry& e : entries_)
-            if (e.key == key) {
-                e.used = ++clock_;
-                return e.value;
-            }
+            if (e.key == key) return e.used = ++clock_, e.value;
         return nullptr;
     }
     void put(std::size_t key, std::shared_ptr<const V> value, std::size_t bytes) {
@@ -70,23 +70,16 @@ class lru_cache {
     std::size_t count_, bytes_;
 };
 
-// The SFF files: the library's read index, and fetchers that refuse a file changed since it
-// was indexed, one to each thread that fetches at a time.
+// The SFF files: the library's read index and its fetchers.
 class read_source {
   public:
     read_lookup lookup;
-    // Opens every file and reads its header, in the order given, then indexes them side by side.
-    sorvexa::status index(const std::vector<std::string>& paths);
+    mutable fetcher_pool fetchers{lookup};  // refuse a file changed since it was indexed
+    sorvexa::status index(const std::vector<std::string>& paths);  // side by side
     bool holds(const std::string& name) const { return lookup.locate(name).found(); }
     std::size_t reads_in(std::size_t file) const { return lookup.indexes[file].size(); }
-    // Runs `f` with a fetcher no other thread uses meanwhile.
-    void with_fetcher(const std::function<void(read_fetcher&)>& f) const;
-    // The named reads of `c` tied to their records.
-    std::map<std::string, tied_read> tie(const contig& c, const std::vector<std::string>& names) const;
-
-  private:
-    mutable std::mutex mutex_;
-    mutable std::vector<std::unique_ptr<read_fetcher>> idle_;
+    std::map<std::string, tied_read> tie(const contig& c,
+                                         const std::vector<std::string>& names) const;
 };
 enum class fetch_result { ok, unknown, file_changed };
 fetch_result fetch(const read_source& sff, const std::string& name, record_view& out,
@@ -111,8 +104,6 @@ struct drawn_contig {
     depth_profile depth;
     const contig& c() const { return d.shown; }
 };
-constexpr view_options drawing{true, true};
-constexpr int depth_bins = 1000;
 
 // The ACE assembly: a summary of every contig taken in one pass at start-up, which contig
 // places each read, and the contigs parsed again on demand, the latest kept.
@@ -121,26 +112,27 @@ class assembly {
     std::string ace_path;
     file_stamp ace_stamp;
     std::vector<contig_summary> contigs;
-    // Read name and contig, one per read of each contig, sorted (a read placed in several
-    // contigs is shown in the first), with its start column.
-    std::vector<std::pair<std::string, std::uint32_t>> placements;
-    std::vector<std::int32_t> placement_starts;
+    // One per read of each contig, sorted (a read placed in several contigs is shown in the
+    // first).
+    struct placement {
+        std::string read;
+        std::uint32_t contig;
+        std::int32_t start;
+        auto operator<=>(const placement&) const = default;
+    };
+    std::vector<placement> placements;
     std::int64_t reads_placed = 0, reads_found = 0, columns = 0;
-    // What the files suggest doing about an assembly the browser can show little of.
-    std::string start_up_hint;
+    std::string start_up_hint;  // what the files suggest doing, shown on the overview
 
     explicit assembly(std::size_t cache_size = 4, std::size_t cache_bytes = std::size_t{16} << 20)
         : cache_(cache_size, cache_bytes) {}
-    // Reads the whole ACE file once; the reader's error when it is out of its grammar.
-    sorvexa::status read(const std::string& path);
+    sorvexa::status read(const std::string& path);  // the reader's error, if any
     void count_found(const read_source& sff);
     int contig_index(std::string_view name) const;  // -1 when unknown
     int contig_of_read(std::string_view read) const;
-
     // Contig `index` parsed again, unless the file changed since start-up.
     bool parse(std::size_t index, contig& c, bool qualities = false) const;
-    // The contig drawn, kept in the cache; null when the file changed.
-    std::shared_ptr<const drawn_contig> load(std::size_t index);
+    std::shared_ptr<const drawn_contig> load(std::size_t index);  // null: the file changed
 
   private:
     std::vector<std::uint32_t> by_name_;  // contig indexes in name order
@@ -148,22 +140,21 @@ class assembly {
     std::mutex parse_mutex_;
 };
 
-// What is kept of a contig's check by the library, under the model that sorvexa-flowcheck fits
-// to the same files: its runs with their calls, not the signals nor the reads' flows.
+// What is kept of a contig's check, made under the model sorvexa-flowcheck fits to the same
+// files: its runs and report, not the signals nor the reads' flows.
 struct contig_evidence {
     flow_check check;  // its own copy of the model dropped; `models` is the one used
     std::shared_ptr<const flow_models> models;
-    contig_report report;                // as sorvexa-flowcheck reports it
+    contig_report report;
     std::vector<std::int32_t> disputed;  // runs of the edits, highest score first
     std::size_t bytes = 0;
-
-    // The run whose first base (first pad column for a run of length 0) is `column`, -1 if none.
+    // The run whose first base (first pad column for a run of length 0) is `column`, or -1.
     std::int32_t run_at(std::int32_t column) const;
     bool is_disputed(std::int32_t run) const;
 };
 std::shared_ptr<const contig_evidence> build_evidence(const contig& c, const read_source& sff,
                                                       std::shared_ptr<const flow_models> models);
-// The model sorvexa-flowcheck fits: the library's calibration over the contigs in file order.
+// The library's calibration over the contigs in file order, as sorvexa-flowcheck's.
 flow_models fit_models(const assembly& a, const read_source& sff, const std::atomic<bool>& stop);
 
 struct contig_tally {
@@ -181,12 +172,11 @@ class evidence_store {
     evidence_store& operator=(const evidence_store&) = delete;
 
     // The model of every check: one read from a table, else fitted once (in the background
-    // when asked, so start-up need not wait). No evidence is built before it is there.
+    // when asked, so that start-up need not wait). No evidence is built before it is there.
     void use_models(flow_models m, std::string origin);
     void fit_in_background();
     std::shared_ptr<const flow_models> models();
     std::shared_ptr<const flow_models> models_if_ready(std::string* origin = nullptr) const;
-
     // Built on first use, the latest kept; null when the ACE file changed.
     std::shared_ptr<const contig_evidence> get(std::size_t index);
     // Weighs every contig in the background for the overview; tally() is empty until then.
@@ -216,8 +206,8 @@ struct response {
     std::string content_type = "text/html; charset=utf-8";
     std::string body;
     std::string attachment;  // a file name: the body is offered as a download
-    // The token the page's script carries; the Content-Security-Policy allows no script
-    // without it (none at all when it is empty). New for every response.
+    // The token of the page's script, new for every response: the Content-Security-Policy
+    // allows no script without it (none at all when it is empty).
     std::string nonce;
     std::string allow;   // the methods served, on a 405
     bool close = false;  // the connection ends with this answer
@@ -230,8 +220,7 @@ struct request {
     std::optional<std::string> param(std::string_view name) const;  // the first value
 };
 
-// A window checked against a contig: columns from..last are shown (last is cut at the
-// contig's end), or `error` says why the query cannot be served. `rows_page` counts from 1.
+// A window checked against a contig: columns from..last (cut at the contig's end), or `error`.
 struct window {
     std::int64_t from = 1, last = 0;
     int width = 100;
@@ -240,25 +229,10 @@ struct window {
 };
 constexpr int default_width = 100, max_width = 2000;
 window check_window(const request& q, std::int64_t columns);
-
 // A page of rows holds at most max_rows rows, and at most max_cells / columns: the size of
 // every window page is bounded whatever the contig's depth.
 constexpr std::int64_t max_rows = 200, min_rows = 50, max_cells = 100000;
 std::int64_t rows_per_page(std::int64_t columns);
-
-struct window_view {
-    window_grid grid;              // the rows of this page, drawn
-    std::int64_t rows_over = 0;    // layout rows with a read over the window
-    std::int64_t reads_over = 0;   // reads over the window
-    std::int64_t reads_shown = 0;  // of those, the reads of this page's rows
-    std::int64_t page = 1, pages = 1;
-    std::vector<std::int16_t> quality;  // the consensus quality of each column, -1 for a pad
-    std::int64_t unpadded_from = 0;     // the unpadded position of the first column's base
-};
-// Page p of P takes every P-th layout row over the window from the p-th on, so each page
-// samples the whole depth evenly. False when `page` lies past the last page.
-bool build_view(const drawn_contig& b, std::int64_t from, std::int64_t last, std::int64_t page,
-                window_view& out);
 
 class site {
   public:
@@ -268,10 +242,9 @@ class site {
 
     site(assembly& a, const read_source& s) : ace(a), sff(s) {}
     response serve(const request& req) const;
-
     response overview() const;
-    // `name` is the path after /contig/ (a contig name, or one followed by a view's suffix);
-    // after /read/ (a read name, or one followed by ".flows.tsv" or ".bases.tsv").
+    // `name` is the path after /contig/ (a contig name, or one followed by a view's suffix),
+    // or after /read/ (a read name, or one followed by ".flows.tsv" or ".bases.tsv").
     response contig(std::string_view name, const request& req) const;
     response read(std::string_view name) const;
     response not_found(std::string_view what) const;
@@ -279,26 +252,13 @@ class site {
     response contig_text(std::size_t index, const request& req) const;
 };
 
-// Routes: a path prefix and its page, given the rest of the path; views of one contig:
-// /contig/NAME then `key`, which ends the path when `whole` (".txt"), else the rest after
-// it is handed on ("/run/" + column).
-struct top_route {
-    std::string_view prefix;
-    response (*serve)(const site&, std::string_view rest, const request&);
-};
-struct contig_view {
-    std::string_view key;
-    bool whole;
-    response (*serve)(const site&, std::size_t contig, std::string_view rest, const request&);
-};
 response run_page(const site& s, std::size_t contig, std::string_view rest, const request& req);
 response calls_vcf(const site& s, std::size_t contig, std::string_view rest, const request& req);
 response calls_tsv(const site& s, std::size_t contig, std::string_view rest, const request& req);
 constexpr std::int64_t max_search_results = 100;
 response search_page(const site& s, std::string_view rest, const request& req);
 
-// Page parts. A whole HTML page: title, body and optionally a script of assets/ (at the end
-// of the body, under a fresh nonce).
+// A whole HTML page: title, body and optionally a script of assets/ (under a fresh nonce).
 response page(std::string_view title, const html& body, const html& script = html{});
 // Every error answer: an HTML page, or with `text` a plain line "title: message".
 response error_response(int status, std::string_view title, std::string_view message,
@@ -321,16 +281,16 @@ html depth_chart(const drawn_contig& b, std::int64_t from, std::int64_t last, in
 html quality_chart(const record_view& r);
 html flowgram_chart(const record_view& r);
 
-// The maps of a window: names column and map, one line each per row; as plain text lines
-// with the reads of each row after them.
-void align_map_html(const window_view& v, html& names, html& map);
-void flow_map_html(const drawn_contig& b, const window_view& v, html& names, html& map);
-void signals_map_html(const drawn_contig& b, const window_view& v, const contig_evidence& e,
+// A window's maps: names column and map, one line each per row; as text lines with the reads
+// of each row after them. differences_only draws bases equal to the consensus as '.' (',' on
+// complemented reads).
+void align_map_html(const window_page& v, html& names, html& map);
+void flow_map_html(const drawn_contig& b, const window_page& v, html& names, html& map);
+void signals_map_html(const drawn_contig& b, const window_page& v, const contig_evidence& e,
                       const read_source& sff, html& names, html& map);
-void align_map_text(const window_view& v, std::string& out);
-void flow_map_text(const window_view& v, std::string& out);
-// Bases equal to the consensus drawn as '.' ('," on complemented reads).
-void differences_only(window_view& v);
+void align_map_text(const window_page& v, std::string& out);
+void flow_map_text(const window_page& v, std::string& out);
+void differences_only(window_page& v);
 // A flow's count as one character: a digit, A = 10 up to Z = 35, '+' beyond, ' ' for none.
 char count_char(int n);
 // A signal as three characters: one decimal, whole numbers from 9.95, "99+" from 99.5, "u"
@@ -339,7 +299,26 @@ std::string signal_text(std::int32_t value);
 void signals_legend(html& out);
 void coverage_note(html& out, const contig_coverage& c);
 void disputed_table(html& out, std::string_view contig, const contig_evidence& e);
-void disputed_marks(html& out, std::string_view contig, const contig_evidence& e,
-                    std::int64_t from, std::int64_t last);
+void disputed_marks(html& out, std::string_view contig, const contig_evidence& e, std::int64_t from,
+                    std::int64_t last);
+
+// Serves a site over HTTP in the background (server.cpp), with the limits that keep clients
+// which send nothing, send slowly or send too much from holding it.
+class http_server {
+  public:
+    explicit http_server(const site& s) : site_(s) {}
+    ~http_server() { stop(); }
+    http_server(const http_server&) = delete;
+    http_server& operator=(const http_server&) = delete;
+    // Listens on `host` (port 0: any free port): the port, or -1.
+    int start(const std::string& host, int port);
+    void stop();              // closes every connection once its answer is sent; safe to call twice
+    bool access_log = false;  // a line on standard error for every answer
+
+  private:
+    const site& site_;
+    MHD_Daemon* daemon_ = nullptr;
+    friend struct handler;
+};
 
 }  // namespace browse

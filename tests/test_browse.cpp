@@ -117,8 +117,8 @@ TEST(BrowseWindow, EveryReadOverTheShownColumnsIsDrawnAndNothingBeyond) {
     plain.print_align_map_plain(text, drawn, 101, 100);
     EXPECT_EQ(drawn, (std::vector<std::string>{"r1", "r2"}));
 
-    browse::window_view v;
-    ASSERT_TRUE(browse::build_view(*b, 101, 200, 1, v));
+    window_page v;
+    ASSERT_TRUE(page_of_window(b->d, 101, 200, 1, browse::rows_per_page(100), v));
     const window_grid& g = v.grid;
     // Rows: r1 then r4; r2; r3; r5.
     EXPECT_EQ(names_of(g), (std::vector<std::string>{"r1", "r4", "r2", "r3", "r5"}));
@@ -376,8 +376,8 @@ TEST(BrowseWindow, ReadsBeforeColumnOneAndLowerCaseBasesAreDrawn) {
                       {"lower", 10, lower},
                       {"gone", -30, cons.substr(0, 20)}}}});
     auto b = f.ace.load(0);
-    browse::window_view v;
-    ASSERT_TRUE(browse::build_view(*b, 1, 100, 1, v));
+    window_page v;
+    ASSERT_TRUE(page_of_window(b->d, 1, 100, 1, browse::rows_per_page(100), v));
     EXPECT_EQ(names_of(v.grid), (std::vector<std::string>{"early", "lower"}));
     EXPECT_EQ(v.grid.bases[0].substr(0, 55), cons.substr(0, 55));
     EXPECT_EQ(v.grid.bases[1].substr(9, 60), cons.substr(9, 60));  // drawn in capitals
@@ -408,8 +408,8 @@ TEST(BrowseWindow, ConsensusQualitiesAreARow) {
     browse::assembly ace;
     ASSERT_TRUE(ace.read(f.dir / "q.ace").ok);
     auto b = ace.load(0);
-    browse::window_view v;
-    ASSERT_TRUE(browse::build_view(*b, 2, 6, 1, v));
+    window_page v;
+    ASSERT_TRUE(page_of_window(b->d, 2, 6, 1, browse::rows_per_page(5), v));
     EXPECT_EQ(v.quality, (std::vector<std::int16_t>{20, 35, -1, 40, 99}));
     browse::site s(ace, f.sff);
     EXPECT_TRUE(contains(s.serve(get("/contig/q")).body, "<span class=\"bq\">123 49</span>"));
@@ -470,24 +470,16 @@ TEST(BrowsePages, EveryResponseHasItsOwnNonce) {
     EXPECT_FALSE(contains(f.read("r1").body, "<script"));
 }
 
-TEST(BrowsePages, TheWriterEscapesTextAndAttributeValues) {
+TEST(BrowsePages, TheWriterEscapesTextAndTheHolesOfItsMarkup) {
     browse::html h;
-    h.open("a", {{"href", "/x?a=1&b=\"2\""}, {"title", "<i>'"}})
-        .text("<b>&</b>")
-        .close("a")
-        .markup("<br>");
+    h.fill("<a href=\"{}\" title=\"{}\">{}</a>", "/x?a=1&b=\"2\"", "<i>'", "<b>&</b>").markup("<br>");
     EXPECT_EQ(h.str(),
               "<a href=\"/x?a=1&amp;b=&quot;2&quot;\" "
               "title=\"&lt;i&gt;&#39;\">&lt;b&gt;&amp;&lt;/b&gt;</a>"
               "<br>");
     browse::html c;
-    c.text(
-        std::string("a\x01"
-                    "b",
-                    3));
-    EXPECT_EQ(c.str(),
-              "a\xEF\xBF\xBD"
-              "b");
+    c.text(std::string("a\x01" "b", 3)).fill("{}{}", 7, 'x');
+    EXPECT_EQ(c.str(), "a\xEF\xBF\xBD" "b7x");
 }
 
 // Of a name held by two SFF files the first file named serves the read, as in the tool.

@@ -235,7 +235,7 @@ TEST(Evidence, SignalCellsAndShades) {
 
 TEST(Evidence, SearchByFullNamePrefixOrNothing) {
     simulated& s = shared();
-    const std::string name = s.ace->placements.front().first;
+    const std::string name = s.ace->placements.front().read;
     const browse::response full = s.site->serve(get("/search", {{"q", name}}));
     EXPECT_EQ(full.status, 200);
     EXPECT_NE(full.body.find("SFF record"), std::string::npos);

@@ -1,5 +1,7 @@
 # Writes browse_assets.h: each file of browse/assets as a fragment of markup, so that the
-# style sheet and the scripts are edited as the files they are.
+# style sheet and the scripts are edited as the files they are; and each template of
+# browse/assets/templates (NAME.html, NAME.txt) as assets::NAME, a literal for html::fill
+# whose `{}` holes take escaped text.
 #   cmake -DOUT=<header> -DASSETS="<file>;<file>..." -P generate.cmake
 set(text "// Generated from browse/assets/ at build time; edit those files instead.\n")
 string(APPEND text "#pragma once\n\n#include \"html.h\"\n\nnamespace browse::assets {\n")
@@ -11,9 +13,15 @@ foreach(path IN LISTS ASSETS)
   if(NOT clash EQUAL -1)
     message(FATAL_ERROR "${path} holds the literal's delimiter )asset\"")
   endif()
-  string(APPEND text "\ninline const html& ${id}() {\n"
-                     "    static const html fragment = html{}.markup(R\"asset(${content})asset\");\n"
-                     "    return fragment;\n}\n")
+  if(path MATCHES "/templates/")
+    get_filename_component(name ${path} NAME_WE)
+    string(REGEX REPLACE "\n$" "" content "${content}")
+    string(APPEND text "\ninline constexpr char ${name}[] = R\"asset(${content})asset\";\n")
+  else()
+    string(APPEND text "\ninline const html& ${id}() {\n"
+                       "    static const html fragment = html{}.markup(R\"asset(${content})asset\");\n"
+                       "    return fragment;\n}\n")
+  endif()
 endforeach()
 string(APPEND text "\n}  // namespace browse::assets\n")
 file(WRITE ${OUT}.new "${text}")
