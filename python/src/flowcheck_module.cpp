@@ -21,28 +21,24 @@ namespace sorvexa_py {
 namespace {
 
 // A run as the TSV lists it, with what the check made of it.
-struct listed_run {
-    std::string contig;
-    hp_run run;
-    std::string filter;    // PASS, StrandConflict or "."
-    bool applied = false;  // its edit passed and made the polished sequence
+struct listed_run : hp_run {
+    std::string contig, filter;  // filter: PASS, StrandConflict or "."
+    bool applied = false;        // its edit passed and made the polished sequence
 };
 
+// The check of a contig as ContigCheck shows it.
 struct contig_check {
-    std::string name;
-    std::string consensus;  // unpadded
-    std::string polished;
-    std::vector<listed_run> calls;
+    std::string name, consensus, polished;  // the consensus without pads, before and after
     contig_coverage coverage;
+    std::vector<listed_run> calls;
 };
 
 struct check_result {
     std::vector<contig_check> contigs;
-    tie_counts reads;
-    std::int64_t runs = 0, tested = 0, called = 0, passed = 0;
+    contig_coverage coverage;  // summed over the contigs
+    std::int64_t called = 0, passed = 0;
     flow_models model;
-    std::string vcf_records;
-    std::string tsv;
+    std::string vcf_records, tsv;
     std::vector<vcf_contig> vcf_contigs;
 };
 
@@ -71,9 +67,7 @@ sorvexa::status run_check(const std::string& ace_path, const std::vector<std::st
     aceReader ace(ace_path);
     append_tsv_header(out.tsv);
     contig_report report;
-    for (;;) {
-        contig c;
-        if (ace.next_contig(c) == 0) break;
+    for (contig c; ace.next_contig(c) == 1; c = contig()) {
         if (sorvexa::status checked = o.check.check(c, lookup, fetcher, o.all_runs, report); !checked)
             return checked;
         const contig_coverage& cover = report.coverage;
@@ -81,14 +75,14 @@ sorvexa::status run_check(const std::string& ace_path, const std::vector<std::st
         append_vcf_records(out.vcf_records, report);
         append_tsv_report(out.tsv, report);
         contig_check& cc = out.contigs.emplace_back(
-            contig_check{c.name, report.unpadded, report.polished, {}, cover});
+            contig_check{c.name, report.unpadded, report.polished, cover, {}});
         for (const report_row& row : report.rows)
-            cc.calls.push_back({c.name, row.run, std::string(row.filter), row.applied});
-        out.reads.tied += cover.reads.tied;
-        out.reads.untied += cover.reads.untied;
-        out.reads.not_found += cover.reads.not_found;
-        out.runs += cover.runs;
-        out.tested += cover.tested;
+            cc.calls.push_back({row.run, c.name, std::string(row.filter), row.applied});
+        out.coverage.reads.tied += cover.reads.tied;
+        out.coverage.reads.untied += cover.reads.untied;
+        out.coverage.reads.not_found += cover.reads.not_found;
+        out.coverage.runs += cover.runs;
+        out.coverage.tested += cover.tested;
         out.called += report.called;
         out.passed += report.passed;
     }
@@ -152,20 +146,30 @@ py::object flowcheck(py::object ace, py::object sffs, std::int64_t min_signals, 
     if (o.choice == model_origin::table) check_readable(o.model_path, model);
 
     auto result = std::make_unique<check_result>();
-    sorvexa::status failed;
     diagnostics said;
-    {
-        py::gil_scoped_release released;
-        failed = run_check(ace_path, sff_paths, o, *result, said);
-    }
-    report(failed, said.lines);
+    call(said, [&] { return run_check(ace_path, sff_paths, o, *result, said); });
     return py::cast(std::move(result));
 }
 
-py::list calls_of(const std::vector<listed_run>& calls) {
-    py::list out;
-    for (const auto& c : calls) out.append(py::cast(c));
-    return out;
+// What a ContigCheck and a FlowCheckResult tell of how much was weighed.
+template <class T>
+void coverage_of(py::class_<T>& c) {
+    c.def_property_readonly(
+         "reads_tied", [](const T& t) { return t.coverage.reads.tied; },
+         "Reads tied to their SFF records.")
+        .def_property_readonly(
+            "reads_untied", [](const T& t) { return t.coverage.reads.untied; },
+            "Reads found in an SFF file whose sequence could not be tied to the record.")
+        .def_property_readonly(
+            "reads_not_found", [](const T& t) { return t.coverage.reads.not_found; },
+            "Reads in no SFF file.")
+        .def_property_readonly(
+            "runs", [](const T& t) { return t.coverage.runs; },
+            "Runs of at least one base in the consensus.")
+        .def_property_readonly(
+            "tested", [](const T& t) { return t.coverage.tested; },
+            "Of those, runs with enough signals whose length the model names with "
+            "confidence.");
 }
 
 py::list model_lines(const flow_models& m) {
@@ -199,62 +203,49 @@ over it: a line of sorvexa-flowcheck's TSV file.
 )doc")
         .def_property_readonly(
             "contig", [](const listed_run& c) { return text(c.contig); }, "The contig's name.")
+        .def_readonly("column", &listed_run::column,
+                      "Padded column of the run's first base (the first pad column for a run "
+                      "the consensus lacks).")
+        .def_readonly("position", &listed_run::position,
+                      "Unpadded 1-based position of the run's first base (where it would start).")
         .def_property_readonly(
-            "column", [](const listed_run& c) { return c.run.column; },
-            "Padded column of the run's first base (the first pad column for a run the "
-            "consensus lacks).")
-        .def_property_readonly(
-            "position", [](const listed_run& c) { return c.run.position; },
-            "Unpadded 1-based position of the run's first base (where it would start).")
-        .def_property_readonly(
-            "letter", [](const listed_run& c) { return std::string(1, c.run.letter); },
+            "letter", [](const listed_run& c) { return std::string(1, c.letter); },
             "The run's base, upper case.")
-        .def_property_readonly(
-            "consensus_length", [](const listed_run& c) { return c.run.consensus_length; },
-            "The run's length in the consensus.")
-        .def_property_readonly(
-            "called_length", [](const listed_run& c) { return c.run.called_length; },
-            "The most probable length under the model.")
-        .def_property_readonly(
-            "signals", [](const listed_run& c) { return c.run.signals; }, "Flow values weighed.")
-        .def_property_readonly(
-            "forward", [](const listed_run& c) { return c.run.forward; },
-            "Of those, values from reads placed forward.")
-        .def_property_readonly(
-            "reverse", [](const listed_run& c) { return c.run.reverse(); },
-            "Of those, values from complemented reads.")
-        .def_property_readonly(
-            "mean_signal", [](const listed_run& c) { return c.run.mean_signal(); },
-            "Mean flow value, in bases.")
-        .def_property_readonly(
-            "score", [](const listed_run& c) { return c.run.score; },
-            "Log-likelihood ratio (natural log) of the called length against the "
-            "consensus length; 0 when they agree.")
-        .def_property_readonly(
-            "qual", [](const listed_run& c) { return static_cast<double>(c.run.qual); },
-            "Phred-scaled probability that the consensus length is right (high when the "
-            "reads speak against it), at most 99; the VCF record's QUAL.")
-        .def_property_readonly(
-            "confidence", [](const listed_run& c) { return static_cast<double>(c.run.confidence); },
-            "Phred-scaled probability that the called length is wrong, at most 99.")
-        .def_property_readonly(
-            "filter", [](const listed_run& c) { return c.filter; },
-            "'PASS' for a call that passes, 'StrandConflict' for one whose forward and "
-            "complemented reads call different lengths, '.' for a run that is no call.")
+        .def_readonly("consensus_length", &listed_run::consensus_length,
+                      "The run's length in the consensus.")
+        .def_readonly("called_length", &listed_run::called_length,
+                      "The most probable length under the model.")
+        .def_readonly("signals", &listed_run::signals, "Flow values weighed.")
+        .def_readonly("forward", &listed_run::forward, "Of those, values from reads placed forward.")
+        .def_property_readonly("reverse", &listed_run::reverse,
+                               "Of those, values from complemented reads.")
+        .def_property_readonly("mean_signal", &listed_run::mean_signal, "Mean flow value, in bases.")
+        .def_readonly("score", &listed_run::score,
+                      "Log-likelihood ratio (natural log) of the called length against the "
+                      "consensus length; 0 when they agree.")
+        .def_readonly("qual", &listed_run::qual,
+                      "Phred-scaled probability that the consensus length is right (high when "
+                      "the reads speak against it), at most 99; the VCF record's QUAL.")
+        .def_readonly("confidence", &listed_run::confidence,
+                      "Phred-scaled probability that the called length is wrong, at most 99.")
+        .def_readonly("filter", &listed_run::filter,
+                      "'PASS' for a call that passes, 'StrandConflict' for one whose forward and "
+                      "complemented reads call different lengths, '.' for a run that is no call.")
         .def_readonly("applied", &listed_run::applied,
                       "Whether the call changed the polished sequence (it passed and no "
                       "stronger call claimed its bases).")
         .def("__repr__", [](const listed_run& c) {
             return "<sorvexa.RunCall " + py::repr(text(c.contig)).cast<std::string>() + ":" +
-                   std::to_string(c.run.position) + " " + std::string(1, c.run.letter) + "x" +
-                   std::to_string(c.run.consensus_length) + " -> " +
-                   std::to_string(c.run.called_length) + " " + c.filter + ">";
+                   std::to_string(c.position) + " " + std::string(1, c.letter) + "x" +
+                   std::to_string(c.consensus_length) + " -> " +
+                   std::to_string(c.called_length) + " " + c.filter + ">";
         });
 
-    py::class_<contig_check>(m, "ContigCheck", R"doc(
+    py::class_<contig_check> contig_class(m, "ContigCheck", R"doc(
 The check of one contig: its sequence before and after the calls, the listed runs, and
 how much of it the reads weighed.
-)doc")
+)doc");
+    contig_class
         .def_property_readonly(
             "name", [](const contig_check& c) { return text(c.name); }, "The contig's name.")
         .def_property_readonly(
@@ -263,25 +254,8 @@ how much of it the reads weighed.
         .def_property_readonly(
             "polished", [](const contig_check& c) { return text(c.polished); },
             "The consensus without pads, with the passing calls applied.")
-        .def_property_readonly(
-            "calls", [](const contig_check& c) { return calls_of(c.calls); },
-            "The RunCall objects listed for the contig (see flowcheck's all_runs).")
-        .def_property_readonly(
-            "reads_tied", [](const contig_check& c) { return c.coverage.reads.tied; },
-            "Reads tied to their SFF records.")
-        .def_property_readonly(
-            "reads_untied", [](const contig_check& c) { return c.coverage.reads.untied; },
-            "Reads found in an SFF file whose sequence could not be tied to the record.")
-        .def_property_readonly(
-            "reads_not_found", [](const contig_check& c) { return c.coverage.reads.not_found; },
-            "Reads in no SFF file.")
-        .def_property_readonly(
-            "runs", [](const contig_check& c) { return c.coverage.runs; },
-            "Runs of at least one base in the consensus.")
-        .def_property_readonly(
-            "tested", [](const contig_check& c) { return c.coverage.tested; },
-            "Of those, runs with enough signals whose length the model names with "
-            "confidence.")
+        .def_readonly("calls", &contig_check::calls,
+                      "The RunCall objects listed for the contig (see flowcheck's all_runs).")
         .def_property_readonly(
             "unchecked", [](const contig_check& c) { return c.coverage.unchecked(); },
             "Whether under half of the reads were tied or under half of the runs tested: "
@@ -291,11 +265,14 @@ how much of it the reads weighed.
                    std::to_string(c.calls.size()) + " listed" +
                    (c.coverage.unchecked() ? ", unchecked>" : ">");
         });
+    coverage_of(contig_class);
 
-    py::class_<check_result>(m, "FlowCheckResult", R"doc(
+    py::class_<check_result> result_class(m, "FlowCheckResult", R"doc(
 What flowcheck() found: the contigs' checks, the model the calls were made under, and the
 texts sorvexa-flowcheck writes (tsv, model_tsv, vcf()).
-)doc")
+)doc");
+    coverage_of(result_class);
+    result_class
         .def_property_readonly(
             "contigs",
             [](py::handle self) {
@@ -314,21 +291,10 @@ texts sorvexa-flowcheck writes (tsv, model_tsv, vcf()).
                 return out;
             },
             "Every contig's RunCall objects, in file order.")
-        .def_readonly("runs", &check_result::runs, "Runs of at least one base, over all contigs.")
-        .def_readonly("tested", &check_result::tested, "Of those, runs tested.")
         .def_readonly("called", &check_result::called,
                       "Calls reported (in the VCF), filtered ones included.")
         .def_readonly("passed", &check_result::passed,
                       "Of those, calls that passed and were applied.")
-        .def_property_readonly(
-            "reads_tied", [](const check_result& r) { return r.reads.tied; },
-            "Reads tied to their SFF records.")
-        .def_property_readonly(
-            "reads_untied", [](const check_result& r) { return r.reads.untied; },
-            "Reads found in an SFF file whose sequence could not be tied to the record.")
-        .def_property_readonly(
-            "reads_not_found", [](const check_result& r) { return r.reads.not_found; },
-            "Reads in no SFF file.")
         .def_property_readonly(
             "model", [](const check_result& r) { return model_lines(r.model); },
             "The model the calls were made under, a dict per line of model_tsv (file, "
@@ -360,7 +326,8 @@ texts sorvexa-flowcheck writes (tsv, model_tsv, vcf()).
             "the FASTA file of the unpadded consensus.")
         .def("__repr__", [](const check_result& r) {
             return "<sorvexa.FlowCheckResult " + std::to_string(r.contigs.size()) + " contigs, " +
-                   std::to_string(r.tested) + " of " + std::to_string(r.runs) + " runs tested, " +
+                   std::to_string(r.coverage.tested) + " of " + std::to_string(r.coverage.runs) +
+                   " runs tested, " +
                    std::to_string(r.called) + " called (" + std::to_string(r.passed) + " pass)>";
         });
 
