@@ -52,10 +52,15 @@ from ._sorvexa import (
     SffIterator,
     SffRecord,
     __version__,
-    flowcheck,
+    _flowcheck,
+    _flowcheck_defaults,
 )
 
 import collections.abc as _abc
+import math as _math
+import numbers as _numbers
+import operator as _operator
+import os as _os
 import re as _re
 
 __all__ = [
@@ -190,6 +195,61 @@ def _kept_read(record):
 
 
 SffRecord.kept_read = _kept_read
+
+
+def _number(value, name, positive=False):
+    """A finite number of at least 0 (above it when positive), as the program's options take."""
+    if not isinstance(value, _numbers.Real):
+        raise TypeError(f"{name} must be a number")
+    if not _math.isfinite(value) or value < 0 or (positive and value == 0):
+        raise ValueError(f"{name} must be a number " + ("above 0" if positive else "of at least 0"))
+    return float(value)
+
+
+_D = _flowcheck_defaults
+
+
+def flowcheck(ace_path, sff_paths, *, min_signals=_D["min_signals"], min_score=_D["min_score"],
+              min_qual=_D["min_qual"], model=None, sigma_base=None, sigma_slope=None,
+              all_runs=False):
+    if isinstance(sff_paths, (str, bytes, _os.PathLike)):
+        sff_paths = [sff_paths]
+    sff_paths = list(sff_paths)
+    if not sff_paths:
+        raise ValueError("flowcheck needs at least one SFF file")
+    if not 1 <= _operator.index(min_signals) <= 2**31 - 1:
+        raise ValueError("min_signals must be a whole number of at least 1")
+    if model is not None and (sigma_base is not None or sigma_slope is not None):
+        raise ValueError("model and the fixed model's sigma_base/sigma_slope exclude each other")
+    return _flowcheck(
+        ace_path, sff_paths, min_signals, _number(min_score, "min_score"),
+        _number(min_qual, "min_qual"), model,
+        None if sigma_base is None else _number(sigma_base, "sigma_base", positive=True),
+        None if sigma_slope is None else _number(sigma_slope, "sigma_slope"), bool(all_runs))
+
+
+# The defaults come from the library's own, so that the text cannot drift from them.
+flowcheck.__doc__ = f"""Weighs every homopolymer run of an assembly's consensus against the
+flow values its 454 reads measured, as sorvexa-flowcheck does, with the same calls and texts.
+
+ace_path is the ACE file; sff_paths one SFF path or a sequence of them (a read is taken
+from the first file that holds it).
+
+The flow values' spread per SFF file and run length is fitted to the assembly's own
+signals, from its first contigs, as the program fits it. model, the path of a model table
+(a FlowCheckResult's model_tsv saved, or the program's PREFIX.flowcheck.model.tsv), uses
+that model instead. Giving sigma_base or sigma_slope uses the fixed model, values of a run
+of length n normal with spread sigma_base + sigma_slope * n (the other one at its default,
+{_D["sigma_base"]:.2f} and {_D["sigma_slope"]:.2f}); it excludes model.
+
+A run is weighed when it has at least min_signals values and the model names its length
+with a confidence of min_qual (phred) or more; a call needs that, a qual of min_qual and
+a score of min_score. Only passing calls change the polished sequence. The result lists
+the runs with a call, or with all_runs every weighed run.
+
+Bad options raise ValueError; a model table that cannot be read as one, FormatError.
+Runs without the GIL.
+"""
 
 
 for _name in __all__:

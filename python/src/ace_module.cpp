@@ -23,33 +23,31 @@ namespace {
 class ace_file {
   public:
     py::object given_path;
+    int contigs = 0;
+    std::int32_t reads = 0;
 
     explicit ace_file(py::object path) : given_path(path) {
         const std::string p = fs_path(path);
         check_readable(p, path);
-        {
-            py::gil_scoped_release released;
+        call(said_, [&] {
             reader_ = std::make_unique<aceReader>(p);
-        }
-        report(reader_->error);
-        contigs_ = reader_->num_contigs;
-        reads_ = reader_->total_reads;
+            return reader_->error;
+        });
+        contigs = reader_->num_contigs;
+        reads = reader_->total_reads;
     }
 
     std::shared_ptr<contig> next() {
-        if (done_) throw py::stop_iteration();
         auto c = std::make_shared<contig>();
-        int got = 0;
-        sorvexa::status failed;
-        {
-            py::gil_scoped_release released;
-            std::lock_guard lock(mutex_);
-            if (reader_) got = reader_->next_contig(*c);
-            if (reader_) failed = reader_->error;
-        }
-        if (got != 1) done_ = true;
-        report(failed);
-        if (got != 1) throw py::stop_iteration();
+        bool got = false;
+        call(mutex_, said_, [&] {
+            got = !done_ && reader_ && reader_->next_contig(*c) == 1;
+            // A section out of order is reported once; the walk ends there.
+            const sorvexa::status failed = done_ || !reader_ ? sorvexa::status{} : reader_->error;
+            done_ = !got;
+            return failed;
+        });
+        if (!got) throw py::stop_iteration();
         return c;
     }
 
@@ -59,11 +57,9 @@ class ace_file {
         done_ = true;
     }
 
-    int contigs_ = 0;
-    std::int32_t reads_ = 0;
-
   private:
     std::mutex mutex_;
+    diagnostics said_;  // the ACE reader has none; call() asks for them
     std::unique_ptr<aceReader> reader_;
     bool done_ = false;
 };
@@ -136,38 +132,34 @@ py::tuple flow_map(contig& c, std::int32_t from, int width, bool html, bool spac
     if (spaced && !html) throw py::value_error("spaced applies to the HTML flow map only");
     std::string out;
     std::vector<std::string> names;
-    if (!html) {
+    color_map_t map = html ? colours_from(colours) : color_map_t{};
+    if (!html)
         c.print_flow_map_plain(out, names, from, width);
-    } else {
-        color_map_t map = colours_from(colours);
-        if (spaced)
-            c.print_flow_map_html_space(out, names, map, from, width);
-        else
-            c.print_flow_map_html(out, names, map, from, width);
-    }
+    else if (spaced)
+        c.print_flow_map_html_space(out, names, map, from, width);
+    else
+        c.print_flow_map_html(out, names, map, from, width);
     return py::make_tuple(text(out), text_list(names));
 }
 
 py::tuple align_map(contig& c, std::int32_t from, int width, bool html, const py::object& colours) {
     std::string out;
     std::vector<std::string> names;
-    if (!html) {
-        c.print_align_map_plain(out, names, from, width);
-    } else {
-        color_map_t map = colours_from(colours);
+    color_map_t map = html ? colours_from(colours) : color_map_t{};
+    if (html)
         c.print_align_map_html(out, names, map, from, width);
-    }
+    else
+        c.print_align_map_plain(out, names, from, width);
     return py::make_tuple(text(out), text_list(names));
 }
 
 py::str full_align_map(contig& c, bool html, const py::object& colours) {
     std::ostringstream out;
-    if (!html) {
-        c.print_align_map(out);
-    } else {
-        color_map_t map = colours_from(colours);
+    color_map_t map = html ? colours_from(colours) : color_map_t{};
+    if (html)
         c.print_align_map_html(out, map);
-    }
+    else
+        c.print_align_map(out);
     return text(out.str());
 }
 
@@ -320,9 +312,9 @@ FormatError with the reader's message.
              "Opens an ACE file (str, bytes or os.PathLike) and reads its AS line.")
         .def_property_readonly(
             "path", [](const ace_file& a) { return a.given_path; }, "The path as given.")
-        .def_readonly("number_of_contigs", &ace_file::contigs_,
+        .def_readonly("number_of_contigs", &ace_file::contigs,
                       "The contig count the AS line declares.")
-        .def_readonly("number_of_reads", &ace_file::reads_, "The read count the AS line declares.")
+        .def_readonly("number_of_reads", &ace_file::reads, "The read count the AS line declares.")
         .def(
             "__iter__", [](py::object self) { return self; }, "The file itself.")
         .def("__next__", &ace_file::next,
@@ -339,7 +331,7 @@ FormatError with the reader's message.
             "Closes the file.")
         .def("__repr__", [](const ace_file& a) {
             return "<sorvexa.AceFile " + py::repr(a.given_path).cast<std::string>() + ", " +
-                   std::to_string(a.contigs_) + " contigs>";
+                   std::to_string(a.contigs) + " contigs>";
         });
 }
 

@@ -3,10 +3,7 @@
 // then the contigs checked one by one), so that its numbers and texts are the program's.
 #include <pybind11/stl.h>
 
-#include <cmath>
 #include <cstdint>
-#include <cstdio>
-#include <limits>
 #include <optional>
 #include <string>
 #include <vector>
@@ -89,62 +86,29 @@ sorvexa::status run_check(const std::string& ace_path, const std::vector<std::st
     return ace.error;
 }
 
-std::vector<std::string> sff_path_list(py::handle given, std::vector<py::object>& originals) {
-    std::vector<std::string> paths;
-    const bool single = PyUnicode_Check(given.ptr()) || PyBytes_Check(given.ptr()) ||
-                        py::hasattr(given, "__fspath__");
-    if (single) {
-        originals.push_back(py::reinterpret_borrow<py::object>(given));
-    } else {
-        for (auto item : py::iter(given))
-            originals.push_back(py::reinterpret_borrow<py::object>(item));
-    }
-    if (originals.empty()) throw py::value_error("flowcheck needs at least one SFF file");
-    for (const auto& o : originals) paths.push_back(fs_path(o));
-    return paths;
-}
-
-// A finite number of at least 0 (above it when `positive`), as the program's options take.
-double number_option(double v, const char* name, bool positive) {
-    if (!std::isfinite(v) || v < 0 || (positive && v == 0))
-        throw py::value_error(std::string(name) + (positive ? " must be a number above 0"
-                                                            : " must be a number of at least 0"));
-    return v;
-}
-
-py::object flowcheck(py::object ace, py::object sffs, std::int64_t min_signals, double min_score,
-                     double min_qual, py::object model, std::optional<double> sigma_base,
-                     std::optional<double> sigma_slope, bool all_runs) {
+// The check of flowcheck() in sorvexa/__init__.py, which has taken its options apart.
+py::object flowcheck(py::object ace, const py::list& sffs, std::int32_t min_signals,
+                     double min_score, double min_qual, py::object model,
+                     std::optional<double> sigma_base, std::optional<double> sigma_slope,
+                     bool all_runs) {
     check_options o;
-    if (min_signals < 1 || min_signals > std::numeric_limits<std::int32_t>::max())
-        throw py::value_error("min_signals must be a whole number of at least 1");
-    o.check.min_signals = static_cast<std::int32_t>(min_signals);
-    o.check.min_score = number_option(min_score, "min_score", false);
-    o.check.min_qual = number_option(min_qual, "min_qual", false);
-    if (sigma_base) {
-        o.choice = model_origin::fixed;
-        o.check.model.sigma_base = number_option(*sigma_base, "sigma_base", true);
-    }
-    if (sigma_slope) {
-        o.choice = model_origin::fixed;
-        o.check.model.sigma_slope = number_option(*sigma_slope, "sigma_slope", false);
-    }
-    if (!model.is_none()) {
-        if (o.choice == model_origin::fixed)
-            throw py::value_error(
-                "model and the fixed model's sigma_base/sigma_slope exclude "
-                "each other");
-        o.choice = model_origin::table;
-        o.model_path = fs_path(model);
-    }
+    o.check.min_signals = min_signals;
+    o.check.min_score = min_score;
+    o.check.min_qual = min_qual;
+    if (sigma_base) o.check.model.sigma_base = *sigma_base;
+    if (sigma_slope) o.check.model.sigma_slope = *sigma_slope;
+    o.choice = !model.is_none()           ? model_origin::table
+               : sigma_base || sigma_slope ? model_origin::fixed
+                                           : model_origin::fitted;
     o.all_runs = all_runs;
     const std::string ace_path = fs_path(ace);
-    std::vector<py::object> originals;
-    const std::vector<std::string> sff_paths = sff_path_list(sffs, originals);
     check_readable(ace_path, ace);
-    for (std::size_t k = 0; k < sff_paths.size(); ++k) check_readable(sff_paths[k], originals[k]);
-    if (o.choice == model_origin::table) check_readable(o.model_path, model);
-
+    std::vector<std::string> sff_paths;
+    for (py::handle given : sffs) {
+        sff_paths.push_back(fs_path(given));
+        check_readable(sff_paths.back(), given);
+    }
+    if (!model.is_none()) check_readable(o.model_path = fs_path(model), model);
     auto result = std::make_unique<check_result>();
     diagnostics said;
     call(said, [&] { return run_check(ace_path, sff_paths, o, *result, said); });
@@ -332,42 +296,11 @@ texts sorvexa-flowcheck writes (tsv, model_tsv, vcf()).
         });
 
     const flow_check defaults;
-    const py::none none;
-    auto fixed2 = [](double v) {
-        char buf[32];
-        std::snprintf(buf, sizeof buf, "%.2f", v);
-        return std::string(buf);
-    };
-    // The defaults come from the library's own, so that the text cannot drift from them.
-    static const std::string doc = R"doc(
-Weighs every homopolymer run of an assembly's consensus against the flow values its 454
-reads measured, as sorvexa-flowcheck does, with the same calls and texts.
-
-ace_path is the ACE file; sff_paths one SFF path or a sequence of them (a read is taken
-from the first file that holds it).
-
-The flow values' spread per SFF file and run length is fitted to the assembly's own
-signals, from its first contigs, as the program fits it. model, the path of a model table
-(a FlowCheckResult's model_tsv saved, or the program's PREFIX.flowcheck.model.tsv), uses
-that model instead. Giving sigma_base or sigma_slope uses the fixed model, values of a run
-of length n normal with spread sigma_base + sigma_slope * n (the other one at its default,
-)doc" + fixed2(defaults.model.sigma_base) +
-                                   " and " + fixed2(defaults.model.sigma_slope) +
-                                   R"doc(); it excludes model.
-
-A run is weighed when it has at least min_signals values and the model names its length
-with a confidence of min_qual (phred) or more; a call needs that, a qual of min_qual and
-a score of min_score. Only passing calls change the polished sequence. The result lists
-the runs with a call, or with all_runs every weighed run.
-
-Bad options raise ValueError; a model table that cannot be read as one, FormatError.
-Runs without the GIL.
-)doc";
-    m.def("flowcheck", &flowcheck, py::arg("ace_path"), py::arg("sff_paths"), py::kw_only(),
-          py::arg("min_signals") = defaults.min_signals, py::arg("min_score") = defaults.min_score,
-          py::arg("min_qual") = defaults.min_qual, py::arg("model") = none,
-          py::arg("sigma_base") = none, py::arg("sigma_slope") = none, py::arg("all_runs") = false,
-          doc.c_str());
+    m.attr("_flowcheck_defaults") = py::dict(
+        py::arg("min_signals") = defaults.min_signals, py::arg("min_score") = defaults.min_score,
+        py::arg("min_qual") = defaults.min_qual, py::arg("sigma_base") = defaults.model.sigma_base,
+        py::arg("sigma_slope") = defaults.model.sigma_slope);
+    m.def("_flowcheck", &flowcheck);
 }
 
 }  // namespace sorvexa_py
