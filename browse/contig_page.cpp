@@ -139,21 +139,11 @@ response site::contig_window(std::size_t index, const request& req) const {
     const std::string width_s = std::to_string(w.width);
 
     html h;
-    h.fill("<h1>Contig {}, columns {} to {}</h1><dl class=\"facts\">", s.name, grouped(w.from),
-           grouped(w.last));
-    fact(h, "columns", grouped(s.columns));
-    fact(h, "reads", grouped(s.reads) + " (" + grouped(s.found) + " found in the SFF files)");
-    fact(h, "read lengths",
-         std::to_string(s.min_len) + " to " + std::to_string(s.max_len) + ", " +
-             fixed(s.avg_len, 0) + " on average");
-    fact(h, "layout rows", grouped(s.rows));
-    h.markup("</dl>\n");
+    h.fill(assets::contig_facts, s.name, grouped(w.from), grouped(w.last), grouped(s.columns),
+           grouped(s.reads), grouped(s.found), s.min_len, s.max_len, fixed(s.avg_len, 0),
+           grouped(s.rows));
     if (ev != nullptr) coverage_note(h, ev->report.coverage);
-    if (fitting)
-        h.markup(
-            "<p class=\"note\">The flow model is still being fitted to this assembly's "
-            "signals: the runs the flowgrams dispute show here once it is; reload in a "
-            "moment.</p>");
+    if (fitting) h.markup(assets::fitting_note);
     h.append(depth_chart(*d.b, w.from, w.last, w.width,
                          contig_href(s.name) + "?width=" + width_s + "&from="));
     h.markup("<nav class=\"nav\">");
@@ -188,10 +178,7 @@ response site::contig_window(std::size_t index, const request& req) const {
     choice(h, differences, toggled(signals_view, false), "all bases");
     choice(h, !differences, toggled(signals_view, true), "differences only");
     h.markup("</nav>");
-    if (differences)
-        h.markup(
-            "<p class=\"note\">Bases equal to the consensus are drawn as . on forward reads "
-            "and , on complemented ones.</p>");
+    if (differences) h.markup(assets::differences_note);
     align_map_html(v, names, map);
     map_block(h, "align", names, map);
     h.markup("<h2>Flows</h2><nav class=\"nav toggles\">");
@@ -200,13 +187,10 @@ response site::contig_window(std::size_t index, const request& req) const {
     h.markup("</nav>");
     html fnames, fmap;
     if (signals_view && ev != nullptr) {
-        signals_legend(h);
+        h.markup(assets::signals_legend);
         signals_map_html(*d.b, v, *ev, sff, fnames, fmap);
     } else {
-        if (signals_view && !fitting)
-            h.markup(
-                "<p class=\"error\">The flow signals cannot be read: the files changed "
-                "since start-up.</p>");
+        if (signals_view && !fitting) h.markup(assets::signals_unread);
         h.markup(assets::counts_note);
         flow_map_html(*d.b, v, fnames, fmap);
     }

@@ -85,18 +85,9 @@ std::string_view base_class(char letter) {
 response page(std::string_view title, const html& body, const html& script) {
     response r;
     html out;
-    // The style sheet and the scripts are files of the source tree built into the program.
-    out.fill(
-           "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">\n<title>{} - "
-           "sorvexa-browse</title>\n<style>",
-           title)
+    out.fill(assets::page_head, title)
         .append(assets::style_css())
-        .fill(
-            "</style></head>\n<body>\n<header><a href=\"/\">sorvexa-browse</a><span>{}</span>"
-            "<form class=\"search\" method=\"get\" action=\"/search\"><input name=\"q\" "
-            "type=\"search\" placeholder=\"read name or its beginning\" aria-label=\"find a "
-            "read\"> <button>find</button></form></header>\n<main>\n",
-            title)
+        .fill(assets::page_top, title)
         .append(body)
         .markup("</main>\n");
     if (script.size() > 0) {

@@ -296,7 +296,6 @@ char count_char(int n);
 // A signal as three characters: one decimal, whole numbers from 9.95, "99+" from 99.5, "u"
 // for a read not tied, blank for none.
 std::string signal_text(std::int32_t value);
-void signals_legend(html& out);
 void coverage_note(html& out, const contig_coverage& c);
 void disputed_table(html& out, std::string_view contig, const contig_evidence& e);
 void disputed_marks(html& out, std::string_view contig, const contig_evidence& e, std::int64_t from,

@@ -123,10 +123,6 @@ std::string signal_text(std::int32_t value) {
     return std::string(t.size() < 3 ? 3 - t.size() : 0, ' ') + t;
 }
 
-void signals_legend(html& out) {
-    out.markup(assets::signals_legend);
-}
-
 void signals_map_html(const drawn_contig& b, const window_page& v, const contig_evidence& e,
                       const read_source& sff, html& names, html& map) {
     const window_grid& g = v.grid;
