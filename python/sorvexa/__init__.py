@@ -45,6 +45,7 @@ from ._sorvexa import (
     FormatError,
     FormatWarning,
     ReadIndex,
+    ReadIndexIterator,
     ReadPlacement,
     RunCall,
     SffBatch,
@@ -86,6 +87,56 @@ __all__ = [
 for _method in ("get", "keys", "values", "items"):
     setattr(ReadIndex, _method, getattr(_abc.Mapping, _method))
 _abc.Mapping.register(ReadIndex)
+
+
+def _itself(self):
+    """The object itself: an iterator, or a file in a with statement."""
+    return self
+
+
+def _close_on_exit(self, *exc_info):
+    """Closes the file."""
+    self.close()
+
+
+for _cls in (SffFile, AceFile):
+    _cls.__enter__, _cls.__exit__ = _itself, _close_on_exit
+for _cls in (SffIterator, ReadIndexIterator, AceFile):
+    _cls.__iter__ = _itself
+
+
+def _in_index(self, name):
+    """Whether the read index holds a name."""
+    return name in self.index()
+
+
+def _index_length(self):
+    """The number of names in the read index."""
+    return len(self.index())
+
+
+SffFile.__contains__, SffFile.__len__ = _in_index, _index_length
+
+# How each object shows itself.
+_REPRS = {
+    SffFile: lambda f: f"{f.path!r}, {f.number_of_reads} reads, {f.byte_order}-endian",
+    SffRecord: lambda r: f"{r.name!r}, {len(r)} bases, {len(r.flowgram)} flows",
+    SffBatch: lambda b: f"of {len(b)} records",
+    ReadIndex: lambda i: f"of {len(i)} reads",
+    AceFile: lambda a: f"{a.path!r}, {a.number_of_contigs} contigs",
+    Contig: lambda c: f"{c.name!r}, {len(c.consensus)} columns, {len(c.reads)} reads",
+    ReadPlacement: lambda r: f"{r.name!r} at {r.start}, {r.length} bases"
+    + (", complemented" if r.complemented else ""),
+    FlowRead: lambda f: f"{f.name!r}, flows {f.flow_start} to {f.flow_end}",
+    RunCall: lambda c: f"{c.contig!r}:{c.position} {c.letter}x{c.consensus_length} -> "
+    f"{c.called_length} {c.filter}",
+    ContigCheck: lambda c: f"{c.name!r}, {len(c.calls)} listed"
+    + (", unchecked" if c.unchecked else ""),
+    FlowCheckResult: lambda r: f"{len(r.contigs)} contigs, {r.tested} of {r.runs} runs tested, "
+    f"{r.called} called ({r.passed} pass)",
+}
+for _cls, _text in _REPRS.items():
+    _cls.__repr__ = lambda self, _text=_text: f"<sorvexa.{type(self).__name__} {_text(self)}>"
 
 # A 454 read name (universal accession number): six base-36 characters of run time, one
 # check character, two digits of region, five base-36 characters of well position.

@@ -201,12 +201,7 @@ void bind_ace(py::module_& m) {
         .def_readonly("align_clip_start", &READ::align_clip_start,
                       "First base of the aligned part (1-based, in the read).")
         .def_readonly("align_clip_end", &READ::align_clip_end,
-                      "Last base of the aligned part (1-based, in the read).")
-        .def("__repr__", [](const READ& r) {
-            return "<sorvexa.ReadPlacement " + py::repr(text(r.name)).cast<std::string>() + " at " +
-                   std::to_string(r.start) + ", " + std::to_string(r.length) +
-                   (r.uncomplemented == 0 ? " bases, complemented>" : " bases>");
-        });
+                      "Last base of the aligned part (1-based, in the read).");
 
     py::class_<fRead>(m, "FlowRead", "One read of a flow alignment row.")
         .def_property_readonly(
@@ -214,11 +209,7 @@ void bind_ace(py::module_& m) {
         .def_readonly("flow_start", &fRead::flow_start,
                       "First flow of the read, counted from the window's first flow.")
         .def_readonly("flow_end", &fRead::flow_end,
-                      "Last flow of the read, counted from the window's first flow.")
-        .def("__repr__", [](const fRead& f) {
-            return "<sorvexa.FlowRead " + py::repr(text(f.name)).cast<std::string>() + ", flows " +
-                   std::to_string(f.flow_start) + " to " + std::to_string(f.flow_end) + ">";
-        });
+                      "Last flow of the read, counted from the window's first flow.");
 
     py::class_<contig, std::shared_ptr<contig>>(m, "Contig", R"doc(
 One contig of an ACE assembly: its padded consensus, its reads, and the views built from
@@ -291,12 +282,7 @@ library cuts them.
              "reads).")
         .def("full_align_map", &full_align_map, py::kw_only(), py::arg("html") = false,
              py::arg("colors") = py::none(),
-             "The alignment map of the whole contig as text or HTML.")
-        .def("__repr__", [](const contig& c) {
-            return "<sorvexa.Contig " + py::repr(text(c.name)).cast<std::string>() + ", " +
-                   std::to_string(c.consensus.size()) + " columns, " +
-                   std::to_string(c.reads.size()) + " reads>";
-        });
+             "The alignment map of the whole contig as text or HTML.");
 
     py::class_<ace_file>(m, "AceFile", R"doc(
 An ACE assembly, read contig by contig.
@@ -315,24 +301,10 @@ FormatError with the reader's message.
         .def_readonly("number_of_contigs", &ace_file::contigs,
                       "The contig count the AS line declares.")
         .def_readonly("number_of_reads", &ace_file::reads, "The read count the AS line declares.")
-        .def(
-            "__iter__", [](py::object self) { return self; }, "The file itself.")
         .def("__next__", &ace_file::next,
              "Reads the next contig (StopIteration at the end of the file).")
         .def("close", &ace_file::close, "Releases the file; iteration ends.")
-        .def(
-            "__enter__", [](py::object self) { return self; }, "The file itself.")
-        .def(
-            "__exit__",
-            [](ace_file& a, const py::args&) {
-                a.close();
-                return false;
-            },
-            "Closes the file.")
-        .def("__repr__", [](const ace_file& a) {
-            return "<sorvexa.AceFile " + py::repr(a.given_path).cast<std::string>() + ", " +
-                   std::to_string(a.contigs) + " contigs>";
-        });
+;
 }
 
 }  // namespace sorvexa_py

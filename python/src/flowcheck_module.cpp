@@ -197,13 +197,7 @@ over it: a line of sorvexa-flowcheck's TSV file.
                       "complemented reads call different lengths, '.' for a run that is no call.")
         .def_readonly("applied", &listed_run::applied,
                       "Whether the call changed the polished sequence (it passed and no "
-                      "stronger call claimed its bases).")
-        .def("__repr__", [](const listed_run& c) {
-            return "<sorvexa.RunCall " + py::repr(text(c.contig)).cast<std::string>() + ":" +
-                   std::to_string(c.position) + " " + std::string(1, c.letter) + "x" +
-                   std::to_string(c.consensus_length) + " -> " +
-                   std::to_string(c.called_length) + " " + c.filter + ">";
-        });
+                      "stronger call claimed its bases).");
 
     py::class_<contig_check> contig_class(m, "ContigCheck", R"doc(
 The check of one contig: its sequence before and after the calls, the listed runs, and
@@ -223,12 +217,7 @@ how much of it the reads weighed.
         .def_property_readonly(
             "unchecked", [](const contig_check& c) { return c.coverage.unchecked(); },
             "Whether under half of the reads were tied or under half of the runs tested: "
-            "a contig without calls is then no clean bill.")
-        .def("__repr__", [](const contig_check& c) {
-            return "<sorvexa.ContigCheck " + py::repr(text(c.name)).cast<std::string>() + ", " +
-                   std::to_string(c.calls.size()) + " listed" +
-                   (c.coverage.unchecked() ? ", unchecked>" : ">");
-        });
+            "a contig without calls is then no clean bill.");
     coverage_of(contig_class);
 
     py::class_<check_result> result_class(m, "FlowCheckResult", R"doc(
@@ -287,13 +276,7 @@ texts sorvexa-flowcheck writes (tsv, model_tsv, vcf()).
             py::arg("reference") = "consensus.fa",
             py::arg("source") = std::string("sorvexa ") + SORVEXA_VERSION,
             "The calls as VCF text, as sorvexa-flowcheck writes it; `reference` names "
-            "the FASTA file of the unpadded consensus.")
-        .def("__repr__", [](const check_result& r) {
-            return "<sorvexa.FlowCheckResult " + std::to_string(r.contigs.size()) + " contigs, " +
-                   std::to_string(r.coverage.tested) + " of " + std::to_string(r.coverage.runs) +
-                   " runs tested, " +
-                   std::to_string(r.called) + " called (" + std::to_string(r.passed) + " pass)>";
-        });
+            "the FASTA file of the unpadded consensus.");
 
     const flow_check defaults;
     m.attr("_flowcheck_defaults") = py::dict(

@@ -1,18 +1,16 @@
 // sorvexa.SffFile: an SFF file's header, its records one at a time (walked in file order or
 // fetched by name) or many at once as arrays (SffBatch), and its read index.
 //
-// A record copies the reader's values into one buffer of its own; the arrays it hands out
-// are read-only numpy views on that buffer, kept alive by the record, so reading a flowgram
-// copies nothing. Files are read without the GIL.
+// A record keeps a copy of the reader's values; the arrays it hands out are read-only numpy
+// views on them, kept alive by the record, so reading a flowgram copies nothing. Files are
+// read without the GIL.
 #include <pybind11/numpy.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
-#include <cstring>
 #include <memory>
 #include <mutex>
-#include <numeric>
 #include <string>
 #include <vector>
 
@@ -41,20 +39,12 @@ struct sff_header_info {
 };
 
 // One record as the file holds it: the reader's values, copied.
-struct sff_record {
+struct sff_record : sff_read {
+    sff_record(std::shared_ptr<const sff_header_info> f, std::int64_t pos, const sff_read& r)
+        : sff_read(r), file(std::move(f)), offset(pos) {}
     std::shared_ptr<const sff_header_info> file;
     std::int64_t offset;
-    sff_read read;
-    std::size_t bases() const { return read.bases_held(); }
 };
-
-// A read-only array viewing the first `n` values of `v`, kept alive through `owner`.
-template <class T>
-py::array view(const std::vector<T>& v, std::size_t n, py::handle owner) {
-    py::array a(py::dtype::of<T>(), {static_cast<py::ssize_t>(n)}, {}, v.data(), owner);
-    py::detail::array_proxy(a.ptr())->flags &= ~py::detail::npy_api::NPY_ARRAY_WRITEABLE_;
-    return a;
-}
 
 // An array that owns the values of `v`, which it takes over without copying them.
 template <class T>
@@ -89,7 +79,7 @@ class record_walk {
             // The walk tells where a record lay only through an index it fills.
             where_.clear();
             if (!done_ && rd_->get_next_read(where_))
-                out.reset(new sff_record{file_, where_.begin()->second, rd_->cur_read});
+                out.reset(new sff_record(file_, where_.begin()->second, rd_->cur_read));
             done_ = !out;
             return failed;
         });
@@ -189,7 +179,7 @@ class sff_file {
         call(fetch_mutex_, said_, [&] {
             sorvexa::status failed;
             if (reader* rd = fetcher_ ? fetcher_->record({0, pos}, failed) : nullptr)
-                out.reset(new sff_record{file, pos, rd->cur_read});
+                out.reset(new sff_record(file, pos, rd->cur_read));
             return failed;
         });
         if (!out) check_open();  // closed by another thread meanwhile
@@ -265,10 +255,6 @@ class sff_file {
         return b;
     }
 
-    bool contains(const py::object& name) {
-        return PyUnicode_Check(name.ptr()) && index()->map().contains(bytes_of(name));
-    }
-
     void close() {
         std::lock_guard lock(fetch_mutex_);
         fetcher_.reset();
@@ -293,13 +279,19 @@ class sff_file {
 // The kept range as a slice of the bases: from the larger left clip to the smaller right
 // clip, as the library cuts it (an empty or inverted range gives an empty slice).
 py::slice kept_slice(const sff_record& r) {
-    const std::int64_t first = std::max<std::int64_t>(r.read.get_base_start() - 1, 0);
-    const std::int64_t end = std::max<std::int64_t>(r.read.get_base_end(), first);
+    const std::int64_t first = std::max<std::int64_t>(r.get_base_start() - 1, 0);
+    const std::int64_t end = std::max<std::int64_t>(r.get_base_end(), first);
     return py::slice(py::int_(first), py::int_(end), py::none());
 }
 
-const sff_read& read_of(py::handle self) {
-    return self.cast<const sff_record&>().read;
+// A read-only array of the record's values, which keeps the record alive.
+template <class T>
+py::array viewed(py::handle self, std::vector<T> sff_read::*values, bool per_base) {
+    const auto& r = self.cast<const sff_record&>();
+    const std::size_t n = per_base ? r.bases_held() : (r.*values).size();
+    py::array a(py::dtype::of<T>(), {static_cast<py::ssize_t>(n)}, {}, (r.*values).data(), self);
+    py::detail::array_proxy(a.ptr())->flags &= ~py::detail::npy_api::NPY_ARRAY_WRITEABLE_;
+    return a;
 }
 
 }  // namespace
@@ -315,42 +307,35 @@ from an SffFile (iteration, ``f[name]``, ``record_at``); ``len(record)`` is the 
 bases it holds.
 )doc")
         .def_property_readonly(
-            "name", [](const sff_record& r) { return text({r.read.name.data(), r.read.name.size()}); },
+            "name", [](const sff_record& r) { return text({r.name.data(), r.name.size()}); },
             "The read's name (all of its bytes).")
         .def_readonly("offset", &sff_record::offset, "Byte offset of the record in its file.")
         .def_property_readonly(
-            "bases", [](const sff_record& r) { return text({r.read.bases.data(), r.bases()}); },
+            "bases", [](const sff_record& r) { return text({r.bases.data(), r.bases_held()}); },
             "Every called base, key and clipped parts included, as stored (upper case).")
         .def_property_readonly(
-            "qualities", [](py::handle s) { return view(read_of(s).quality_scores, read_of(s).bases_held(), s); },
+            "qualities", [](py::handle s) { return viewed(s, &sff_read::quality_scores, true); },
             "Phred quality of each base (numpy uint8).")
         .def_property_readonly(
-            "flowgram", [](py::handle s) { return view(read_of(s).flowgram_values, read_of(s).flowgram_values.size(), s); },
+            "flowgram", [](py::handle s) { return viewed(s, &sff_read::flowgram_values, false); },
             "Every flow value of the read in hundredths, 101 meaning 1.01 (numpy uint16).")
         .def_property_readonly(
             "flow_index_per_base",
-            [](py::handle s) { return view(read_of(s).flow_index_per_base, read_of(s).bases_held(), s); },
+            [](py::handle s) { return viewed(s, &sff_read::flow_index_per_base, true); },
             "For each base, how many flows past the previous base's flow it was called (numpy "
             "uint8); the running sum less one is the 0-based flow of the base.")
-        .def_property_readonly(
-            "number_of_bases", [](const sff_record& r) { return r.read.number_of_bases; },
-            "The base count the record declares.")
-        .def_property_readonly(
-            "number_of_flows", [](const sff_record& r) { return r.read.numOfFlows; },
-            "Flows per read, as the file's header gives it.")
-        .def_property_readonly(
-            "clip_qual_left", [](const sff_record& r) { return r.read.clip_qual_left; },
-            "1-based first base kept by quality (0: none given).")
-        .def_property_readonly(
-            "clip_qual_right", [](const sff_record& r) { return r.read.clip_qual_right; },
-            "1-based last base kept by quality (0: none given).")
-        .def_property_readonly(
-            "clip_adapter_left", [](const sff_record& r) { return r.read.clip_adapter_left; },
-            "1-based first base after the adapter (0: none given).")
-        .def_property_readonly(
-            "clip_adapter_right",
-            [](const sff_record& r) { return r.read.clip_adapter_right; },
-            "1-based last base before the adapter (0: none given).")
+        .def_readonly("number_of_bases", &sff_record::number_of_bases,
+                      "The base count the record declares.")
+        .def_readonly("number_of_flows", &sff_record::numOfFlows,
+                      "Flows per read, as the file's header gives it.")
+        .def_readonly("clip_qual_left", &sff_record::clip_qual_left,
+                      "1-based first base kept by quality (0: none given).")
+        .def_readonly("clip_qual_right", &sff_record::clip_qual_right,
+                      "1-based last base kept by quality (0: none given).")
+        .def_readonly("clip_adapter_left", &sff_record::clip_adapter_left,
+                      "1-based first base after the adapter (0: none given).")
+        .def_readonly("clip_adapter_right", &sff_record::clip_adapter_right,
+                      "1-based last base before the adapter (0: none given).")
         .def_property_readonly("kept", &kept_slice,
                                "The kept bases as a slice: from the larger left clip to the "
                                "smaller right clip, so that ``record.bases[record.kept]`` are "
@@ -362,20 +347,14 @@ bases it holds.
             "key", [](const sff_record& r) { return text(r.file->key); },
             "The file's key sequence (the first bases of every read).")
         .def("_kept_read", [](const sff_record& r) {  // sorvexa.KeptRead's values
-            const seqRead k(r.read);
+            const seqRead k(r);
             return py::make_tuple(text(k.name), text({k.bases.data(), k.bases.size()}),
                                   copy_array(k.quality_scores), copy_array(k.flow_indexes));
         })
         .def(
-            "__len__", [](const sff_record& r) { return r.bases(); },
+            "__len__", [](const sff_record& r) { return r.bases_held(); },
             "The number of bases the record holds (fewer than it declares when the file "
-            "ends inside it).")
-        .def("__repr__", [](const sff_record& r) {
-            return "<sorvexa.SffRecord " +
-                   py::repr(text({r.read.name.data(), r.read.name.size()})).cast<std::string>() + ", " +
-                   std::to_string(r.bases()) + " bases, " +
-                   std::to_string(r.read.flowgram_values.size()) + " flows>";
-        });
+            "ends inside it).");
 
     py::class_<sff_batch>(m, "SffBatch", R"doc(
 Records fetched at once by SffFile.fetch(names), as arrays: a row a record, in file order
@@ -405,19 +384,12 @@ flowgram padded with zeros). The arrays are the batch's own and writeable.
         .def_readonly("record_offsets", &sff_batch::record_offsets,
                       "Each row's record offset in the file ((n,) int64, ascending).")
         .def(
-            "__len__", [](const sff_batch& b) { return b.names.size(); }, "The number of rows.")
-        .def("__repr__", [](const sff_batch& b) {
-            return "<sorvexa.SffBatch of " + std::to_string(b.names.size()) + " records>";
-        });
+            "__len__", [](const sff_batch& b) { return b.names.size(); }, "The number of rows.");
 
     py::class_<record_walk>(m, "SffIterator", "Iterator over an SFF file's records.")
-        .def(
-            "__iter__", [](py::object self) { return self; }, "The iterator itself.")
         .def("__next__", &record_walk::next, "The next record, read without the GIL.");
 
     py::class_<index_iterator>(m, "ReadIndexIterator", "Iterator over a ReadIndex.")
-        .def(
-            "__iter__", [](py::object self) { return self; }, "The iterator itself.")
         .def("__next__", &index_iterator::next, "The next name.");
 
     py::class_<name_index, std::shared_ptr<name_index>>(m, "ReadIndex", R"doc(
@@ -436,10 +408,7 @@ wins. A read-only mapping (``collections.abc.Mapping``) kept in C++, about 70 by
             "Whether the index holds a name.")
         .def(
             "__iter__", [](std::shared_ptr<name_index> i) { return index_iterator(std::move(i)); },
-            "The names, in no particular order.")
-        .def("__repr__", [](const name_index& i) {
-            return "<sorvexa.ReadIndex of " + std::to_string(i.map().size()) + " reads>";
-        });
+            "The names, in no particular order.");
 
     py::class_<sff_file>(m, "SffFile", R"doc(
 An SFF (454 flowgram) file, in either byte order.
@@ -506,28 +475,10 @@ an SffBatch. Iteration, indexing and fetching run without the GIL.
              "The records of many read names at once, as an SffBatch whose row i is the "
              "record of names[i]\n(KeyError for a name the index does not hold). However "
              "the names are ordered, the file is read once, in file order.")
-        .def("__contains__", &sff_file::contains, py::arg("name"),
-             "Whether the read index holds a name.")
-        .def(
-            "__len__", [](sff_file& f) { return f.index()->map().size(); },
-            "The number of names in the read index.")
         .def("record_at", &sff_file::record_at, py::arg("offset"),
              "The whole record at a byte offset (as index() gives them).")
         .def("close", &sff_file::close, "Releases the file; iterators already made go on reading.")
-        .def(
-            "__enter__", [](py::object self) { return self; }, "The file itself.")
-        .def(
-            "__exit__",
-            [](sff_file& f, const py::args&) {
-                f.close();
-                return false;
-            },
-            "Closes the file.")
-        .def("__repr__", [](const sff_file& f) {
-            return "<sorvexa.SffFile " + py::repr(f.given_path).cast<std::string>() + ", " +
-                   std::to_string(f.file->fixed.number_of_reads) + " reads, " +
-                   (f.file->big_endian ? "big" : "little") + "-endian>";
-        });
+;
 }
 
 }  // namespace sorvexa_py
