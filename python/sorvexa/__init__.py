@@ -48,7 +48,6 @@ from ._sorvexa import (
     ReadIndexIterator,
     ReadPlacement,
     RunCall,
-    SffBatch,
     SffFile,
     SffIterator,
     SffRecord,
@@ -87,6 +86,53 @@ __all__ = [
 for _method in ("get", "keys", "values", "items"):
     setattr(ReadIndex, _method, getattr(_abc.Mapping, _method))
 _abc.Mapping.register(ReadIndex)
+
+
+class SffBatch:
+    """Records fetched at once by SffFile.fetch(names), as numpy arrays: a row a record, in
+    file order (as the file was read), each record once however often its name was asked
+    for. A row holds what the record fetched alone holds (of a record cut short, the bases
+    the file has and a flowgram padded with zeros). The arrays are the batch's own.
+    """
+
+    __slots__ = ("_values",)
+
+    def __init__(self, values):
+        """The batch of SffFile._fetch's values."""
+        self._values = values
+
+    names = property(lambda b: b._values[0], doc="The name of each row (a list).")
+    rows = property(lambda b: b._values[1], doc="The row of each name asked for, in the "
+                    "order asked (int64): ``flowgrams[rows]`` are the flowgrams in that order.")
+    flowgrams = property(lambda b: b._values[2],
+                         doc="A flowgram a row, in hundredths ((n, flows_per_read) uint16).")
+    offsets = property(lambda b: b._values[3], doc="Where each row's values start in bases, "
+                       "qualities and flow_index_per_base, and where the last ends ((n + 1,) "
+                       "int64): row i's bases are ``bases[offsets[i]:offsets[i + 1]]``.")
+    bases = property(lambda b: b._values[4],
+                     doc="Every row's bases, concatenated (numpy 'S1', a letter an element).")
+    qualities = property(lambda b: b._values[5],
+                         doc="Every row's base qualities, concatenated (uint8).")
+    flow_index_per_base = property(lambda b: b._values[6],
+                                   doc="Every row's flow index per base, concatenated (uint8).")
+    clips = property(lambda b: b._values[7], doc="A row's clip_qual_left, clip_qual_right, "
+                     "clip_adapter_left and clip_adapter_right ((n, 4) uint16).")
+    record_offsets = property(lambda b: b._values[8],
+                              doc="Each row's record offset in the file ((n,) int64, ascending).")
+
+    def __len__(self):
+        """The number of rows."""
+        return len(self._values[0])
+
+
+def _fetch(self, names):
+    """The records of many read names at once, as an SffBatch (KeyError for a name the
+    index does not hold). However the names are ordered, the file is read once, in file order.
+    """
+    return SffBatch(self._fetch(names))
+
+
+SffFile.fetch = _fetch
 
 
 def _itself(self):

@@ -123,12 +123,6 @@ class index_iterator {
     read_lookup::name_map::const_iterator it_;
 };
 
-// Many records at once, as arrays, a row a record.
-struct sff_batch {
-    py::list names;
-    py::array rows, flowgrams, offsets, bases, qualities, flow_index, clips, record_offsets;
-};
-
 class sff_file {
   public:
     py::object given_path;
@@ -188,7 +182,8 @@ class sff_file {
 
     std::unique_ptr<sff_record> get(const py::str& name) { return record_at(index()->at(name)); }
 
-    sff_batch fetch(const py::iterable& names) {
+    // The values of an SffBatch (sorvexa/__init__.py), in the order it takes them.
+    py::tuple fetch(const py::iterable& names) {
         const std::shared_ptr<name_index> i = index();
         using row = std::pair<std::int64_t, py::handle>;  // a record's offset and its name
         std::vector<row> asked, rows;
@@ -203,7 +198,7 @@ class sff_file {
                    rows.end());
         const std::size_t n = rows.size(), width = file->fixed.number_of_flows_per_read;
         const auto length = static_cast<py::ssize_t>(n);
-        sff_batch b;
+        py::list row_names;
         py::array_t<std::int64_t> row_of(static_cast<py::ssize_t>(asked.size())),
             positions(length), offsets(length + 1);
         for (std::size_t k = 0; k < asked.size(); ++k)
@@ -214,7 +209,7 @@ class sff_file {
         std::vector<read_location> wanted;
         std::int64_t room = 0;
         for (std::size_t j = 0; j < n; ++j) {
-            b.names.append(rows[j].second);
+            row_names.append(rows[j].second);
             positions.mutable_data()[j] = rows[j].first;
             wanted.push_back({0, rows[j].first});
             const std::int64_t end = j + 1 < n ? rows[j + 1].first : i->lookup.stamps[0].size;
@@ -247,12 +242,11 @@ class sff_file {
             });
         });
         check_open();
-        b.rows = row_of, b.flowgrams = flowgrams, b.offsets = offsets, b.clips = clips;
-        b.record_offsets = positions;
-        b.bases = owning(std::move(bases), py::dtype("S1"));
-        b.qualities = owning(std::move(qualities), py::dtype::of<std::uint8_t>());
-        b.flow_index = owning(std::move(flow_index), py::dtype::of<std::uint8_t>());
-        return b;
+        const py::dtype byte = py::dtype::of<std::uint8_t>();
+        return py::make_tuple(row_names, row_of, flowgrams, offsets,
+                              owning(std::move(bases), py::dtype("S1")),
+                              owning(std::move(qualities), byte), owning(std::move(flow_index), byte),
+                              clips, positions);
     }
 
     void close() {
@@ -356,36 +350,6 @@ bases it holds.
             "The number of bases the record holds (fewer than it declares when the file "
             "ends inside it).");
 
-    py::class_<sff_batch>(m, "SffBatch", R"doc(
-Records fetched at once by SffFile.fetch(names), as arrays: a row a record, in file order
-(as the file was read), each record once however often its name was asked for. A row holds
-what the record fetched alone holds (of a record cut short, the bases the file has and a
-flowgram padded with zeros). The arrays are the batch's own and writeable.
-)doc")
-        .def_readonly("names", &sff_batch::names, "The name of each row (a list).")
-        .def_readonly("rows", &sff_batch::rows,
-                      "The row of each name asked for, in the order asked (int64): "
-                      "``flowgrams[rows]`` are the flowgrams in that order.")
-        .def_readonly("flowgrams", &sff_batch::flowgrams,
-                      "A flowgram a row, in hundredths ((n, flows_per_read) uint16).")
-        .def_readonly("offsets", &sff_batch::offsets,
-                      "Where each row's values start in bases, qualities and "
-                      "flow_index_per_base, and where the last ends ((n + 1,) int64): row "
-                      "i's bases are ``bases[offsets[i]:offsets[i + 1]]``.")
-        .def_readonly("bases", &sff_batch::bases,
-                      "Every row's bases, concatenated (numpy 'S1', a letter an element).")
-        .def_readonly("qualities", &sff_batch::qualities,
-                      "Every row's base qualities, concatenated (uint8).")
-        .def_readonly("flow_index_per_base", &sff_batch::flow_index,
-                      "Every row's flow index per base, concatenated (uint8).")
-        .def_readonly("clips", &sff_batch::clips,
-                      "A row's clip_qual_left, clip_qual_right, clip_adapter_left and "
-                      "clip_adapter_right ((n, 4) uint16).")
-        .def_readonly("record_offsets", &sff_batch::record_offsets,
-                      "Each row's record offset in the file ((n,) int64, ascending).")
-        .def(
-            "__len__", [](const sff_batch& b) { return b.names.size(); }, "The number of rows.");
-
     py::class_<record_walk>(m, "SffIterator", "Iterator over an SFF file's records.")
         .def("__next__", &record_walk::next, "The next record, read without the GIL.");
 
@@ -471,10 +435,7 @@ an SffBatch. Iteration, indexing and fetching run without the GIL.
              "The read index (a ReadIndex), built on first use by one pass over the file.")
         .def("__getitem__", &sff_file::get, py::arg("name"),
              "The record of a read name (KeyError when the index has none).")
-        .def("fetch", &sff_file::fetch, py::arg("names"),
-             "The records of many read names at once, as an SffBatch whose row i is the "
-             "record of names[i]\n(KeyError for a name the index does not hold). However "
-             "the names are ordered, the file is read once, in file order.")
+        .def("_fetch", &sff_file::fetch)
         .def("record_at", &sff_file::record_at, py::arg("offset"),
              "The whole record at a byte offset (as index() gives them).")
         .def("close", &sff_file::close, "Releases the file; iterators already made go on reading.")
