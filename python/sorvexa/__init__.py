@@ -82,8 +82,8 @@ __all__ = [
     "flowcheck",
 ]
 
-# get, keys, values and items as every Mapping has them, on the C++ lookups.
-for _method in ("get", "keys", "values", "items"):
+# What every Mapping has, on the C++ lookups.
+for _method in ("__contains__", "get", "keys", "values", "items"):
     setattr(ReadIndex, _method, getattr(_abc.Mapping, _method))
 _abc.Mapping.register(ReadIndex)
 

@@ -4,6 +4,8 @@
 // contig; they run with the GIL held, so two threads never build them at once. Only reading
 // the file runs without it.
 #include <pybind11/numpy.h>
+#include <sorvexa/ace.h>
+#include <sorvexa/contig.h>
 
 #include <map>
 #include <memory>
@@ -12,8 +14,6 @@
 #include <string>
 #include <vector>
 
-#include <sorvexa/ace.h>
-#include <sorvexa/contig.h>
 #include "glue.h"
 
 namespace sorvexa_py {
@@ -29,7 +29,7 @@ class ace_file {
     explicit ace_file(py::object path) : given_path(path) {
         const std::string p = fs_path(path);
         check_readable(p, path);
-        call(said_, [&] {
+        call(nullptr, said_, [&] {
             reader_ = std::make_unique<aceReader>(p);
             return reader_->error;
         });
@@ -40,7 +40,7 @@ class ace_file {
     std::shared_ptr<contig> next() {
         auto c = std::make_shared<contig>();
         bool got = false;
-        call(mutex_, said_, [&] {
+        call(&mutex_, said_, [&] {
             got = !done_ && reader_ && reader_->next_contig(*c) == 1;
             // A section out of order is reported once; the walk ends there.
             const sorvexa::status failed = done_ || !reader_ ? sorvexa::status{} : reader_->error;
@@ -303,8 +303,7 @@ FormatError with the reader's message.
         .def_readonly("number_of_reads", &ace_file::reads, "The read count the AS line declares.")
         .def("__next__", &ace_file::next,
              "Reads the next contig (StopIteration at the end of the file).")
-        .def("close", &ace_file::close, "Releases the file; iteration ends.")
-;
+        .def("close", &ace_file::close, "Releases the file; iteration ends.");
 }
 
 }  // namespace sorvexa_py

@@ -2,16 +2,16 @@
 // steps in the order sorvexa-flowcheck takes them (the model fitted, read or fixed first,
 // then the contigs checked one by one), so that its numbers and texts are the program's.
 #include <pybind11/stl.h>
+#include <sorvexa/ace.h>
+#include <sorvexa/flowcheck.h>
+#include <sorvexa/read_lookup.h>
 
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include <sorvexa/ace.h>
-#include <sorvexa/flowcheck.h>
 #include "glue.h"
-#include <sorvexa/read_lookup.h>
 
 namespace sorvexa_py {
 
@@ -39,68 +39,21 @@ struct check_result {
     std::vector<vcf_contig> vcf_contigs;
 };
 
-struct check_options {
-    flow_check check;
-    model_origin choice = model_origin::fitted;
-    std::string model_path;
-    bool all_runs = false;
-};
-
-// Fails, in the program's words, when an input file cannot serve.
-sorvexa::status run_check(const std::string& ace_path, const std::vector<std::string>& sff_paths,
-                          check_options& o, check_result& out, diagnostics& said) {
-    read_lookup lookup;
-    lookup.skip_index_block = true;
-    lookup.diagnostics = said.sink();
-    if (sorvexa::status indexed = lookup.index_files(sff_paths); !indexed) return indexed;
-    read_fetcher fetcher(lookup);
-    fetcher.diagnostics = said.sink();
-    std::string note;
-    if (sorvexa::status chosen = choose_models(o.check, o.choice, ace_path, o.model_path, lookup,
-                                               fetcher, note);
-        !chosen)
-        return chosen;
-    out.model = o.check.models;
-    aceReader ace(ace_path);
-    append_tsv_header(out.tsv);
-    contig_report report;
-    for (contig c; ace.next_contig(c) == 1; c = contig()) {
-        if (sorvexa::status checked = o.check.check(c, lookup, fetcher, o.all_runs, report); !checked)
-            return checked;
-        const contig_coverage& cover = report.coverage;
-        out.vcf_contigs.push_back({c.name, static_cast<std::int64_t>(report.unpadded.size()), cover});
-        append_vcf_records(out.vcf_records, report);
-        append_tsv_report(out.tsv, report);
-        contig_check& cc = out.contigs.emplace_back(
-            contig_check{c.name, report.unpadded, report.polished, cover, {}});
-        for (const report_row& row : report.rows)
-            cc.calls.push_back({row.run, c.name, std::string(row.filter), row.applied});
-        out.coverage.reads.tied += cover.reads.tied;
-        out.coverage.reads.untied += cover.reads.untied;
-        out.coverage.reads.not_found += cover.reads.not_found;
-        out.coverage.runs += cover.runs;
-        out.coverage.tested += cover.tested;
-        out.called += report.called;
-        out.passed += report.passed;
-    }
-    return ace.error;
-}
-
-// The check of flowcheck() in sorvexa/__init__.py, which has taken its options apart.
+// flowcheck() of sorvexa/__init__.py, once it has taken its options apart: the library's
+// steps in the program's order, failing in the program's words when an input cannot serve.
 py::object flowcheck(py::object ace, const py::list& sffs, std::int32_t min_signals,
                      double min_score, double min_qual, py::object model,
                      std::optional<double> sigma_base, std::optional<double> sigma_slope,
                      bool all_runs) {
-    check_options o;
-    o.check.min_signals = min_signals;
-    o.check.min_score = min_score;
-    o.check.min_qual = min_qual;
-    if (sigma_base) o.check.model.sigma_base = *sigma_base;
-    if (sigma_slope) o.check.model.sigma_slope = *sigma_slope;
-    o.choice = !model.is_none()           ? model_origin::table
-               : sigma_base || sigma_slope ? model_origin::fixed
-                                           : model_origin::fitted;
-    o.all_runs = all_runs;
+    flow_check check;
+    check.min_signals = min_signals;
+    check.min_score = min_score;
+    check.min_qual = min_qual;
+    if (sigma_base) check.model.sigma_base = *sigma_base;
+    if (sigma_slope) check.model.sigma_slope = *sigma_slope;
+    const model_origin origin = !model.is_none()            ? model_origin::table
+                                : sigma_base || sigma_slope ? model_origin::fixed
+                                                            : model_origin::fitted;
     const std::string ace_path = fs_path(ace);
     check_readable(ace_path, ace);
     std::vector<std::string> sff_paths;
@@ -108,11 +61,50 @@ py::object flowcheck(py::object ace, const py::list& sffs, std::int32_t min_sign
         sff_paths.push_back(fs_path(given));
         check_readable(sff_paths.back(), given);
     }
-    if (!model.is_none()) check_readable(o.model_path = fs_path(model), model);
-    auto result = std::make_unique<check_result>();
+    std::string model_path;
+    if (!model.is_none()) check_readable(model_path = fs_path(model), model);
+    auto out = std::make_unique<check_result>();
     diagnostics said;
-    call(said, [&] { return run_check(ace_path, sff_paths, o, *result, said); });
-    return py::cast(std::move(result));
+    call(nullptr, said, [&] {
+        read_lookup lookup;
+        lookup.skip_index_block = true;
+        lookup.diagnostics = said.sink();
+        if (sorvexa::status indexed = lookup.index_files(sff_paths); !indexed) return indexed;
+        read_fetcher fetcher(lookup);
+        fetcher.diagnostics = said.sink();
+        std::string note;
+        if (sorvexa::status chosen =
+                choose_models(check, origin, ace_path, model_path, lookup, fetcher, note);
+            !chosen)
+            return chosen;
+        out->model = check.models;
+        aceReader assembly(ace_path);
+        append_tsv_header(out->tsv);
+        contig_report report;
+        for (contig c; assembly.next_contig(c) == 1; c = contig()) {
+            if (sorvexa::status checked = check.check(c, lookup, fetcher, all_runs, report);
+                !checked)
+                return checked;
+            const contig_coverage& cover = report.coverage;
+            out->vcf_contigs.push_back(
+                {c.name, static_cast<std::int64_t>(report.unpadded.size()), cover});
+            append_vcf_records(out->vcf_records, report);
+            append_tsv_report(out->tsv, report);
+            contig_check& cc = out->contigs.emplace_back(
+                contig_check{c.name, report.unpadded, report.polished, cover, {}});
+            for (const report_row& row : report.rows)
+                cc.calls.push_back({row.run, c.name, std::string(row.filter), row.applied});
+            out->coverage.reads.tied += cover.reads.tied;
+            out->coverage.reads.untied += cover.reads.untied;
+            out->coverage.reads.not_found += cover.reads.not_found;
+            out->coverage.runs += cover.runs;
+            out->coverage.tested += cover.tested;
+            out->called += report.called;
+            out->passed += report.passed;
+        }
+        return assembly.error;
+    });
+    return py::cast(std::move(out));
 }
 
 // What a ContigCheck and a FlowCheckResult tell of how much was weighed.
@@ -180,10 +172,12 @@ over it: a line of sorvexa-flowcheck's TSV file.
         .def_readonly("called_length", &listed_run::called_length,
                       "The most probable length under the model.")
         .def_readonly("signals", &listed_run::signals, "Flow values weighed.")
-        .def_readonly("forward", &listed_run::forward, "Of those, values from reads placed forward.")
+        .def_readonly("forward", &listed_run::forward,
+                      "Of those, values from reads placed forward.")
         .def_property_readonly("reverse", &listed_run::reverse,
                                "Of those, values from complemented reads.")
-        .def_property_readonly("mean_signal", &listed_run::mean_signal, "Mean flow value, in bases.")
+        .def_property_readonly("mean_signal", &listed_run::mean_signal,
+                               "Mean flow value, in bases.")
         .def_readonly("score", &listed_run::score,
                       "Log-likelihood ratio (natural log) of the called length against the "
                       "consensus length; 0 when they agree.")

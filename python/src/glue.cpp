@@ -27,11 +27,6 @@ std::string trimmed(std::string s) {
 
 }  // namespace
 
-void raise_format_error(const std::string& message) {
-    PyErr_SetObject(format_error, text(message).ptr());
-    throw py::error_already_set();
-}
-
 void raise_key_error(py::handle key) {
     PyErr_SetObject(PyExc_KeyError, key.ptr());
     throw py::error_already_set();
@@ -39,9 +34,12 @@ void raise_key_error(py::handle key) {
 
 void report(const sorvexa::status& s, const std::string& said) {
     const std::string message = trimmed(s.ok || s.message.empty() ? said : s.message);
-    if (!s.ok) raise_format_error(message.empty() ? "the library gave up on its input" : message);
-    if (message.empty()) return;
-    if (PyErr_WarnEx(format_warning, message.c_str(), 1) != 0) throw py::error_already_set();
+    if (!s.ok)
+        PyErr_SetObject(format_error,
+                        text(message.empty() ? "the library gave up" : message).ptr());
+    else if (message.empty() || PyErr_WarnEx(format_warning, message.c_str(), 1) == 0)
+        return;
+    throw py::error_already_set();
 }
 
 std::string fs_path(py::handle path) {

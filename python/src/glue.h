@@ -4,13 +4,11 @@
 #pragma once
 
 #include <pybind11/pybind11.h>
+#include <sorvexa/status.h>
 
 #include <mutex>
 #include <string>
 #include <string_view>
-#include <utility>
-
-#include <sorvexa/status.h>
 
 namespace sorvexa_py {
 
@@ -37,7 +35,7 @@ void report(const sorvexa::status& s, const std::string& said = {});
 // Runs f, which returns a status, without the GIL (holding `lock`, when given), then reports
 // that status with what `said` gathered meanwhile.
 template <class F>
-void call(diagnostics& said, F&& f, std::mutex* lock = nullptr) {
+void call(std::mutex* lock, diagnostics& said, F&& f) {
     sorvexa::status s;
     std::string lines;
     {
@@ -48,11 +46,6 @@ void call(diagnostics& said, F&& f, std::mutex* lock = nullptr) {
     }
     report(s, lines);
 }
-template <class F>
-void call(std::mutex& lock, diagnostics& said, F&& f) {
-    call(said, std::forward<F>(f), &lock);
-}
-[[noreturn]] void raise_format_error(const std::string& message);
 [[noreturn]] void raise_key_error(py::handle key);
 
 // os.fspath(path) as bytes for the C++ side (str encoded as the file system wants it).

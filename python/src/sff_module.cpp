@@ -5,6 +5,8 @@
 // views on them, kept alive by the record, so reading a flowgram copies nothing. Files are
 // read without the GIL.
 #include <pybind11/numpy.h>
+#include <sorvexa/read_lookup.h>
+#include <sorvexa/sff.h>
 
 #include <algorithm>
 #include <atomic>
@@ -15,8 +17,6 @@
 #include <vector>
 
 #include "glue.h"
-#include <sorvexa/read_lookup.h>
-#include <sorvexa/sff.h>
 
 namespace sorvexa_py {
 
@@ -67,7 +67,7 @@ class record_walk {
 
     std::unique_ptr<sff_record> next() {
         std::unique_ptr<sff_record> out;
-        call(mutex_, said_, [&] {
+        call(&mutex_, said_, [&] {
             sorvexa::status failed;
             if (!rd_ && !done_) {
                 rd_ = std::make_unique<reader>(file_->path);
@@ -131,7 +131,7 @@ class sff_file {
     explicit sff_file(py::object path) : given_path(path) {
         auto info = std::make_shared<sff_header_info>(fs_path(path));
         check_readable(info->path, path);
-        call(said_, [&] {
+        call(nullptr, said_, [&] {
             reader rd(info->path);
             rd.diagnostics = said_.sink();
             if (rd.get_header()) {
@@ -153,7 +153,7 @@ class sff_file {
         // without the GIL.
         if (index_ready_.load(std::memory_order_acquire)) return index_;
         diagnostics said;
-        call(index_mutex_, said, [&] {
+        call(&index_mutex_, said, [&] {
             if (index_) return sorvexa::status{};
             auto i = std::make_shared<name_index>();
             i->lookup.skip_index_block = true;
@@ -170,7 +170,7 @@ class sff_file {
         check_open();
         if (pos < 0) throw py::value_error("a record offset is never negative");
         std::unique_ptr<sff_record> out;
-        call(fetch_mutex_, said_, [&] {
+        call(&fetch_mutex_, said_, [&] {
             sorvexa::status failed;
             if (reader* rd = fetcher_ ? fetcher_->record({0, pos}, failed) : nullptr)
                 out.reset(new sff_record(file, pos, rd->cur_read));
@@ -199,8 +199,8 @@ class sff_file {
         const std::size_t n = rows.size(), width = file->fixed.number_of_flows_per_read;
         const auto length = static_cast<py::ssize_t>(n);
         py::list row_names;
-        py::array_t<std::int64_t> row_of(static_cast<py::ssize_t>(asked.size())),
-            positions(length), offsets(length + 1);
+        py::array_t<std::int64_t> row_of(static_cast<py::ssize_t>(asked.size())), positions(length),
+            offsets(length + 1);
         for (std::size_t k = 0; k < asked.size(); ++k)
             row_of.mutable_data()[k] =
                 std::lower_bound(rows.begin(), rows.end(), asked[k], before) - rows.begin();
@@ -219,23 +219,26 @@ class sff_file {
         std::vector<std::uint8_t> qualities, flow_index;
         for (auto* v : {&qualities, &flow_index}) v->reserve(static_cast<std::size_t>(room / 3));
         bases.reserve(static_cast<std::size_t>(room / 3));
-        py::array_t<std::uint16_t> flowgrams({length, py::ssize_t(width)}), clips({length, py::ssize_t{4}});
+        py::array_t<std::uint16_t> flowgrams({length, py::ssize_t(width)}),
+            clips({length, py::ssize_t{4}});
         std::uint16_t* grams = flowgrams.mutable_data();
         std::uint16_t* clip = clips.mutable_data();
         std::int64_t* o = offsets.mutable_data();
         std::fill_n(o, n + 1, 0);
-        call(fetch_mutex_, said_, [&] {
+        call(&fetch_mutex_, said_, [&] {
             if (!fetcher_) return sorvexa::status{};
             return fetcher_->fetch(wanted, true, [&](std::size_t j, reader& rd, bool) {
                 const sff_read& r = rd.cur_read;
-                const std::size_t flows = std::min(width, r.flowgram_values.size()), held = r.bases_held();
+                const std::size_t flows = std::min(width, r.flowgram_values.size()),
+                                  held = r.bases_held();
                 std::fill(std::copy_n(r.flowgram_values.data(), flows, grams + j * width),
                           grams + (j + 1) * width, std::uint16_t{0});
                 std::uint16_t* c = clip + 4 * j;
                 c[0] = r.clip_qual_left, c[1] = r.clip_qual_right;
                 c[2] = r.clip_adapter_left, c[3] = r.clip_adapter_right;
                 bases.insert(bases.end(), r.bases.data(), r.bases.data() + held);
-                qualities.insert(qualities.end(), r.quality_scores.data(), r.quality_scores.data() + held);
+                qualities.insert(qualities.end(), r.quality_scores.data(),
+                                 r.quality_scores.data() + held);
                 flow_index.insert(flow_index.end(), r.flow_index_per_base.data(),
                                   r.flow_index_per_base.data() + held);
                 o[j + 1] = static_cast<std::int64_t>(bases.size());
@@ -245,8 +248,8 @@ class sff_file {
         const py::dtype byte = py::dtype::of<std::uint8_t>();
         return py::make_tuple(row_names, row_of, flowgrams, offsets,
                               owning(std::move(bases), py::dtype("S1")),
-                              owning(std::move(qualities), byte), owning(std::move(flow_index), byte),
-                              clips, positions);
+                              owning(std::move(qualities), byte),
+                              owning(std::move(flow_index), byte), clips, positions);
     }
 
     void close() {
@@ -301,11 +304,17 @@ from an SffFile (iteration, ``f[name]``, ``record_at``); ``len(record)`` is the 
 bases it holds.
 )doc")
         .def_property_readonly(
-            "name", [](const sff_record& r) { return text({r.name.data(), r.name.size()}); },
+            "name",
+            [](const sff_record& r) {
+                return text({r.name.data(), r.name.size()});
+            },
             "The read's name (all of its bytes).")
         .def_readonly("offset", &sff_record::offset, "Byte offset of the record in its file.")
         .def_property_readonly(
-            "bases", [](const sff_record& r) { return text({r.bases.data(), r.bases_held()}); },
+            "bases",
+            [](const sff_record& r) {
+                return text({r.bases.data(), r.bases_held()});
+            },
             "Every called base, key and clipped parts included, as stored (upper case).")
         .def_property_readonly(
             "qualities", [](py::handle s) { return viewed(s, &sff_read::quality_scores, true); },
@@ -340,11 +349,12 @@ bases it holds.
         .def_property_readonly(
             "key", [](const sff_record& r) { return text(r.file->key); },
             "The file's key sequence (the first bases of every read).")
-        .def("_kept_read", [](const sff_record& r) {  // sorvexa.KeptRead's values
-            const seqRead k(r);
-            return py::make_tuple(text(k.name), text({k.bases.data(), k.bases.size()}),
-                                  copy_array(k.quality_scores), copy_array(k.flow_indexes));
-        })
+        .def("_kept_read",
+             [](const sff_record& r) {  // sorvexa.KeptRead's values
+                 const seqRead k(r);
+                 return py::make_tuple(text(k.name), text({k.bases.data(), k.bases.size()}),
+                                       copy_array(k.quality_scores), copy_array(k.flow_indexes));
+             })
         .def(
             "__len__", [](const sff_record& r) { return r.bases_held(); },
             "The number of bases the record holds (fewer than it declares when the file "
@@ -364,12 +374,6 @@ wins. A read-only mapping (``collections.abc.Mapping``) kept in C++, about 70 by
         .def(
             "__len__", [](const name_index& i) { return i.map().size(); }, "The number of names.")
         .def("__getitem__", &name_index::at, "The record offset of a name.")
-        .def(
-            "__contains__",
-            [](const name_index& i, const py::object& name) {
-                return PyUnicode_Check(name.ptr()) && i.map().contains(bytes_of(name));
-            },
-            "Whether the index holds a name.")
         .def(
             "__iter__", [](std::shared_ptr<name_index> i) { return index_iterator(std::move(i)); },
             "The names, in no particular order.");
@@ -438,8 +442,7 @@ an SffBatch. Iteration, indexing and fetching run without the GIL.
         .def("_fetch", &sff_file::fetch)
         .def("record_at", &sff_file::record_at, py::arg("offset"),
              "The whole record at a byte offset (as index() gives them).")
-        .def("close", &sff_file::close, "Releases the file; iterators already made go on reading.")
-;
+        .def("close", &sff_file::close, "Releases the file; iterators already made go on reading.");
 }
 
 }  // namespace sorvexa_py
