@@ -83,8 +83,13 @@ __all__ = [
 ]
 
 # What every Mapping has, on the C++ lookups.
-for _method in ("__contains__", "get", "keys", "values", "items"):
+for _method in ("get", "keys", "values", "items"):
     setattr(ReadIndex, _method, getattr(_abc.Mapping, _method))
+
+
+def _holds(self, name):
+    """Whether the index holds a name."""
+    return self.get(name) is not None
 _abc.Mapping.register(ReadIndex)
 
 
@@ -162,6 +167,7 @@ def _index_length(self):
 
 
 SffFile.__contains__, SffFile.__len__ = _in_index, _index_length
+ReadIndex.__contains__ = _holds
 
 # How each object shows itself.
 _REPRS = {
