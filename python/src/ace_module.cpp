@@ -1,8 +1,6 @@
-// sorvexa.AceFile and its contigs with their layout, flow-space and drawing operations.
-//
-// A contig's operations build its layout and flow views on first use, which changes the
-// contig; they run with the GIL held, so two threads never build them at once. Only reading
-// the file runs without it.
+// sorvexa.AceFile and its contigs with their layout, flow-space and drawing operations. A contig's
+// operations build its layout and flow views on first use, which changes the contig; they run with
+// the GIL held, so two threads never build them at once. Only reading the file runs without it.
 #include <pybind11/numpy.h>
 #include <sorvexa/ace.h>
 #include <sorvexa/contig.h>
@@ -64,15 +62,12 @@ class ace_file {
     bool done_ = false;
 };
 
-// The colours of the HTML maps when the caller names none (letters without one are drawn
-// plain).
-color_map_t default_colours() {
-    return {{'A', "#1a9850"}, {'C', "#2166ac"}, {'G', "#222222"}, {'T', "#d73027"},
-            {'a', "#1a9850"}, {'c', "#2166ac"}, {'g', "#222222"}, {'t', "#d73027"}};
-}
-
+// The colours of the HTML maps; when the caller names none these (letters without one are
+// drawn plain).
 color_map_t colours_from(const py::object& given) {
-    if (given.is_none()) return default_colours();
+    if (given.is_none())
+        return {{'A', "#1a9850"}, {'C', "#2166ac"}, {'G', "#222222"}, {'T', "#d73027"},
+                {'a', "#1a9850"}, {'c', "#2166ac"}, {'g', "#222222"}, {'t', "#d73027"}};
     color_map_t out;
     for (auto item : py::cast<py::dict>(given)) {
         const std::string letter = bytes_of(item.first);
@@ -296,8 +291,7 @@ FormatError with the reader's message.
 )doc")
         .def(py::init<py::object>(), py::arg("path"),
              "Opens an ACE file (str, bytes or os.PathLike) and reads its AS line.")
-        .def_property_readonly(
-            "path", [](const ace_file& a) { return a.given_path; }, "The path as given.")
+        .def_readonly("path", &ace_file::given_path, "The path as given.")
         .def_readonly("number_of_contigs", &ace_file::contigs,
                       "The contig count the AS line declares.")
         .def_readonly("number_of_reads", &ace_file::reads, "The read count the AS line declares.")

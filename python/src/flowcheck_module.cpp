@@ -1,6 +1,5 @@
-// sorvexa.flowcheck: the homopolymer check of a whole assembly, made with the library's own
-// steps in the order sorvexa-flowcheck takes them (the model fitted, read or fixed first,
-// then the contigs checked one by one), so that its numbers and texts are the program's.
+// sorvexa.flowcheck: an assembly's homopolymer check in sorvexa-flowcheck's steps (the model
+// fitted, read or fixed, then each contig checked), with the program's numbers and texts.
 #include <pybind11/stl.h>
 #include <sorvexa/ace.h>
 #include <sorvexa/flowcheck.h>
@@ -131,17 +130,12 @@ void coverage_of(py::class_<T>& c) {
 py::list model_lines(const flow_models& m) {
     py::list out;
     auto lines = [&](std::string_view file, const std::vector<length_model>& t) {
-        for (std::size_t n = 0; n < t.size(); ++n) {
-            py::dict line;
-            line["file"] = text(file);
-            line["length"] = n;
-            line["signals"] = t[n].signals;
-            line["centre"] = t[n].centre;
-            line["spread"] = t[n].spread;
-            line["outlier_rate"] = t[n].outlier;
-            line["source"] = source_name(t[n].source);
-            out.append(line);
-        }
+        for (std::size_t n = 0; n < t.size(); ++n)
+            out.append(py::dict(py::arg("file") = text(file), py::arg("length") = n,
+                                py::arg("signals") = t[n].signals, py::arg("centre") = t[n].centre,
+                                py::arg("spread") = t[n].spread,
+                                py::arg("outlier_rate") = t[n].outlier,
+                                py::arg("source") = source_name(t[n].source)));
     };
     // In the table's order, file names as it writes them.
     for (std::size_t f = 0; f < m.models.size(); ++f)

@@ -43,18 +43,11 @@ void report(const sorvexa::status& s, const std::string& said) {
 }
 
 std::string fs_path(py::handle path) {
-    auto fspath = py::reinterpret_steal<py::object>(PyOS_FSPath(path.ptr()));
-    if (!fspath) throw py::error_already_set();
-    py::object encoded = fspath;
-    if (PyUnicode_Check(fspath.ptr())) {
-        encoded = py::reinterpret_steal<py::object>(PyUnicode_EncodeFSDefault(fspath.ptr()));
-        if (!encoded) throw py::error_already_set();
-    }
-    std::string out(PyBytes_AS_STRING(encoded.ptr()),
-                    static_cast<std::size_t>(PyBytes_GET_SIZE(encoded.ptr())));
-    // The library takes C strings: a NUL would silently name another file.
-    if (out.find('\0') != std::string::npos) throw py::value_error("embedded null byte in path");
-    return out;
+    // Encoded as the file system wants it; a NUL, which would name another file to the
+    // library's C strings, is refused.
+    PyObject* encoded = nullptr;
+    if (PyUnicode_FSConverter(path.ptr(), &encoded) == 0) throw py::error_already_set();
+    return py::reinterpret_steal<py::bytes>(encoded);
 }
 
 void check_readable(const std::string& path, py::handle given) {

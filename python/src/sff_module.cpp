@@ -1,9 +1,7 @@
 // sorvexa.SffFile: an SFF file's header, its records one at a time (walked in file order or
-// fetched by name) or many at once as arrays (SffBatch), and its read index.
-//
-// A record keeps a copy of the reader's values; the arrays it hands out are read-only numpy
-// views on them, kept alive by the record, so reading a flowgram copies nothing. Files are
-// read without the GIL.
+// fetched by name) or many at once as arrays (SffBatch), and its read index. A record keeps a copy
+// of the reader's values; the arrays it hands out are read-only numpy views on them, kept alive by
+// the record, so reading a flowgram copies nothing. Files are read without the GIL.
 #include <pybind11/numpy.h>
 #include <sorvexa/read_lookup.h>
 #include <sorvexa/sff.h>
@@ -24,18 +22,9 @@ namespace {
 
 // What every record of a file shares.
 struct sff_header_info {
-    std::string path;
+    std::string path, flow_chars, key;
     sff_header_p1 fixed;
-    std::string flow_chars, key;
     bool big_endian = true;
-
-    explicit sff_header_info(std::string p) : path(std::move(p)) {}
-    void take(const reader& rd) {
-        fixed = rd.header_p1;
-        flow_chars.assign(rd.header_p2.flow_chars.begin(), rd.header_p2.flow_chars.end());
-        key.assign(rd.header_p2.key_sequence.begin(), rd.header_p2.key_sequence.end());
-        big_endian = rd.swap_bytes;  // numbers are swapped on this little-endian host
-    }
 };
 
 // One record as the file holds it: the reader's values, copied.
@@ -129,17 +118,20 @@ class sff_file {
     std::shared_ptr<const sff_header_info> file;
 
     explicit sff_file(py::object path) : given_path(path) {
-        auto info = std::make_shared<sff_header_info>(fs_path(path));
-        check_readable(info->path, path);
+        const std::string p = fs_path(path);
+        check_readable(p, path);
+        auto info = std::make_shared<sff_header_info>();
         call(nullptr, said_, [&] {
-            reader rd(info->path);
+            reader rd(p);
             rd.diagnostics = said_.sink();
-            if (rd.get_header()) {
-                info->take(rd);
-                return sorvexa::status{};
-            }
             // A file too short for the header's fixed part is no SFF file either.
-            return rd.error.ok ? sorvexa::status::failure(said_.lines) : rd.error;
+            if (!rd.get_header())
+                return rd.error.ok ? sorvexa::status::failure(said_.lines) : rd.error;
+            const auto& [flows, key] = rd.header_p2;
+            // Numbers are swapped on this little-endian host when the file is big-endian.
+            *info = {p, std::string(flows.begin(), flows.end()),
+                     std::string(key.begin(), key.end()), rd.header_p1, rd.swap_bytes};
+            return sorvexa::status{};
         });
         file = std::move(info);
         one_file_.sff_names = {file->path};
@@ -224,7 +216,7 @@ class sff_file {
         std::uint16_t* grams = flowgrams.mutable_data();
         std::uint16_t* clip = clips.mutable_data();
         std::int64_t* o = offsets.mutable_data();
-        std::fill_n(o, n + 1, 0);
+        o[0] = 0;
         call(&fetch_mutex_, said_, [&] {
             if (!fetcher_) return sorvexa::status{};
             return fetcher_->fetch(wanted, true, [&](std::size_t j, reader& rd, bool) {
@@ -379,16 +371,12 @@ wins. A read-only mapping (``collections.abc.Mapping``) kept in C++, about 70 by
             "The names, in no particular order.");
 
     py::class_<sff_file>(m, "SffFile", R"doc(
-An SFF (454 flowgram) file, in either byte order.
-
-    SffFile(path)
-
-Opening reads the header: a file that cannot be opened raises OSError
-(FileNotFoundError, PermissionError, IsADirectoryError), one that is not SFF raises
-FormatError. Iterating gives every record in file order (an index block among the reads
-is stepped over); ``f[name]`` fetches one record through the read index, which the first
-lookup builds (``index()``); ``f.fetch(names)`` fetches many at once into the arrays of
-an SffBatch. Iteration, indexing and fetching run without the GIL.
+An SFF (454 flowgram) file, in either byte order: SffFile(path) reads the header (OSError
+when the file cannot be opened, FormatError when it is not SFF). Iterating gives every
+record in file order (an index block among the reads stepped over); ``f[name]`` fetches
+one record through the read index, which the first lookup builds (``index()``);
+``f.fetch(names)`` fetches many at once into the arrays of an SffBatch. Iteration,
+indexing and fetching run without the GIL.
 )doc")
         .def(py::init<py::object>(), py::arg("path"),
              "Opens an SFF file (str, bytes or os.PathLike) and reads its header.")
