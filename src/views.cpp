@@ -160,6 +160,20 @@ std::string flow_ruler(const contig& c, const window_grid& g) {
     });
 }
 
+void differences_only(window_grid& g) {
+    const auto up = [](char ch) { return std::toupper(static_cast<unsigned char>(ch)); };
+    for (std::size_t row = 0; row < g.bases.size() && row < g.reads.size(); ++row) {
+        std::string& line = g.bases[row];
+        for (const window_read& r : g.reads[row])
+            for (std::int64_t col = r.first; col <= r.last; ++col) {
+                const auto at = static_cast<std::size_t>(col - g.from);
+                if (at < line.size() && at < g.consensus.size() && line[at] != ' ' &&
+                    up(line[at]) == up(g.consensus[at]))
+                    line[at] = r.complemented ? ',' : '.';
+            }
+    }
+}
+
 depth_profile depth_of(const contig& c, std::int64_t bins) {
     depth_profile out;
     const auto L = static_cast<std::int64_t>(c.consensus.size());

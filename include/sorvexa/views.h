@@ -69,6 +69,10 @@ window_rulers rulers_of(const window_page& page);
 // (as a flow map draws them).
 std::string flow_ruler(const contig& c, const window_grid& grid);
 
+// The reads' bases that equal the consensus (letters compared without case) drawn as '.',
+// as ',' on complemented reads, so that only the differences stand out.
+void differences_only(window_grid& grid);
+
 // The most reads over a column in each of `bins` equal stretches of the consensus (fewer
 // when the consensus is shorter), and over any column; reads held to the consensus.
 struct depth_profile {
