@@ -2,6 +2,7 @@
 // quality scores and flowgram of one read. Letters take their colours from the style sheet.
 #include <algorithm>
 
+#include "browse_assets.h"
 #include "site.h"
 
 namespace browse {
@@ -18,10 +19,7 @@ std::string letter_class(char letter) {
 }
 
 html& svg_open(html& out, std::string_view cls, double w, double h, std::string_view label) {
-    return out.fill(
-        "<svg class=\"{}\" viewBox=\"0 0 {} {}\" width=\"{}\" height=\"{}\" role=\"img\" "
-        "aria-label=\"{}\">",
-        cls, num(w), num(h), num(w), num(h), label);
+    return out.fill(assets::chart_svg, cls, num(w), num(h), num(w), num(h), label);
 }
 
 void label(html& out, double x, double y, std::string_view anchor, std::string_view text) {
@@ -39,14 +37,6 @@ void grid(html& out, double top, double step, double x0, double x1, double y0, d
     }
 }
 
-// A bar with its tooltip.
-void bar(html& out, double x, double y, double w, double h, std::string_view cls,
-         std::string_view title) {
-    out.fill(
-        "<rect x=\"{}\" y=\"{}\" width=\"{}\" height=\"{}\" class=\"{}\"><title>{}</title></rect>",
-        num(x), num(y), num(w), num(h), cls, title);
-}
-
 }  // namespace
 
 html depth_chart(const drawn_contig& b, std::int64_t from, std::int64_t last, int width,
@@ -56,12 +46,8 @@ html depth_chart(const drawn_contig& b, std::int64_t from, std::int64_t last, in
     const std::vector<std::int32_t>& bins = b.depth.bins;
     const double peak = std::max(1, b.depth.max);
     html out;
-    out.fill(
-        "<svg class=\"depth\" viewBox=\"0 0 {} {}\" width=\"{}\" height=\"{}\" role=\"img\" "
-        "aria-label=\"reads over each column\" data-columns=\"{}\" data-width=\"{}\" "
-        "data-left=\"{}\" data-plot=\"{}\" data-href=\"{}\">",
-        num(W + left + 10), num(H), num(W + left + 10), num(H), b.c().consensus.size(), width,
-        num(left), num(W), href);
+    out.fill(assets::depth_svg, num(W + left + 10), num(H), num(W + left + 10), num(H),
+             b.c().consensus.size(), width, num(left), num(W), href);
     grid(out, peak, std::max(1.0, static_cast<double>(static_cast<int>(peak / 4))), left, left + W,
          top, plot_h);
     if (!bins.empty()) {
@@ -78,10 +64,7 @@ html depth_chart(const drawn_contig& b, std::int64_t from, std::int64_t last, in
     if (L > 0) {
         const double x = left + W * static_cast<double>(from - 1) / L;
         const double w = std::max(2.0, W * static_cast<double>(last - from + 1) / L);
-        out.fill(
-            "<rect class=\"window\" x=\"{}\" y=\"{}\" width=\"{}\" height=\"{}\" fill=\"#f4a261\" "
-            "fill-opacity=\"0.35\" stroke=\"#e76f51\"/>",
-            num(x), num(top), num(w), num(plot_h));
+        out.fill(assets::depth_window, num(x), num(top), num(w), num(plot_h));
     }
     label(out, left, H - 6, "start", "1");
     label(out, left + W, H - 6, "end", grouped(static_cast<std::int64_t>(L)));
@@ -106,10 +89,10 @@ html quality_chart(const record_view& r) {
     for (int k = 0; k < n; ++k) {
         const std::size_t i = static_cast<std::size_t>(first - 1 + k);
         const double h = r.quality[i] / static_cast<double>(peak) * plot_h;
-        bar(out, left + k * w, top + plot_h - h, std::max(w - 0.3, 0.3), h,
-            letter_class(r.bases[i]),
-            "base " + std::to_string(i + 1) + " " + r.bases[i] + ": quality " +
-                std::to_string(r.quality[i]));
+        out.fill(assets::bar, num(left + k * w), num(top + plot_h - h), num(std::max(w - 0.3, 0.3)),
+                 num(h), letter_class(r.bases[i]),
+                 "base " + std::to_string(i + 1) + " " + r.bases[i] + ": quality " +
+                     std::to_string(r.quality[i]));
     }
     label(out, left, H - 8, "start", "base " + std::to_string(first));
     label(out, left + W, H - 8, "end", "base " + std::to_string(last));
@@ -130,27 +113,22 @@ html flowgram_chart(const record_view& r) {
     // The key's flows and the flows of the kept bases, as bands behind the bars.
     const auto bases = static_cast<int>(r.flow_of_base.size());
     if (r.key_length > 0 && bases >= r.key_length)
-        out.fill(
-            "<rect x=\"{}\" y=\"{}\" width=\"{}\" height=\"{}\" fill=\"#fde9c8\">"
-            "<title>key flows</title></rect>",
-            num(left), num(top),
-            num(flow_x(r.flow_of_base[static_cast<std::size_t>(r.key_length - 1)] + 1) - left),
-            num(plot_h));
+        out.fill(assets::key_flows, num(left), num(top),
+                 num(flow_x(r.flow_of_base[static_cast<std::size_t>(r.key_length - 1)] + 1) - left),
+                 num(plot_h));
     if (r.kept_first >= 1 && r.kept_first <= r.kept_last && r.kept_last <= bases) {
         const double x0 = flow_x(r.flow_of_base[static_cast<std::size_t>(r.kept_first - 1)]);
         const double x1 = flow_x(r.flow_of_base[static_cast<std::size_t>(r.kept_last - 1)] + 1);
-        out.fill(
-            "<rect x=\"{}\" y=\"{}\" width=\"{}\" height=\"6\" fill=\"#4a78b5\">"
-            "<title>flows of the kept bases</title></rect>",
-            num(x0), num(top + plot_h + 2), num(x1 - x0));
+        out.fill(assets::kept_flows, num(x0), num(top + plot_h + 2), num(x1 - x0));
     }
     grid(out, peak, 1, left, left + W, top, plot_h);
     for (std::size_t f = 0; f < n; ++f) {
         const double v = r.flowgram[f] / 100.0;
         const double h = std::min(v, peak) / peak * plot_h;
         const char letter = f < r.flow_chars.size() ? r.flow_chars[f] : '?';
-        bar(out, flow_x(static_cast<std::int64_t>(f)), top + plot_h - h, std::max(w - 0.2, 0.2), h,
-            letter_class(letter), "flow " + std::to_string(f) + " " + letter + ": " + fixed(v, 2));
+        out.fill(assets::bar, num(flow_x(static_cast<std::int64_t>(f))), num(top + plot_h - h),
+                 num(std::max(w - 0.2, 0.2)), num(h), letter_class(letter),
+                 "flow " + std::to_string(f) + " " + letter + ": " + fixed(v, 2));
     }
     label(out, left, H - 10, "start", "flow 0");
     label(out, left + W, H - 10, "end", "flow " + std::to_string(n == 0 ? 0 : n - 1));

@@ -1,6 +1,4 @@
 // The contig window page and its text form.
-#include <algorithm>
-
 #include "browse_assets.h"
 #include "site.h"
 
@@ -52,10 +50,7 @@ drawn_window draw(const site& s, std::size_t index, const request& req, bool tex
     }
     d.b = s.ace.load(index);
     if (d.b == nullptr)
-        d.failed = error_response(500, "ACE file changed",
-                                  "The ACE file is no longer the file read "
-                                  "at start-up; restart the server.",
-                                  text);
+        d.failed = ace_changed(text);
     else if (!page_of_window(d.b->d, d.w.from, d.w.last, d.w.rows_page,
                              rows_per_page(d.w.last - d.w.from + 1), d.view))
         d.failed = error_response(400, "Bad request",
@@ -125,7 +120,7 @@ response site::contig_window(std::size_t index, const request& req) const {
     if (d.failed) return *d.failed;
     const contig_summary& s = ace.contigs[index];
     const window& w = d.w;
-    if (differences) differences_only(d.view);
+    if (differences) differences_only(d.view.grid);
     const window_page& v = d.view;
     // The window does not wait for the model's fit: its evidence shows once the fit is done.
     const bool fitting = evidence != nullptr && evidence->models_if_ready() == nullptr;

@@ -12,12 +12,6 @@
 
 namespace browse {
 
-sorvexa::status read_source::index(const std::vector<std::string>& paths) {
-    lookup.skip_index_block = true;
-    lookup.parallel = true;
-    return lookup.index_files(paths);
-}
-
 std::map<std::string, tied_read> read_source::tie(const contig& c,
                                                   const std::vector<std::string>& names) const {
     std::map<std::string, tied_read> tied;
@@ -49,18 +43,15 @@ sorvexa::status assembly::read(const std::string& path) {
         const std::int64_t offset = ace.tell();
         contig c;
         if (ace.next_contig(c) == 0) break;
-        contig_summary s{c.name, offset, static_cast<std::int32_t>(c.consensus.size()),
-                         static_cast<std::int32_t>(c.reads.size())};
         c.create_print_map();
-        s.min_len = c.reads.empty() ? 0 : c.min_read_len;
-        s.max_len = c.max_read_len;
-        s.avg_len = c.avg_read_len;
-        s.rows = static_cast<std::int32_t>(c.print_map.size());
+        contigs.push_back({c.name, offset, static_cast<std::int32_t>(c.consensus.size()),
+                           static_cast<std::int32_t>(c.reads.size()), 0,
+                           c.reads.empty() ? std::int16_t{0} : c.min_read_len, c.max_read_len,
+                           c.avg_read_len, static_cast<std::int32_t>(c.print_map.size())});
         for (const auto& [name, r] : c.reads)
-            placements.push_back({name, static_cast<std::uint32_t>(contigs.size()), r.start});
-        reads_placed += s.reads;
-        columns += s.columns;
-        contigs.push_back(std::move(s));
+            placements.push_back({name, static_cast<std::uint32_t>(contigs.size() - 1), r.start});
+        reads_placed += contigs.back().reads;
+        columns += contigs.back().columns;
     }
     if (!ace.error.ok) return ace.error;
     std::sort(placements.begin(), placements.end());
@@ -75,11 +66,8 @@ sorvexa::status assembly::read(const std::string& path) {
 void assembly::count_found(const read_source& sff) {
     reads_found = 0;
     for (contig_summary& s : contigs) s.found = 0;
-    for (const placement& p : placements) {
-        if (!sff.holds(p.read)) continue;
-        ++contigs[p.contig].found;
-        ++reads_found;
-    }
+    for (const placement& p : placements)
+        if (sff.holds(p.read)) ++contigs[p.contig].found, ++reads_found;
 }
 
 int assembly::contig_index(std::string_view name) const {
@@ -120,15 +108,7 @@ std::shared_ptr<const drawn_contig> assembly::load(std::size_t index) {
     return b;
 }
 
-std::int32_t contig_evidence::run_at(std::int32_t column) const {
-    for (std::size_t i = 0; i < check.runs.size(); ++i)
-        if (check.runs[i].column == column) return static_cast<std::int32_t>(i);
-    return -1;
-}
-
-bool contig_evidence::is_disputed(std::int32_t run) const {
-    return std::find(disputed.begin(), disputed.end(), run) != disputed.end();
-}
+namespace {
 
 std::shared_ptr<const contig_evidence> build_evidence(const contig& c, const read_source& sff,
                                                       std::shared_ptr<const flow_models> models) {
@@ -149,6 +129,7 @@ std::shared_ptr<const contig_evidence> build_evidence(const contig& c, const rea
     return e;
 }
 
+// The library's calibration over the contigs in file order, as sorvexa-flowcheck's.
 flow_models fit_models(const assembly& a, const read_source& sff, const std::atomic<bool>& stop) {
     flow_check check;
     file_stamp now;
@@ -165,6 +146,8 @@ flow_models fit_models(const assembly& a, const read_source& sff, const std::ato
     });
     return std::move(check.models);
 }
+
+}  // namespace
 
 evidence_store::~evidence_store() {
     stop_ = true;
@@ -210,11 +193,6 @@ std::shared_ptr<const flow_models> evidence_store::models_if_ready(std::string* 
     return models_;
 }
 
-void evidence_store::record(std::size_t index, const contig_evidence& e) {
-    std::lock_guard lock(tally_mutex_);
-    tallies_[index] = contig_tally{static_cast<std::int32_t>(e.disputed.size()), e.report.coverage};
-}
-
 std::shared_ptr<const contig_evidence> evidence_store::get(std::size_t index) {
     if (index >= ace_.contigs.size()) return nullptr;
     if (auto hit = cache_.find(index)) return hit;
@@ -226,7 +204,7 @@ std::shared_ptr<const contig_evidence> evidence_store::get(std::size_t index) {
     contig c;
     if (!ace_.parse(index, c)) return nullptr;
     std::shared_ptr<const contig_evidence> built = build_evidence(c, sff_, std::move(m));
-    record(index, *built);
+    record(index, built->disputed.size(), built->report.coverage);
     cache_.put(index, built, built->bytes);
     return built;
 }
@@ -241,7 +219,8 @@ void evidence_store::count_in_background() {
             if (tally(i)) continue;
             contig c;
             if (!ace_.parse(i, c)) return;
-            record(i, *build_evidence(c, sff_, m));
+            const auto e = build_evidence(c, sff_, m);
+            record(i, e->disputed.size(), e->report.coverage);
             c = contig{};
             malloc_trim(0);  // what a contig's check took is handed back before the next one
         }

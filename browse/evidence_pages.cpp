@@ -12,12 +12,6 @@ namespace browse {
 
 namespace {
 
-response evidence_missing() {
-    return error_response(
-        500, "Files changed",
-        "The ACE file is no longer the file read at start-up; restart the server.");
-}
-
 // A run's window: 100 columns with the run in the middle.
 std::string centred_href(std::string_view contig, const hp_run& r) {
     return window_href(contig, std::max<std::int64_t>(1, r.column - 50), 100);
@@ -27,20 +21,6 @@ std::string run_href(std::string_view contig, const hp_run& r) {
     return contig_href(contig) + "/run/" + std::to_string(r.column);
 }
 
-// The SFF files whose reads measured the run, in file order: their models weigh its values.
-std::vector<std::size_t> files_of(const read_source& sff, const std::vector<run_signal>& signals,
-                                  const std::vector<std::string>& names) {
-    std::vector<bool> seen(sff.lookup.sff_names.size(), false);
-    for (const run_signal& sig : signals)
-        if (const read_location at = sff.lookup.locate(names[static_cast<std::size_t>(sig.read)]);
-            at.found())
-            seen[static_cast<std::size_t>(at.file)] = true;
-    std::vector<std::size_t> files;
-    for (std::size_t f = 0; f < seen.size(); ++f)
-        if (seen[f]) files.push_back(f);
-    return files;
-}
-
 // The lengths whose curves the run page draws: the consensus and called ones and one beyond.
 std::pair<std::int32_t, std::int32_t> lengths_drawn(const hp_run& r) {
     return {std::max(0, std::min(r.consensus_length, r.called_length) - 1),
@@ -48,15 +28,8 @@ std::pair<std::int32_t, std::int32_t> lengths_drawn(const hp_run& r) {
 }
 
 // One curve a file: told apart by the dashes, named in the model table under the plot.
-struct curve_style {
-    const char* dashes;
-    const char* name;
-};
-curve_style style_of(std::size_t k) {
-    static const curve_style styles[] = {
-        {"none", "solid"}, {"6 3", "dashed"}, {"2 3", "dotted"}, {"9 3 2 3", "dash-dot"}};
-    return styles[k % 4];
-}
+const char* const dashes[] = {"none", "6 3", "2 3", "9 3 2 3"};
+const char* const curve_names[] = {"solid", "dashed", "dotted", "dash-dot"};
 
 // The picture a finisher decides from: every read's value as a dot (forward and complemented
 // reads in two colours, spread vertically so that equal values stay apart), the density of a
@@ -110,7 +83,7 @@ void run_plot(html& out, const flow_models& models, const std::vector<std::size_
             }
             out.fill(
                 "<polyline points=\"{}\" fill=\"none\" stroke=\"#999\" stroke-dasharray=\"{}\"/>",
-                points, style_of(k).dashes);
+                points, dashes[k % 4]);
             if (k == 0) text(x_of(m.centre) - 4, top + 10, 11, "", "n=" + std::to_string(n));
         }
     }
@@ -143,7 +116,7 @@ void model_rows(html& out, const site& s, const flow_models& models,
             const length_model m = models.at(files[k], n);
             out.fill(assets::model_row,
                      files[k] < names.size() ? names[files[k]] : "every file (pooled)",
-                     style_of(k).name, n, fixed(m.centre, 4), fixed(m.spread, 4),
+                     curve_names[k % 4], n, fixed(m.centre, 4), fixed(m.spread, 4),
                      fixed(m.outlier, 5), grouped(m.signals), source_name(m.source));
         }
 }
@@ -154,7 +127,7 @@ void model_rows(html& out, const site& s, const flow_models& models,
 response calls_vcf(const site& s, std::size_t contig, std::string_view, const request&) {
     std::shared_ptr<const contig_evidence> e =
         s.evidence != nullptr ? s.evidence->get(contig) : nullptr;
-    if (e == nullptr) return evidence_missing();
+    if (e == nullptr) return ace_changed();
     const std::string& name = s.ace.contigs[contig].name;
     std::string prefix = output_prefix(s.ace.ace_path);
     prefix.erase(0, prefix.rfind('/') + 1);
@@ -170,7 +143,7 @@ response calls_vcf(const site& s, std::size_t contig, std::string_view, const re
 response calls_tsv(const site& s, std::size_t contig, std::string_view, const request&) {
     std::shared_ptr<const contig_evidence> e =
         s.evidence != nullptr ? s.evidence->get(contig) : nullptr;
-    if (e == nullptr) return evidence_missing();
+    if (e == nullptr) return ace_changed();
     response r = text_response(200, "");
     append_tsv_header(r.body);
     append_tsv_report(r.body, e->report);
@@ -195,10 +168,7 @@ response search_page(const site& s, std::string_view rest, const request& req) {
     for (; !q.empty() && it != p.end() && it->read.starts_with(q); ++it) {
         if (++shown > max_search_results) break;
         const std::string& contig = s.ace.contigs[it->contig].name;
-        rows.markup("<tr><td>");
-        read_link(rows, it->read);
-        rows.fill("</td><td><a href=\"{}\">{}</a></td><td><a href=\"{}\">{}</a></td></tr>",
-                  contig_href(contig), contig,
+        rows.fill(assets::found_row, read_href(it->read), it->read, contig_href(contig), contig,
                   window_href(contig, std::max<std::int64_t>(1, it->start), 100), it->start);
     }
     const bool more = shown > max_search_results;
@@ -207,9 +177,7 @@ response search_page(const site& s, std::string_view rest, const request& req) {
                   std::to_string(std::min(shown, max_search_results)) + (more ? "+" : "") +
                       " placed reads whose names begin with \"" + q + "\"" +
                       (more ? " (the first " + std::to_string(max_search_results) + ")" : "") + ".")
-            .markup(
-                "<table class=\"found\"><thead><tr><th>read</th><th>contig</th><th>start</th>"
-                "</tr></thead><tbody>")
+            .markup(assets::found_head)
             .append(rows)
             .markup("</tbody></table>");
     } else {
@@ -231,7 +199,7 @@ void coverage_note(html& out, const contig_coverage& c) {
 
 void disputed_table(html& out, std::string_view contig, const contig_evidence& e) {
     out.fill(
-        "<p>{} another length; as <a href=\"{}.vcf\">VCF</a> or <a href=\"{}.tsv\">TSV</a>.</p>",
+        assets::disputed_intro,
         std::to_string(e.disputed.size()) +
             (e.disputed.size() == 1 ? " run whose flowgrams call" : " runs whose flowgrams call"),
         contig_href(contig), contig_href(contig));
@@ -271,7 +239,7 @@ response run_page(const site& s, std::size_t contig, std::string_view rest, cons
             "a run is named by its column, a whole number, not \"" + std::string(rest) + "\"");
     std::shared_ptr<const contig_evidence> e =
         s.evidence != nullptr ? s.evidence->get(contig) : nullptr;
-    if (e == nullptr) return evidence_missing();
+    if (e == nullptr) return ace_changed();
     const std::int32_t i = e->run_at(static_cast<std::int32_t>(column));
     if (i < 0)
         return s.not_found("No homopolymer run of contig " + name + " starts at column " +
@@ -292,12 +260,17 @@ response run_page(const site& s, std::size_t contig, std::string_view rest, cons
 
     // The reads of the drawn contig: their bases before column 1, cut there, give no signal.
     const std::shared_ptr<const drawn_contig> b = s.ace.load(contig);
-    if (b == nullptr) return evidence_missing();
+    if (b == nullptr) return ace_changed();
     const std::vector<std::string> names = reads_over(b->c(), r);
     const std::map<std::string, tied_read> tied = s.sff.tie(b->c(), names);
     const std::vector<run_signal> signals = run_signals(b->c(), r, names, lookup_in(tied));
-    // A run no read measured is drawn under the model of every file together.
-    std::vector<std::size_t> files = files_of(s.sff, signals, names);
+    // The models of the files whose reads measured the run weigh its values; a run no read
+    // measured is drawn under the model of every file together.
+    std::vector<std::size_t> files;
+    for (const run_signal& sig : signals)
+        files.push_back(tied.at(names[static_cast<std::size_t>(sig.read)]).file);
+    std::sort(files.begin(), files.end());
+    files.erase(std::unique(files.begin(), files.end()), files.end());
     if (files.empty()) files.push_back(e->models->models.size());
     run_plot(body, *e->models, files, r, signals);
     std::string origin;

@@ -110,6 +110,12 @@ response error_response(int status, std::string_view title, std::string_view mes
     return r;
 }
 
+response ace_changed(bool text) {
+    return error_response(
+        500, "ACE file changed",
+        "The ACE file is no longer the file read at start-up; restart the server.", text);
+}
+
 response text_response(int status, std::string body) {
     response r;
     r.status = status;
@@ -135,10 +141,6 @@ std::string window_href(std::string_view contig, std::int64_t from, int width,
 
 void fact(html& out, std::string_view term, std::string_view value) {
     out.fill("<dt>{}</dt><dd>{}</dd>", term, value);
-}
-
-void fact(html& out, std::string_view term, const html& value) {
-    out.fill("<dt>{}</dt><dd>", term).append(value).markup("</dd>");
 }
 
 void read_link(html& out, std::string_view name) {

@@ -29,7 +29,6 @@ class html {
         append_escaped(out_, s);
         return *this;
     }
-    html& text(char c) { return text(std::string_view(&c, 1)); }
     template <std::size_t N>
     html& markup(const char (&literal)[N]) {
         out_.append(literal, N - 1);

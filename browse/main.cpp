@@ -1,6 +1,5 @@
-// sorvexa-browse: serves an ACE assembly and its SFF files to a web browser.
-//
-//   sorvexa-browse [--port N] [--bind ADDR] [--model FILE] [--access-log] aceFile [sffFile ...]
+// sorvexa-browse: serves an ACE assembly and its SFF files to a web browser (usage in
+// assets/templates/usage.txt).
 #include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
@@ -18,8 +17,6 @@
 
 namespace {
 
-const char* const usage_text = browse::assets::usage;
-
 struct options {
     int port = 8454;
     std::string bind = "127.0.0.1";
@@ -34,13 +31,13 @@ struct options {
 int parse(int argc, char** argv, options& o) {
     int i = 1;
     auto refuse = [](const std::string& why, bool usage) {
-        std::cerr << "sorvexa-browse: " << why << "\n" << (usage ? usage_text : "");
+        std::cerr << "sorvexa-browse: " << why << "\n" << (usage ? browse::assets::usage : "");
         return 1;
     };
     for (; i < argc && argv[i][0] == '-' && argv[i][1] != '\0'; ++i) {
         const std::string a = argv[i];
         if (a == "-h" || a == "--help" || a == "-v" || a == "--version") {
-            std::cout << (a[1] == 'h' || a[2] == 'h' ? usage_text
+            std::cout << (a[1] == 'h' || a[2] == 'h' ? browse::assets::usage
                                                      : "sorvexa-browse " SORVEXA_VERSION "\n");
             return 0;
         }
@@ -60,10 +57,7 @@ int parse(int argc, char** argv, options& o) {
             return refuse("--port takes a number from 0 to 65535, not " + v, false);
         }
     }
-    if (i >= argc) {
-        std::cerr << usage_text;
-        return 1;
-    }
+    if (i >= argc) return std::cerr << browse::assets::usage, 1;
     o.ace = argv[i++];
     o.sff.assign(argv + i, argv + argc);
     return -1;

@@ -29,21 +29,16 @@ response site::overview() const {
     b.fill(assets::contigs_head, ace.contigs.size());
     for (std::size_t k = 0; k < ace.contigs.size(); ++k) {
         const contig_summary& s = ace.contigs[k];
-        b.fill("<tr><td data-v=\"{}\"><a href=\"{}\">{}</a></td>", s.name, contig_href(s.name),
-               s.name);
-        auto cell = [&b](double v, const std::string& shown) {
-            b.fill("<td data-v=\"{}\">{}</td>", fixed(v, 2), shown);
+        auto v = [](double x) { return fixed(x, 2); };
+        b.fill(assets::contig_row, s.name, contig_href(s.name), s.name, v(s.columns),
+               grouped(s.columns), v(s.reads), grouped(s.reads), v(s.found), grouped(s.found),
+               v(s.min_len), s.min_len, v(s.avg_len), fixed(s.avg_len, 0), v(s.max_len), s.max_len,
+               v(s.rows), grouped(s.rows));
+        auto cell = [&b](double x, const std::string& shown) {
+            b.fill("<td data-v=\"{}\">{}</td>", fixed(x, 2), shown);
         };
-        cell(s.columns, grouped(s.columns));
-        cell(s.reads, grouped(s.reads));
-        cell(s.found, grouped(s.found));
-        cell(s.min_len, std::to_string(s.min_len));
-        cell(s.avg_len, fixed(s.avg_len, 0));
-        cell(s.max_len, std::to_string(s.max_len));
-        cell(s.rows, grouped(s.rows));
-        // Weighed in the background after start-up; "..." until this contig's turn came. A
-        // contig the reads hardly weighed says "unchecked" where its disputed runs would be, so
-        // that no call is not read as a clean bill.
+        // "..." until the background count has come by; "unchecked" where too little was
+        // weighed for no call to mean a clean bill.
         const std::optional<contig_tally> t =
             evidence != nullptr ? evidence->tally(k) : std::nullopt;
         if (!t) {

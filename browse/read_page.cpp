@@ -1,7 +1,5 @@
 // The read page: where the assembly places a read, and its SFF record (qualities and
 // flowgram as charts and as TSV downloads).
-#include <algorithm>
-
 #include "browse_assets.h"
 #include "site.h"
 
@@ -59,15 +57,11 @@ void disputed_flows(html& h, const site& s, std::size_t k, const drawn_contig& b
         return;
     }
     const std::string& contig = s.ace.contigs[k].name;
-    h.markup(
-        "<table class=\"disputed\"><thead><tr><th>column</th><th>flow</th><th>assembly</th>"
-        "<th>measured</th></tr></thead><tbody>");
+    h.markup(assets::read_flows_head);
     for (const disputed_flow& f : flows)
-        h.fill(
-            "<tr><td><a href=\"{}\">{}</a></td><td><span class=\"{}\">{}</span></td><td>{}</td>"
-            "<td>{}</td></tr>",
-            window_href(contig, std::max<std::int64_t>(1, f.column - 50), 100) + "&view=signals",
-            f.column, base_class(f.letter), f.letter, f.count, fixed(f.value / 100.0, 2));
+        h.fill(assets::read_flow_row,
+               window_href(contig, std::max<std::int64_t>(1, f.column - 50), 100) + "&view=signals",
+               f.column, base_class(f.letter), f.letter, f.count, fixed(f.value / 100.0, 2));
     h.markup("</tbody></table>");
 }
 
@@ -81,30 +75,20 @@ void placement(html& h, const site& s, const std::string& read_name) {
     const contig_summary& sum = s.ace.contigs[static_cast<std::size_t>(k)];
     const std::shared_ptr<const drawn_contig> b = s.ace.load(static_cast<std::size_t>(k));
     const READ* rd = b != nullptr ? b->d.placed(read_name) : nullptr;
-    h.markup("<dl class=\"facts\">");
-    html link;
     if (rd == nullptr) {
-        fact(h, "contig", link.fill("<a href=\"{}\">{}</a>", contig_href(sum.name), sum.name));
-        fact(h, "", "the ACE file changed since start-up; restart the server to see more");
-        h.markup("</dl>");
+        h.fill(assets::placement_lost, contig_href(sum.name), sum.name);
         return;
     }
     // A window that opens a little before the read, which a read starting before column 1
     // is drawn from column 1 of.
     const std::int64_t from = std::clamp<std::int64_t>(std::int64_t{rd->start} - 20, 1,
                                                        std::max<std::int64_t>(sum.columns, 1));
-    fact(h, "contig",
-         link.fill("<a href=\"{}\">{}</a>", window_href(sum.name, from, default_width), sum.name));
-    std::string start = grouped(rd->start);
-    if (rd->start < 1) start += " (before the consensus: windows draw the read from column 1 on)";
-    fact(h, "start column", start);
-    fact(h, "length",
-         std::to_string(rd->length) + " columns (to column " +
-             grouped(std::int64_t{rd->start} + rd->length - 1) + ")");
-    fact(h, "direction", rd->uncomplemented != 0 ? "uncomplemented (U)" : "complemented (C)");
-    fact(h, "alignment clip",
-         std::to_string(rd->align_clip_start) + " to " + std::to_string(rd->align_clip_end));
-    h.markup("</dl>\n");
+    h.fill(assets::placement, window_href(sum.name, from, default_width), sum.name,
+           grouped(rd->start),
+           rd->start < 1 ? " (before the consensus: windows draw the read from column 1 on)" : "",
+           rd->length, grouped(std::int64_t{rd->start} + rd->length - 1),
+           rd->uncomplemented != 0 ? "uncomplemented (U)" : "complemented (C)",
+           rd->align_clip_start, rd->align_clip_end);
     disputed_flows(h, s, static_cast<std::size_t>(k), *b, read_name);
 }
 

@@ -23,9 +23,8 @@ const top_route top_routes[] = {
      }},
 };
 
-// The views of one contig: /contig/NAME then `key`, which ends the path when `whole`
-// (".txt"), else the rest after it is handed on ("/run/" + column). The window itself is the
-// view with the empty key.
+// The views of one contig, /contig/NAME then `key`: a `whole` key ends the path (".txt"), else
+// the rest is handed on ("/run/" + column). The window itself is the view with the empty key.
 struct contig_view {
     std::string_view key;
     bool whole;

@@ -1,7 +1,6 @@
 #include <microhttpd.h>
 #include <netdb.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
@@ -13,11 +12,9 @@ namespace browse {
 
 namespace {
 
-// Threads that serve connections, each waiting on its share of them in one epoll set: an idle
-// connection holds no thread, and at most this many pages are built at once. A connection
-// that sends or takes nothing for idle_seconds is closed, whether it is between requests or
-// stopped halfway through one. Request heads over max_head bytes are refused (413); no route
-// takes a body.
+// Each thread waits on its share of the connections in one epoll set, so an idle connection
+// holds none and at most `threads` pages are built at once; a connection that sends or takes
+// nothing for idle_seconds is closed, between requests or halfway through one.
 constexpr unsigned threads = 4, connections = 1000, idle_seconds = 5;
 constexpr std::size_t max_head = 64 << 10;
 
@@ -119,44 +116,26 @@ struct handler {
 
 int http_server::start(const std::string& host, int port) {
     addrinfo hints{};
-    hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
     addrinfo* found = nullptr;
     if (::getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found) != 0) return -1;
-    int fd = -1;
-    for (addrinfo* a = found; a != nullptr && fd < 0; a = a->ai_next) {
-        fd = ::socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, a->ai_protocol);
-        if (fd < 0) continue;
-        const int yes = 1;
-        ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-        // A browser opens several connections at once, and every idle client holds a place
-        // until it is accepted: a long queue keeps new ones from being dropped and retried.
-        if (::bind(fd, a->ai_addr, a->ai_addrlen) != 0 || ::listen(fd, SOMAXCONN) != 0) {
-            ::close(fd);
-            fd = -1;
-        }
-    }
-    ::freeaddrinfo(found);
-    if (fd < 0) return -1;
-    sockaddr_storage bound{};
-    socklen_t len = sizeof bound;
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&bound), &len);
-    const int bound_port =
-        ntohs(bound.ss_family == AF_INET6 ? reinterpret_cast<sockaddr_in6*>(&bound)->sin6_port
-                                          : reinterpret_cast<sockaddr_in*>(&bound)->sin_port);
-    // Heads up to four times the limit are read whole so that the answer can be the 413 that
-    // says why; beyond, the library gives up on its own (431) rather than hold more memory.
-    daemon_ = MHD_start_daemon(MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL, 0, nullptr, nullptr,
-                               &handler::answer, this, MHD_OPTION_LISTEN_SOCKET, fd,
+    // A browser opens several connections at once, and every idle client holds a place until
+    // it is accepted: a long listen queue keeps new ones from being dropped and retried. Heads
+    // up to four times the limit are read whole so that the answer can be the 413 that says
+    // why; beyond, the library gives up on its own (431) rather than hold more memory.
+    daemon_ = MHD_start_daemon(MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL |
+                                   (found->ai_family == AF_INET6 ? MHD_USE_IPv6 : 0),
+                               0, nullptr, nullptr, &handler::answer, this, MHD_OPTION_SOCK_ADDR,
+                               found->ai_addr, MHD_OPTION_LISTENING_ADDRESS_REUSE, 1u,
+                               MHD_OPTION_LISTEN_BACKLOG_SIZE, static_cast<unsigned>(SOMAXCONN),
                                MHD_OPTION_THREAD_POOL_SIZE, threads, MHD_OPTION_CONNECTION_LIMIT,
                                connections, MHD_OPTION_CONNECTION_TIMEOUT, idle_seconds,
                                MHD_OPTION_CONNECTION_MEMORY_LIMIT, 4 * max_head, MHD_OPTION_END);
-    if (daemon_ == nullptr) {
-        ::close(fd);
-        return -1;
-    }
-    return bound_port;
+    ::freeaddrinfo(found);
+    const MHD_DaemonInfo* bound =
+        daemon_ != nullptr ? MHD_get_daemon_info(daemon_, MHD_DAEMON_INFO_BIND_PORT) : nullptr;
+    return bound != nullptr ? bound->port : -1;
 }
 
 void http_server::stop() {

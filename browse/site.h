@@ -9,6 +9,7 @@
 #include <sorvexa/status.h>
 #include <sorvexa/views.h>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <cstddef>
@@ -48,9 +49,8 @@ class lru_cache {
         std::size_t held = bytes;
         for (const entry& e : entries_) held += e.bytes;
         while (!entries_.empty() && (entries_.size() >= count_ || held > bytes_)) {
-            auto oldest = entries_.begin();
-            for (auto it = entries_.begin(); it != entries_.end(); ++it)
-                if (it->used < oldest->used) oldest = it;
+            auto oldest = std::min_element(entries_.begin(), entries_.end(),
+                                           [](auto& x, auto& y) { return x.used < y.used; });
             held -= oldest->bytes;
             entries_.erase(oldest);
         }
@@ -75,7 +75,10 @@ class read_source {
   public:
     read_lookup lookup;
     mutable fetcher_pool fetchers{lookup};  // refuse a file changed since it was indexed
-    sorvexa::status index(const std::vector<std::string>& paths);  // side by side
+    sorvexa::status index(const std::vector<std::string>& paths) {  // side by side
+        lookup.skip_index_block = lookup.parallel = true;
+        return lookup.index_files(paths);
+    }
     bool holds(const std::string& name) const { return lookup.locate(name).found(); }
     std::size_t reads_in(std::size_t file) const { return lookup.indexes[file].size(); }
     std::map<std::string, tied_read> tie(const contig& c,
@@ -149,13 +152,16 @@ struct contig_evidence {
     std::vector<std::int32_t> disputed;  // runs of the edits, highest score first
     std::size_t bytes = 0;
     // The run whose first base (first pad column for a run of length 0) is `column`, or -1.
-    std::int32_t run_at(std::int32_t column) const;
-    bool is_disputed(std::int32_t run) const;
+    std::int32_t run_at(std::int32_t column) const {
+        const auto& r = check.runs;
+        auto it =
+            std::find_if(r.begin(), r.end(), [&](const hp_run& x) { return x.column == column; });
+        return it == r.end() ? -1 : static_cast<std::int32_t>(it - r.begin());
+    }
+    bool is_disputed(std::int32_t run) const {
+        return std::find(disputed.begin(), disputed.end(), run) != disputed.end();
+    }
 };
-std::shared_ptr<const contig_evidence> build_evidence(const contig& c, const read_source& sff,
-                                                      std::shared_ptr<const flow_models> models);
-// The library's calibration over the contigs in file order, as sorvexa-flowcheck's.
-flow_models fit_models(const assembly& a, const read_source& sff, const std::atomic<bool>& stop);
 
 struct contig_tally {
     std::int32_t disputed = 0;
@@ -168,8 +174,6 @@ class evidence_store {
                    std::size_t cache_bytes = std::size_t{8} << 20)
         : ace_(a), sff_(s), cache_(cache_size, cache_bytes), tallies_(a.contigs.size()) {}
     ~evidence_store();
-    evidence_store(const evidence_store&) = delete;
-    evidence_store& operator=(const evidence_store&) = delete;
 
     // The model of every check: one read from a table, else fitted once (in the background
     // when asked, so that start-up need not wait). No evidence is built before it is there.
@@ -191,7 +195,10 @@ class evidence_store {
     std::mutex build_mutex_;
     mutable std::mutex tally_mutex_;
     std::vector<std::optional<contig_tally>> tallies_;
-    void record(std::size_t index, const contig_evidence& e);
+    void record(std::size_t index, std::size_t disputed, const contig_coverage& c) {
+        std::lock_guard lock(tally_mutex_);
+        tallies_[index] = contig_tally{static_cast<std::int32_t>(disputed), c};
+    }
     mutable std::mutex model_mutex_;
     std::condition_variable model_ready_;
     std::shared_ptr<const flow_models> models_;
@@ -264,12 +271,12 @@ response page(std::string_view title, const html& body, const html& script = htm
 response error_response(int status, std::string_view title, std::string_view message,
                         bool text = false);
 response text_response(int status, std::string body);
+response ace_changed(bool text = false);  // 500: the ACE file is not the one read at start-up
 std::string contig_href(std::string_view name);
 std::string read_href(std::string_view name);
 std::string window_href(std::string_view contig, std::int64_t from, int width,
                         std::int64_t rows_page = 1);
 void fact(html& out, std::string_view term, std::string_view value);
-void fact(html& out, std::string_view term, const html& value);
 void read_link(html& out, std::string_view name);
 bool parse_count(std::string_view text, std::int64_t& out);  // at most nine digits
 std::string file_name_for(std::string_view name);            // safe as a download's name
@@ -282,15 +289,13 @@ html quality_chart(const record_view& r);
 html flowgram_chart(const record_view& r);
 
 // A window's maps: names column and map, one line each per row; as text lines with the reads
-// of each row after them. differences_only draws bases equal to the consensus as '.' (',' on
-// complemented reads).
+// of each row after them.
 void align_map_html(const window_page& v, html& names, html& map);
 void flow_map_html(const drawn_contig& b, const window_page& v, html& names, html& map);
 void signals_map_html(const drawn_contig& b, const window_page& v, const contig_evidence& e,
                       const read_source& sff, html& names, html& map);
 void align_map_text(const window_page& v, std::string& out);
 void flow_map_text(const window_page& v, std::string& out);
-void differences_only(window_page& v);
 // A flow's count as one character: a digit, A = 10 up to Z = 35, '+' beyond, ' ' for none.
 char count_char(int n);
 // A signal as three characters: one decimal, whole numbers from 9.95, "99+" from 99.5, "u"

@@ -1,7 +1,6 @@
 // The maps of a window as the contig page and its text form show them, all drawn from the one
 // grid of the library's page of the window.
 #include <algorithm>
-#include <cctype>
 
 #include "browse_assets.h"
 #include "site.h"
@@ -170,21 +169,6 @@ void signals_map_html(const drawn_contig& b, const window_page& v, const contig_
                          signal_text(value));
         }
         map.markup("\n");
-    }
-}
-
-void differences_only(window_page& v) {
-    window_grid& g = v.grid;
-    const auto up = [](char ch) { return std::toupper(static_cast<unsigned char>(ch)); };
-    for (std::size_t row = 0; row < g.bases.size() && row < g.reads.size(); ++row) {
-        std::string& line = g.bases[row];
-        for (const window_read& r : g.reads[row])
-            for (std::int64_t col = r.first; col <= r.last; ++col) {
-                const auto at = static_cast<std::size_t>(col - g.from);
-                if (at < line.size() && at < g.consensus.size() && line[at] != ' ' &&
-                    up(line[at]) == up(g.consensus[at]))
-                    line[at] = r.complemented ? ',' : '.';
-            }
     }
 }
 
