@@ -15,7 +15,7 @@ namespace {
 // Each thread waits on its share of the connections in one epoll set, so an idle connection
 // holds none and at most `threads` pages are built at once; a connection that sends or takes
 // nothing for idle_seconds is closed, between requests or halfway through one.
-constexpr unsigned threads = 4, connections = 1000, idle_seconds = 5;
+constexpr unsigned threads = 8, connections = 1000, idle_seconds = 5;
 constexpr std::size_t max_head = 64 << 10;
 
 // Every answer goes out here, with the headers each one carries.
