@@ -35,14 +35,6 @@ struct sff_record : sff_read {
     std::int64_t offset;
 };
 
-// An array that owns the values of `v`, which it takes over without copying them.
-template <class T>
-py::array owning(std::vector<T>&& v, const py::dtype& type) {
-    auto* held = new std::vector<T>(std::move(v));
-    py::capsule owner(held, [](void* p) { delete static_cast<std::vector<T>*>(p); });
-    return py::array(type, {static_cast<py::ssize_t>(held->size())}, {}, held->data(), owner);
-}
-
 template <class T>
 py::array copy_array(const std::vector<T>& v) {
     return py::array_t<T>(static_cast<py::ssize_t>(v.size()), v.data());
@@ -196,52 +188,53 @@ class sff_file {
         for (std::size_t k = 0; k < asked.size(); ++k)
             row_of.mutable_data()[k] =
                 std::lower_bound(rows.begin(), rows.end(), asked[k], before) - rows.begin();
-        // A whole record has fewer per-base values than its stretch of the file has bytes
-        // after its fixed part and flowgram: reserved so, the buffers never move.
+        // Room for every per-base value, so that each goes straight where it stays: a whole
+        // record has fewer than its stretch of the file has bytes after its fixed part and
+        // flowgram, the last one no more than the file has after its fixed part.
         std::vector<read_location> wanted;
         std::int64_t room = 0;
         for (std::size_t j = 0; j < n; ++j) {
             row_names.append(rows[j].second);
             positions.mutable_data()[j] = rows[j].first;
             wanted.push_back({0, rows[j].first});
-            const std::int64_t end = j + 1 < n ? rows[j + 1].first : i->lookup.stamps[0].size;
-            room += std::max<std::int64_t>(end - rows[j].first - 16 - 2 * std::int64_t(width), 0);
+            room += std::max<std::int64_t>(
+                j + 1 < n ? (rows[j + 1].first - rows[j].first - 16 - 2 * py::ssize_t(width)) / 3
+                          : i->lookup.stamps[0].size - rows[j].first - 16,
+                0);
         }
-        std::vector<char> bases;
-        std::vector<std::uint8_t> qualities, flow_index;
-        for (auto* v : {&qualities, &flow_index}) v->reserve(static_cast<std::size_t>(room / 3));
-        bases.reserve(static_cast<std::size_t>(room / 3));
+        const auto capacity = static_cast<std::size_t>(room);
+        py::array_t<std::uint8_t> bases(room), qualities(room), flow_index(room);
         py::array_t<std::uint16_t> flowgrams({length, py::ssize_t(width)}),
             clips({length, py::ssize_t{4}});
-        std::uint16_t* grams = flowgrams.mutable_data();
-        std::uint16_t* clip = clips.mutable_data();
+        std::uint16_t *grams = flowgrams.mutable_data(), *clip = clips.mutable_data();
+        std::uint8_t *b = bases.mutable_data(), *q = qualities.mutable_data(),
+                     *f = flow_index.mutable_data();
         std::int64_t* o = offsets.mutable_data();
         o[0] = 0;
         call(&fetch_mutex_, said_, [&] {
             if (!fetcher_) return sorvexa::status{};
             return fetcher_->fetch(wanted, true, [&](std::size_t j, reader& rd, bool) {
                 const sff_read& r = rd.cur_read;
+                // Within the room unless the file changed since it was indexed.
+                const auto at = static_cast<std::size_t>(o[j]);
                 const std::size_t flows = std::min(width, r.flowgram_values.size()),
-                                  held = r.bases_held();
+                                  held = std::min(r.bases_held(), capacity - at);
                 std::fill(std::copy_n(r.flowgram_values.data(), flows, grams + j * width),
                           grams + (j + 1) * width, std::uint16_t{0});
                 std::uint16_t* c = clip + 4 * j;
                 c[0] = r.clip_qual_left, c[1] = r.clip_qual_right;
                 c[2] = r.clip_adapter_left, c[3] = r.clip_adapter_right;
-                bases.insert(bases.end(), r.bases.data(), r.bases.data() + held);
-                qualities.insert(qualities.end(), r.quality_scores.data(),
-                                 r.quality_scores.data() + held);
-                flow_index.insert(flow_index.end(), r.flow_index_per_base.data(),
-                                  r.flow_index_per_base.data() + held);
-                o[j + 1] = static_cast<std::int64_t>(bases.size());
+                std::copy_n(r.bases.data(), held, b + at);
+                std::copy_n(r.quality_scores.data(), held, q + at);
+                std::copy_n(r.flow_index_per_base.data(), held, f + at);
+                o[j + 1] = static_cast<std::int64_t>(at + held);
             });
         });
         check_open();
-        const py::dtype byte = py::dtype::of<std::uint8_t>();
+        const py::slice filled(0, o[n], 1);  // the rest of the room was never touched
         return py::make_tuple(row_names, row_of, flowgrams, offsets,
-                              owning(std::move(bases), py::dtype("S1")),
-                              owning(std::move(qualities), byte),
-                              owning(std::move(flow_index), byte), clips, positions);
+                              bases[filled].attr("view")("S1"), qualities[filled],
+                              flow_index[filled], clips, positions);
     }
 
     void close() {
