@@ -12,9 +12,8 @@ void upper_case(std::vector<char>& seq) {
 }  // namespace
 
 contig_display display(const contig& c, const view_options& options) {
-    contig_display d;
-    contig& k = d.shown;
     // What the layout and the flow views are built from; the derived views start empty.
+    contig k;
     k.name = c.name;
     k.num_bases = c.num_bases;
     k.num_segments = c.num_segments;
@@ -22,6 +21,20 @@ contig_display display(const contig& c, const view_options& options) {
     k.base_qualities = c.base_qualities;
     k.uncomplemented = c.uncomplemented;
     k.reads = c.reads;
+    return display(std::move(k), options);
+}
+
+contig_display display(contig&& c, const view_options& options) {
+    contig_display d;
+    contig& k = d.shown;
+    k.name = std::move(c.name);
+    k.num_bases = c.num_bases;
+    k.num_segments = c.num_segments;
+    k.consensus = std::move(c.consensus);
+    k.base_qualities = std::move(c.base_qualities);
+    k.uncomplemented = c.uncomplemented;
+    k.reads = std::move(c.reads);
+    c = contig{};
     if (options.upper_case) upper_case(k.consensus);
     for (auto it = k.reads.begin(); it != k.reads.end();) {
         READ& r = it->second;

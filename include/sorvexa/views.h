@@ -41,6 +41,8 @@ struct contig_display {
     std::size_t bytes() const;
 };
 contig_display display(const contig& c, const view_options& options);
+// The same from a contig the caller gives up (its views are dropped), without a copy of it.
+contig_display display(contig&& c, const view_options& options);
 
 // A page of the layout rows over columns from..last of `d`, drawn (contig::draw_window).
 // With more rows than `per_page`, page p of P takes every P-th of them from the p-th on, so
