@@ -102,7 +102,7 @@ std::shared_ptr<const drawn_contig> assembly::load(std::size_t index) {
     contig c;
     if (!parse(index, c, true)) return nullptr;
     auto b = std::make_shared<drawn_contig>();
-    b->d = display(c, {.upper_case = true, .from_column_one = true});
+    b->d = display(std::move(c), {.upper_case = true, .from_column_one = true});
     b->depth = depth_of(b->c(), 1000);
     cache_.put(index, b, b->d.bytes());
     return b;
@@ -204,6 +204,8 @@ std::shared_ptr<const contig_evidence> evidence_store::get(std::size_t index) {
     contig c;
     if (!ace_.parse(index, c)) return nullptr;
     std::shared_ptr<const contig_evidence> built = build_evidence(c, sff_, std::move(m));
+    c = contig{};
+    malloc_trim(0);  // what the check took besides its result is handed back
     record(index, built->disputed.size(), built->report.coverage);
     cache_.put(index, built, built->bytes);
     return built;
