@@ -211,14 +211,15 @@ class sff_file {
                      *f = flow_index.mutable_data();
         std::int64_t* o = offsets.mutable_data();
         o[0] = 0;
+        bool changed = false;  // a record held more than its room: not the file indexed
         call(&fetch_mutex_, said_, [&] {
             if (!fetcher_) return sorvexa::status{};
             return fetcher_->fetch(wanted, true, [&](std::size_t j, reader& rd, bool) {
                 const sff_read& r = rd.cur_read;
-                // Within the room unless the file changed since it was indexed.
                 const auto at = static_cast<std::size_t>(o[j]);
                 const std::size_t flows = std::min(width, r.flowgram_values.size()),
                                   held = std::min(r.bases_held(), capacity - at);
+                changed = changed || held < r.bases_held();
                 std::fill(std::copy_n(r.flowgram_values.data(), flows, grams + j * width),
                           grams + (j + 1) * width, std::uint16_t{0});
                 std::uint16_t* c = clip + 4 * j;
@@ -231,6 +232,9 @@ class sff_file {
             });
         });
         check_open();
+        if (changed)
+            report(sorvexa::status::failure("the file " + file->path +
+                                            " changed after it was indexed"));
         const py::slice filled(0, o[n], 1);  // the rest of the room was never touched
         return py::make_tuple(row_names, row_of, flowgrams, offsets,
                               bases[filled].attr("view")("S1"), qualities[filled],

@@ -351,6 +351,16 @@ def test_a_record_cut_short_holds_the_bases_the_file_has(tmp_path):
     assert batch.flow_index_per_base[1:].tolist() == list(range(1, 7)) + [0] * 24
 
 
+def test_a_batch_refuses_a_file_grown_since_it_was_indexed(tmp_path):
+    path, _ = cut_file(tmp_path)
+    f = sorvexa.SffFile(path)
+    f.index()
+    with open(path, "ab") as grown:  # the record cut short now holds more bases
+        grown.write(b"ACGT" * 20)
+    with pytest.raises(sorvexa.FormatError, match="changed after it was indexed"):
+        f.fetch(["v0001"])
+
+
 def test_an_index_block_among_the_reads_is_stepped_over_alike(tmp_path):
     recs = varied_records(3, 8)
     path = tmp_path / "indexed.sff"
