@@ -169,9 +169,10 @@ class sff_file {
     // The values of an SffBatch (sorvexa/__init__.py), in the order it takes them.
     py::tuple fetch(const py::iterable& names) {
         const std::shared_ptr<name_index> i = index();
-        using row = std::pair<std::int64_t, py::handle>;  // a record's offset and its name
+        using row = std::pair<std::int64_t, py::object>;  // a record's offset and its name
         std::vector<row> asked, rows;
-        for (py::handle name : names) asked.emplace_back(i->at(name), name);
+        for (py::handle name : names)  // held: an iterator may make each name afresh
+            asked.emplace_back(i->at(name), py::reinterpret_borrow<py::object>(name));
         // A row a record, in file order: the file is read once, its reader never stepping
         // back, and every value goes straight to where it stays.
         const auto before = [](const row& x, const row& y) { return x.first < y.first; };

@@ -240,7 +240,7 @@ def test_a_file_of_many_blocks_reads_whole(tmp_path, little_endian):
 
 
 def batch_rows(batch):
-    """Each row of a batch as ours() gives a record (the name as asked for)."""
+    """Each row of a batch as ours() gives a record."""
     o = batch.offsets.tolist()
     return [{"name": name,
              "bases": batch.bases[o[i]:o[i + 1]].tobytes().decode("utf-8", "surrogateescape"),
@@ -296,6 +296,7 @@ def test_batch_rows_are_the_records_asked_for(tmp_path, little_endian):
     assert [rows[k] for k in batch.rows] == [by_name[n] for n in names]
     assert batch.record_offsets.tolist() == [f.index()[n] for n in batch.names]
 
+    assert f.fetch(f"v{k:04d}" for k in (3, 1)).names == ["v0001", "v0003"]
     empty = f.fetch([])
     assert empty.flowgrams.shape == (0, 12) and empty.offsets.tolist() == [0] and len(empty.bases) == 0
     with pytest.raises(KeyError):
