@@ -223,6 +223,9 @@ TEST(Evidence, WindowTogglesAndTheirBadValues) {
 
 TEST(Evidence, SignalCellsAndShades) {
     EXPECT_EQ(browse::signal_text(387), "3.9");
+    // 9.95 to 9.99 round to ten, whole: "10.0" would not fit the cell.
+    for (std::int32_t v : {994, 995, 999, 1000})
+        EXPECT_EQ(browse::signal_text(v), v == 994 ? "9.9" : " 10") << v;
     EXPECT_EQ(browse::signal_text(1234), " 12");
     EXPECT_EQ(browse::signal_text(60000), "99+");
     EXPECT_EQ(browse::signal_text(-1), "   ");
