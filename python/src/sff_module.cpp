@@ -71,9 +71,9 @@ class record_walk {
   private:
     std::shared_ptr<const sff_header_info> file_;
     std::mutex mutex_;
+    diagnostics said_;  // before the reader that writes to it
     std::unique_ptr<reader> rd_;
     read_index where_;
-    diagnostics said_;
     bool done_ = false;
 };
 
@@ -255,8 +255,8 @@ class sff_file {
   private:
     read_lookup one_file_;  // names the file for the fetcher; record_at needs no index
     std::mutex fetch_mutex_;
+    diagnostics said_;  // before the fetcher that writes to it
     std::unique_ptr<read_fetcher> fetcher_;
-    diagnostics said_;
     std::mutex index_mutex_;
     std::shared_ptr<name_index> index_;
     std::atomic<bool> index_ready_{false};
