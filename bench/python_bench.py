@@ -8,7 +8,8 @@ and a checksum, so that both sides can be seen to have done the same work:
   iterate-sorvexa, iterate-biopython   every record in file order, its flowgram and
                                        qualities read (their lengths summed)
   index-sorvexa, index-biopython       the read index built, then every read fetched by
-                                       name, one at a time, and its flowgram read
+                                       name, one at a time, and its flowgram read (the
+                                       names shuffled, the same order for every measure)
   batch-sorvexa                        the read index built, then every read fetched by
                                        name at once (SffFile.fetch), flowgrams as one array
   index-only                           sorvexa's read indexes of all files, nothing else
