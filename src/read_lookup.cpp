@@ -119,6 +119,12 @@ read_fetcher::read_fetcher(const read_lookup& lookup)
 read_fetcher::~read_fetcher() = default;
 
 reader* read_fetcher::open(std::size_t k, sorvexa::status& error) {
+    return open(k, true, error);
+}
+
+// A fresh start reads the header again, as a newly opened reader would: the check of a
+// contig sees the file as it is then. A single record needs only the failed state cleared.
+reader* read_fetcher::open(std::size_t k, bool fresh, sorvexa::status& error) {
     if (k >= readers_.size()) {
         error = sorvexa::status::failure("no SFF file number " + std::to_string(k));
         return nullptr;
@@ -134,8 +140,9 @@ reader* read_fetcher::open(std::size_t k, sorvexa::status& error) {
         rd = std::make_unique<reader>(lookup_.sff_names[k]);
         rd->diagnostics = diagnostics;
     }
+    const bool opened = rd->header_known;
     rd->sff_file.clear();
-    if (!rd->get_header() && !rd->error.ok) {
+    if ((fresh || !opened) && !rd->get_header() && !rd->error.ok) {
         error = rd->error;
         rd.reset();
         return nullptr;
@@ -148,7 +155,7 @@ reader* read_fetcher::record(const read_location& at, sorvexa::status& error) {
         error = sorvexa::status::failure("no such read");
         return nullptr;
     }
-    reader* rd = open(static_cast<std::size_t>(at.file), error);
+    reader* rd = open(static_cast<std::size_t>(at.file), false, error);
     if (rd == nullptr) return nullptr;
     if (!rd->get_record(at.pos)) {
         error = sorvexa::status::failure("the record at " + std::to_string(at.pos) + " of " +

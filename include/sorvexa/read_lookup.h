@@ -90,7 +90,8 @@ class read_fetcher {
     reader* open(std::size_t k, sorvexa::status& error);
 
     // Reads the whole record at `at` into the file's reader (reader::get_record) and returns
-    // the reader; null when the file fails as for open or the record cannot be read.
+    // the reader; null when the file fails as for open or the record cannot be read. The
+    // header is read once, when the file is first opened.
     reader* record(const read_location& at, sorvexa::status& error);
 
     // Fetches every wanted record, file by file in the lookup's order and, within a file, in
@@ -122,6 +123,7 @@ class read_fetcher {
     }
 
   private:
+    reader* open(std::size_t k, bool fresh, sorvexa::status& error);
     void order_by_file(const std::vector<read_location>& wanted);
     const read_lookup& lookup_;
     std::vector<std::unique_ptr<reader>> readers_;
