@@ -50,22 +50,15 @@ struct site_fixture {
     site_fixture(const std::vector<ace_contig>& contigs,
                  const std::vector<sff_file_layout>& sffs = {})
         : site(ace, sff) {
-        EXPECT_TRUE(sff.index(write_sffs(dir, sffs)).ok);
-        EXPECT_TRUE(ace.read(write_ace(dir, contigs)).ok);
-        ace.count_found(sff);
-    }
-    static std::string write_ace(const temp_dir& d, const std::vector<ace_contig>& contigs) {
-        write_file(d / "a.ace", ace_file_text(contigs));
-        return d / "a.ace";
-    }
-    static std::vector<std::string> write_sffs(const temp_dir& d,
-                                               const std::vector<sff_file_layout>& sffs) {
         std::vector<std::string> paths;
         for (std::size_t i = 0; i < sffs.size(); ++i) {
-            paths.push_back(d / ("r" + std::to_string(i) + ".sff"));
+            paths.push_back(dir / ("r" + std::to_string(i) + ".sff"));
             write_file(paths.back(), build_sff(sffs[i]));
         }
-        return paths;
+        write_file(dir / "a.ace", ace_file_text(contigs));
+        EXPECT_TRUE(sff.index(paths).ok);
+        EXPECT_TRUE(ace.read(dir / "a.ace").ok);
+        ace.count_found(sff);
     }
     browse::response contig(const std::string& name, std::optional<std::string> from = {},
                             std::optional<std::string> width = {},
@@ -92,6 +85,14 @@ ace_contig window_contig() {
              {"r4", 190, part(190)},
              {"r5", 200, part(200)},
              {"r6", 301, part(301)}}};
+}
+
+// The reads of window_contig with their records, the key before each.
+sff_file_layout window_reads() {
+    sff_file_layout sff;
+    for (const fixture::ace_read& r : window_contig().reads)
+        sff.reads.push_back(make_read(r.name, "TCAG" + r.sequence, tacg_flows(400), {}, 3));
+    return sff;
 }
 
 bool contains(const std::string& s, const std::string& part) {
@@ -324,12 +325,10 @@ TEST(BrowsePages, AContigTheReadsDidNotWeighIsMarkedUnchecked) {
 // Each SFF file's values spread as its own model says: a run's page draws the model of the
 // files whose reads measured it, and no other.
 TEST(BrowsePages, RunPageShowsTheModelOfTheFileThatMeasuredTheRun) {
-    const ace_contig w = window_contig();
-    sff_file_layout first, second;
-    for (const fixture::ace_read& r : w.reads)
-        (r.name == "r6" ? second : first)
-            .reads.push_back(make_read(r.name, "TCAG" + r.sequence, tacg_flows(400), {}, 3));
-    site_fixture f({w}, {first, second});
+    sff_file_layout first = window_reads(), second;
+    second.reads.push_back(first.reads.back());  // r6
+    first.reads.pop_back();
+    site_fixture f({window_contig()}, {first, second});
     browse::evidence_store evidence(f.ace, f.sff);
     f.site.evidence = &evidence;
     const auto e = evidence.get(0);
@@ -558,14 +557,6 @@ TEST(BrowseRecords, ARecordCutShortShowsZerosNotThePreviousRead) {
     ASSERT_EQ(fetched.quality.size(), 20u);
     EXPECT_EQ(fetched.quality[0], 9);
     EXPECT_EQ(fetched.quality[19], 0);
-}
-
-// The reads of window_contig with their records, the key before each.
-sff_file_layout window_reads() {
-    sff_file_layout sff;
-    for (const fixture::ace_read& r : window_contig().reads)
-        sff.reads.push_back(make_read(r.name, "TCAG" + r.sequence, tacg_flows(400), {}, 3));
-    return sff;
 }
 
 // An SFF file rewritten after start-up (here with the same bytes, so that a fetch that did
