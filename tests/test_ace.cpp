@@ -19,7 +19,6 @@
 namespace {
 
 using fixture::temp_dir;
-using testing::ExitedWithCode;
 
 const std::string kSample =
     "AS 1 2\n\nCO ctg1 10 2 2 U\nACGT*ACG\nTA\n\nBQ\n20 20 20 20 20 20 20 20 20\n\n"

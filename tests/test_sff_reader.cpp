@@ -17,7 +17,6 @@
 namespace {
 
 using namespace fixture;
-using testing::ExitedWithCode;
 using namespace std::string_literals;
 
 // A read of `bases` bases, one per flow, with 400 flowgram values whose two bytes differ.

@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <sstream>
 #include <string>
-#include <tuple>
 #include <type_traits>
 #include <vector>
 
