@@ -122,18 +122,6 @@ TEST(BrowseServer, ServesEveryPageKindAndStopsOnSigterm) {
     EXPECT_TRUE(contains(s.server.out(), "stopped"));
 }
 
-// With --access-log every answer is a line on standard error; SIGINT stops it as SIGTERM does.
-TEST(BrowseServer, AccessLogOnRequestAndStopsOnSigint) {
-    temp_dir d;
-    server_process server(SORVEXA_BROWSE_BIN,
-                          {"--port", "0", "--access-log", kExample + "/example.ace"}, d.path);
-    ASSERT_GT(server.port, 0) << server.err();
-    httplib::Client c("127.0.0.1", server.port);
-    ASSERT_TRUE(c.Get("/read/nobody"));
-    EXPECT_EQ(server.stop(SIGINT), 0);
-    EXPECT_TRUE(contains(server.err(), "sorvexa-browse: GET /read/nobody 404 ")) << server.err();
-}
-
 TEST(BrowseServer, StartUpErrorsEndItBeforeServing) {
     temp_dir d;
     // A grammar error: the reader's message, status 1, no address printed.
@@ -158,12 +146,13 @@ TEST(BrowseServer, StartUpErrorsEndItBeforeServing) {
 }
 
 // --model: a table that cannot serve ends start-up with one line and status 1; a good one
-// is the model the evidence is weighed under.
-TEST(BrowseServer, ModelFromAFileOrOneLineWhyNot) {
+// is the model the evidence is weighed under. With --access-log every answer is a line on
+// standard error; SIGINT stops the server as SIGTERM does.
+TEST(BrowseServer, ModelFromAFileOrOneLineWhyNotAccessLogAndSigint) {
     temp_dir d;
     const std::vector<std::string> files = {kExample + "/example.ace", kExample + "/example_a.sff"};
     auto args = [&](const std::string& model) {
-        std::vector<std::string> a = {"--port", "0", "--model", model};
+        std::vector<std::string> a = {"--port", "0", "--access-log", "--model", model};
         a.insert(a.end(), files.begin(), files.end());
         return a;
     };
@@ -187,7 +176,9 @@ TEST(BrowseServer, ModelFromAFileOrOneLineWhyNot) {
     auto overview = c.Get("/");
     ASSERT_TRUE(overview);
     EXPECT_TRUE(contains(overview->body, "<dt>flow model</dt><dd>read from " + d / "good.tsv"));
-    EXPECT_EQ(good.stop(SIGTERM), 0);
+    ASSERT_TRUE(c.Get("/read/nobody"));
+    EXPECT_EQ(good.stop(SIGINT), 0);
+    EXPECT_TRUE(contains(good.err(), "sorvexa-browse: GET /read/nobody 404 ")) << good.err();
 }
 
 // The files two assemblers write before their one-line rewrites: the hint printed names the
