@@ -57,27 +57,30 @@ sorvexa::status flow_check::check_contig(const contig& c, const read_lookup& loo
         return wanted[a].read->start < wanted[b].read->start;
     });
     std::vector<read_location> sorted(order.size());
-    for (std::size_t i = 0; i < order.size(); ++i) sorted[i] = where[order[i]];
+    std::vector<const READ*> sorted_reads(order.size());
+    for (std::size_t i = 0; i < order.size(); ++i) {
+        sorted[i] = where[order[i]];
+        sorted_reads[i] = wanted[order[i]].read;
+    }
 
-    tied_read t;
+    // A fit's sample that is full needs no more reads.
+    const auto wants_more = [&] { return !keep_values || values.size() < value_limit; };
     std::size_t fetched = 0;
-    const sorvexa::status st = fetcher.fetch(sorted, true, [&](std::size_t i, reader& rd, bool read) {
-        // A fit's sample that is full needs no more reads.
-        if (keep_values && values.size() >= value_limit) return false;
-        ++fetched;
-        const wanted_read& w = wanted[order[i]];
-        const auto k = static_cast<std::size_t>(sorted[i].file);
-        if (read && tie_read(*w.read, rd.cur_read, lookup.flow_chars[k], t)) {
-            // The reads of more files than a number can tell apart share the last's model.
-            t.file = static_cast<std::uint16_t>(std::min<std::size_t>(k, UINT16_MAX));
+    const sorvexa::status st = tie_fetched(
+        lookup, fetcher, sorted, sorted_reads,
+        [&](std::size_t i, const tied_read& t) {
+            ++fetched;
+            const wanted_read& w = wanted[order[i]];
             add_read(c, *w.read, t, w.number);
             if (tied != nullptr) (*tied)[w.read->name] = t;
             ++reads.tied;
-        } else {
+            return wants_more();
+        },
+        [&](std::size_t) {
+            ++fetched;
             ++reads.untied;
-        }
-        return true;
-    });
+            return wants_more();
+        });
     // The reads of a file that could not be read again count as untied.
     if (!st) reads.untied += static_cast<std::int64_t>(sorted.size() - fetched);
     counts.tied += reads.tied;

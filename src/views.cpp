@@ -358,15 +358,15 @@ std::map<std::string, tied_read> tie_reads(const contig& c, const read_lookup& l
         at[static_cast<std::size_t>(where.file)].push_back(where);
         reads[static_cast<std::size_t>(where.file)].push_back(&r->second);
     }
-    tied_read t;
     for (std::size_t k = 0; k < at.size(); ++k) {
         if (at[k].empty()) continue;
-        fetcher.fetch(at[k], true, [&](std::size_t i, reader& rd, bool read) {
-            if (read && tie_read(*reads[k][i], rd.cur_read, lookup.flow_chars[k], t)) {
-                t.file = static_cast<std::uint16_t>(std::min<std::size_t>(k, UINT16_MAX));
+        tie_fetched(
+            lookup, fetcher, at[k], reads[k],
+            [&](std::size_t i, const tied_read& t) {
                 out[reads[k][i]->name] = t;
-            }
-        });
+                return true;
+            },
+            [](std::size_t) { return true; });
     }
     return out;
 }

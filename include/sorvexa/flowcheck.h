@@ -12,6 +12,7 @@
 // (the complement for a complemented read) between the flows of its two neighbouring bases.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -44,6 +45,23 @@ struct tied_read {
 // `flow_chars` is the file's flow order.
 bool tie_read(const READ& read, const sff_read& record, std::string_view flow_chars,
               tied_read& out);
+
+// Fetches the records at `where` (whole, through `fetcher`) and ties read `reads[i]` to the
+// record at `where[i]`: tied(i, t) for each read tied, untied(i) for each whose record could
+// not be read or does not hold it. Either returns false to stop the fetch there. A tied read
+// is marked with its file's number (the last number for files beyond 65,535).
+template <class Tied, class Untied>
+sorvexa::status tie_fetched(const read_lookup& lookup, read_fetcher& fetcher,
+                            const std::vector<read_location>& where,
+                            const std::vector<const READ*>& reads, Tied tied, Untied untied) {
+    tied_read t;
+    return fetcher.fetch(where, true, [&](std::size_t i, reader& rd, bool read) {
+        const auto k = static_cast<std::size_t>(where[i].file);
+        if (!read || !tie_read(*reads[i], rd.cur_read, lookup.flow_chars[k], t)) return untied(i);
+        t.file = static_cast<std::uint16_t>(std::min<std::size_t>(k, UINT16_MAX));
+        return tied(i, static_cast<const tied_read&>(t));
+    });
+}
 
 // The read's first flow of `letter` (its complement for a complemented read) strictly
 // between flows a and b, in either order: where a run the read has no base of was measured
