@@ -39,12 +39,7 @@ sorvexa::status read_lookup::index_files(const std::vector<std::string>& names) 
     headers.assign(n, {});
     flow_chars.assign(n, {});
     keys.assign(n, {});
-    node_memory.clear();
-    indexes.clear();
-    for (std::size_t k = 0; k < n; ++k) {
-        node_memory.push_back(std::make_unique<std::pmr::monotonic_buffer_resource>());
-        indexes.emplace_back(node_memory.back().get());
-    }
+    indexes.assign(n, {});
     // Each file is opened and its header read before any is walked, in the order given, so
     // that the first unusable file is the one reported.
     std::vector<std::unique_ptr<reader>> readers;

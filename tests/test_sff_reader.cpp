@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <optional>
+#include <set>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -245,6 +246,29 @@ TEST(SffReader, UnusableFilesGiveTheirMessage) {
     reader missing(dir / "none.sff");
     EXPECT_EQ(missing.error.message, "fail to open file " + (dir / "none.sff"));
     EXPECT_FALSE(missing.get_header());
+}
+
+// The name table behind the index: through its growth every name keeps its own offset, a
+// later insertion of a name overwrites it, and iteration gives each name once.
+TEST(NameTable, GrowsAndKeepsEveryName) {
+    name_table t;
+    EXPECT_TRUE(t.find("x") == t.end());
+    for (int k = 0; k < 5000; ++k) t["read" + std::to_string(k)] = k;
+    for (int k = 0; k < 5000; k += 2) t["read" + std::to_string(k)] = -k;
+    t[""] = 7;
+    t[std::string(70000, 'n')] = 8;  // held to the 16-bit length a record's name has
+    EXPECT_EQ(t.size(), 5002u);
+    for (int k = 0; k < 5000; ++k) {
+        const auto found = t.find("read" + std::to_string(k));
+        ASSERT_TRUE(found != t.end()) << k;
+        EXPECT_EQ(found->second, k % 2 == 0 ? -k : k);
+    }
+    EXPECT_EQ(t.find("")->second, 7);
+    EXPECT_EQ(t.find(std::string(65535, 'n'))->second, 8);
+    EXPECT_FALSE(t.contains("read5000") || t.contains("rea"));
+    std::set<std::string> seen;
+    for (const auto& [name, pos] : t) seen.insert(std::string(name));
+    EXPECT_EQ(seen.size(), 5002u);
 }
 
 // The index over several files: the first file that holds a name serves it, within a file

@@ -6,13 +6,12 @@
 
 #include <cstdint>
 #include <memory>
-#include <memory_resource>
 #include <string>
 #include <string_view>
 #include <type_traits>
-#include <unordered_map>
 #include <vector>
 
+#include <sorvexa/name_table.h>
 #include <sorvexa/sff.h>
 #include <sorvexa/status.h>
 
@@ -34,17 +33,15 @@ struct read_location {
 
 class read_lookup {
   public:
-    using name_map = std::pmr::unordered_map<std::string, std::int64_t>;
+    using name_map = name_table;
 
     std::vector<std::string> sff_names;
     std::vector<file_stamp> stamps;      // each file as it was indexed
     std::vector<sff_header_p1> headers;  // each file's fixed header, in host byte order
     std::vector<std::string> flow_chars; // each file's flow order
     std::vector<std::string> keys;       // each file's key sequence
-    // Runs only look names up, so a hash map serves in place of the ordered read_index; the
-    // contents are the same. The nodes come from one growing buffer per file, packed in file
-    // order, with no allocation of their own.
-    std::vector<std::unique_ptr<std::pmr::monotonic_buffer_resource>> node_memory;
+    // Runs only look names up, so a compact hash table serves in place of the ordered
+    // read_index; the contents are the same.
     std::vector<name_map> indexes;
 
     // Options, set before index_files.
