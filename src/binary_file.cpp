@@ -130,6 +130,15 @@ bool binary_file::open(const std::string& path) {
     return true;
 }
 
+void binary_file::release() {
+    stop_read_ahead();
+    if (buf_.size() > small_chunk) {
+        std::vector<unsigned char>().swap(buf_);
+        buf_len_ = 0;
+        chunk_ = small_chunk;
+    }
+}
+
 void binary_file::close() {
     stop_read_ahead();
     if (fd_ >= 0) ::close(fd_);

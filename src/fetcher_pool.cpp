@@ -18,6 +18,8 @@ void fetcher_pool::with(const std::function<void(read_fetcher&)>& f) {
         fetcher_pool& pool;
         std::unique_ptr<read_fetcher>& fetcher;
         ~give_back() {
+            // An idle fetcher holds open files, not the buffers of its last long read.
+            fetcher->release();
             std::lock_guard lock(pool.mutex_);
             pool.idle_.push_back(std::move(fetcher));
         }

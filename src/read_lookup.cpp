@@ -161,6 +161,11 @@ reader* read_fetcher::record(const read_location& at, sorvexa::status& error) {
     return rd;
 }
 
+void read_fetcher::release() {
+    for (auto& rd : readers_)
+        if (rd) rd->sff_file.release();
+}
+
 void read_fetcher::order_by_file(const std::vector<read_location>& wanted) {
     for (auto& list : by_file_) list.clear();
     for (std::size_t i = 0; i < wanted.size(); ++i) {

@@ -86,6 +86,10 @@ class read_fetcher {
     // Null, with `error` set, when the file cannot be opened, is no SFF file or has changed.
     reader* open(std::size_t k, sorvexa::status& error);
 
+    // Frees what its readers gathered for long sequential reads (read-ahead threads and
+    // large buffers), keeping the files open: for a fetcher that waits between requests.
+    void release();
+
     // Reads the whole record at `at` into the file's reader (reader::get_record) and returns
     // the reader; null when the file fails as for open or the record cannot be read. The
     // header is read once, when the file is first opened.

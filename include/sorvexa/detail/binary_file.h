@@ -27,6 +27,10 @@ class binary_file {
 
     bool open(const std::string& path);
     void close();
+    // Gives back what a long sequential read gathered (the helper thread, its block, a buffer
+    // grown past the smallest refill) for a file kept open while idle; the position, the
+    // states and the bytes read stay as they were.
+    void release();
     bool is_open() const { return fd_ >= 0; }
 
     // Reads `n` bytes, storing the first `cap` of them at `dst` and dropping the rest.
