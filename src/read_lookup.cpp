@@ -40,6 +40,7 @@ sorvexa::status read_lookup::index_files(const std::vector<std::string>& names) 
     flow_chars.assign(n, {});
     keys.assign(n, {});
     indexes.assign(n, {});
+    distinct_ = 0;
     // Each file is opened and its header read before any is walked, in the order given, so
     // that the first unusable file is the one reported.
     std::vector<std::unique_ptr<reader>> readers;
@@ -72,6 +73,7 @@ sorvexa::status read_lookup::index_files(const std::vector<std::string>& names) 
             walks.emplace_back([this, &readers, k] { readers[k]->build_read_index(indexes[k]); });
         for (std::thread& t : walks) t.join();
     }
+    count_distinct();
     return {};
 }
 
@@ -91,16 +93,16 @@ read_location read_lookup::locate(const std::string& name) const {
     return at;
 }
 
-std::size_t read_lookup::size() const {
-    std::size_t total = 0;
+// Counted once, when the files are indexed: a name in an earlier file is not counted again.
+void read_lookup::count_distinct() {
+    distinct_ = 0;
     for (std::size_t k = 0; k < indexes.size(); ++k) {
         for (const auto& entry : indexes[k]) {
             bool earlier = false;
             for (std::size_t j = 0; j < k && !earlier; ++j) earlier = indexes[j].contains(entry.first);
-            if (!earlier) ++total;
+            if (!earlier) ++distinct_;
         }
     }
-    return total;
 }
 
 bool read_lookup::unchanged(std::size_t k) const {

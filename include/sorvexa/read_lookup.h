@@ -62,9 +62,13 @@ class read_lookup {
     int find(const std::string& name, std::int64_t& pos) const;
     read_location locate(const std::string& name) const;
     // Distinct names over every file (a name in two files counted once).
-    std::size_t size() const;
+    std::size_t size() const { return distinct_; }
     // Whether file k is still the file that was indexed.
     bool unchanged(std::size_t k) const;
+
+  private:
+    void count_distinct();
+    std::size_t distinct_ = 0;
 };
 
 // Fetches records for a lookup, keeping one reader open per file across calls. Not for use
