@@ -10,6 +10,7 @@
 #include <vector>
 
 #include <sorvexa/contig.h>
+#include <sorvexa/flow_walk.h>
 #include "contig_builder.h"
 
 namespace {
@@ -227,3 +228,25 @@ TEST(FlowAlignment, NothingToAlignWithoutReadsOrConsensus) {
 }
 
 }  // namespace
+
+// Flows found again from bases and values: a letter skips flows whose value calls no base
+// (0.50 calls none), a run is split where a flow of its letter calls again with nothing
+// called between, and the walk ends at what it cannot place.
+TEST(FlowWalk, FromTheFirstFlowOnTheValues) {
+    const std::string order = "TACGTACGTACG";
+    //                                      T    A   C   G   T    A   C   G   T   A   C    G
+    const std::vector<std::uint16_t> values{102, 50, 98, 3, 205, 0, 0, 0, 97, 8, 4, 110};
+    std::vector<std::int32_t> flows;
+    EXPECT_TRUE(walk_flows("tCTTTg", order, values, 0, flows));
+    EXPECT_EQ(flows, (std::vector<std::int32_t>{0, 2, 4, 4, 8, 11}));
+    EXPECT_TRUE(walk_flows("TTCT", order, values, 4, flows) == false);
+    EXPECT_EQ(flows, (std::vector<std::int32_t>{4, 4, -1, -1}));
+    EXPECT_TRUE(walk_flows("CTT", order, values, 2, flows));
+    EXPECT_EQ(flows, (std::vector<std::int32_t>{2, 4, 4}));
+    EXPECT_FALSE(walk_flows("CNT", order, values, 2, flows));
+    EXPECT_EQ(flows, (std::vector<std::int32_t>{2, -1, -1}));
+    EXPECT_FALSE(walk_flows("A", order, values, 0, flows));   // flow 0 offers T
+    EXPECT_FALSE(walk_flows("T", order, values, 12, flows));  // past the flowgram
+    EXPECT_FALSE(walk_flows("T", order, values, -1, flows));
+    EXPECT_TRUE(walk_flows("", order, values, 99, flows) && flows.empty());
+}

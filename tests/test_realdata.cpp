@@ -10,6 +10,7 @@
 #include <vector>
 
 #include <sorvexa/ace.h>
+#include <sorvexa/flow_walk.h>
 #include "run_tool.h"
 #include <sorvexa/sff.h>
 
@@ -56,6 +57,17 @@ TEST(RealData, SffReadsFetchedThroughTheIndex) {
             EXPECT_TRUE(std::is_sorted(s.flow_indexes.begin(), s.flow_indexes.end())) << name;
             EXPECT_GE(s.flow_indexes.front(), 0) << name;
             EXPECT_LT(s.flow_indexes.back(), r.header_p1.number_of_flows_per_read) << name;
+            // A read that travels without its record finds its flows again from the bases,
+            // the flowgram and the flow of its first base; an N ends that walk.
+            std::vector<std::int32_t> walked;
+            const std::string_view order(r.header_p2.flow_chars.data(),
+                                         r.header_p2.flow_chars.size());
+            const bool walks = walk_flows(bases, order, r.cur_read.flowgram_values,
+                                          s.flow_indexes.front(), walked);
+            EXPECT_EQ(walks, bases.find('N') == bases.npos) << name;
+            const std::size_t sure = std::min(bases.find('N'), bases.size());
+            for (std::size_t i = 0; i < sure; ++i)
+                ASSERT_EQ(walked[i], s.flow_indexes[i]) << name << " base " << i;
         }
     }
     EXPECT_GT(well_formed, 0);

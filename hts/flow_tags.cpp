@@ -1,0 +1,71 @@
+#include <sorvexa/flow_tags.h>
+
+#include <cctype>
+#include <cstring>
+#include <limits>
+
+namespace {
+
+// The value of field `tag` of the header line `line` (tab-separated TAG:value fields).
+std::string field(const std::string& line, const char tag[2]) {
+    std::size_t at = 0;
+    while ((at = line.find('\t', at)) != std::string::npos) {
+        ++at;
+        if (line.compare(at, 2, tag, 2) == 0 && at + 2 < line.size() && line[at + 2] == ':') {
+            const std::size_t end = line.find('\t', at + 3);
+            return line.substr(at + 3, end == std::string::npos ? std::string::npos : end - at - 3);
+        }
+    }
+    return {};
+}
+
+}  // namespace
+
+std::vector<read_group_flows> read_groups(const sam_hdr_t* header) {
+    std::vector<read_group_flows> out;
+    // htslib's header API wants a non-const header for its lookups (it may parse lazily).
+    auto* h = const_cast<sam_hdr_t*>(header);
+    const int n = sam_hdr_count_lines(h, "RG");
+    kstring_t line = KS_INITIALIZE;
+    for (int i = 0; i < n; ++i) {
+        if (sam_hdr_find_line_pos(h, "RG", i, &line) != 0) continue;
+        const std::string text(line.s ? line.s : "", line.l);
+        read_group_flows g;
+        g.id = field(text, "ID");
+        g.flow_chars = field(text, "FO");
+        for (char& c : g.flow_chars)
+            c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+        g.key = field(text, "KS");
+        out.push_back(std::move(g));
+    }
+    ks_free(&line);
+    return out;
+}
+
+bool record_flowgram(const bam1_t* record, std::vector<std::uint16_t>& out) {
+    out.clear();
+    const std::uint8_t* fz = bam_aux_get(record, "FZ");
+    if (fz == nullptr || fz[0] != 'B' || fz[1] != 'S') return false;
+    const std::uint32_t n = bam_auxB_len(fz);
+    out.resize(n);
+    for (std::uint32_t i = 0; i < n; ++i) out[i] = static_cast<std::uint16_t>(bam_auxB2i(fz, i));
+    return true;
+}
+
+std::int32_t record_first_flow(const bam1_t* record) {
+    const std::uint8_t* zf = bam_aux_get(record, "ZF");
+    if (zf == nullptr) return -1;
+    const char type = static_cast<char>(zf[0]);
+    if (std::strchr("cCsSiI", type) == nullptr) return -1;
+    const std::int64_t v = bam_aux2i(zf);
+    return v < 0 || v > std::numeric_limits<std::int32_t>::max() ? -1
+                                                                 : static_cast<std::int32_t>(v);
+}
+
+bool set_record_flows(bam1_t* record, std::span<const std::uint16_t> flowgram,
+                      std::int32_t first_flow) {
+    if (bam_aux_update_array(record, "FZ", 'S', static_cast<std::uint32_t>(flowgram.size()),
+                             const_cast<std::uint16_t*>(flowgram.data())) != 0)
+        return false;
+    return bam_aux_update_int(record, "ZF", first_flow) == 0;
+}
