@@ -16,15 +16,22 @@ command -v g++ >/dev/null 2>&1 || missing+=(g++)
 [ -f /usr/include/microhttpd.h ] || missing+=(libmicrohttpd-dev)
 [ -f /usr/include/httplib.h ] || missing+=(libcpp-httplib-dev)
 command -v pkg-config >/dev/null 2>&1 || missing+=(pkgconf)
+# Alignments: htslib for the library's SAM/BAM/CRAM side, and the field's tools that the
+# tests run alignments through.
+[ -f /usr/include/htslib/sam.h ] || missing+=(libhts-dev)
+command -v samtools >/dev/null 2>&1 || missing+=(samtools)
+command -v minimap2 >/dev/null 2>&1 || missing+=(minimap2)
+command -v bwa >/dev/null 2>&1 || missing+=(bwa)
 # The Python module and its tests, for Debian's interpreter.
 python=/usr/bin/python3
 [ -f /usr/include/pybind11/pybind11.h ] || missing+=(pybind11-dev)
 [ -x $python ] && $python -c "import numpy" 2>/dev/null || missing+=(python3-numpy)
 [ -x $python ] && $python -c "import pytest" 2>/dev/null || missing+=(python3-pytest)
 [ -x $python ] && $python -c "import Bio" 2>/dev/null || missing+=(python3-biopython)
+[ -x $python ] && $python -c "import pysam" 2>/dev/null || missing+=(python3-pysam)
 [ -x $python ] && [ -n "$($python -c "import sysconfig, glob; print(*glob.glob(sysconfig.get_paths()['include'] + '/Python.h'))" 2>/dev/null)" ] ||
     missing+=(python3-dev)
-packages="cmake ninja-build g++ libgtest-dev libmicrohttpd-dev libcpp-httplib-dev pkgconf python3-dev pybind11-dev python3-numpy python3-pytest python3-biopython"
+packages="cmake ninja-build g++ libgtest-dev libmicrohttpd-dev libcpp-httplib-dev pkgconf libhts-dev samtools minimap2 bwa python3-pysam python3-dev pybind11-dev python3-numpy python3-pytest python3-biopython"
 if [ ${#missing[@]} -gt 0 ]; then
     if [ "$(id -u)" -eq 0 ] && command -v apt-get >/dev/null 2>&1; then
         apt-get update
