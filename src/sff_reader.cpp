@@ -1,11 +1,10 @@
 // Reading an SFF file: the reader's file, its header, and the record operations that the
 // decoder (sff_decode.cpp) serves.
-#include <sorvexa/sff.h>
-
 #include <algorithm>
 #include <string>
 
 #include "byte_order.h"
+#include <sorvexa/sff.h>
 
 namespace {
 
@@ -16,8 +15,7 @@ void report(const sorvexa::diagnostic_sink& sink, sorvexa::stream where, const s
 }  // namespace
 
 reader::reader(const std::string& name) : file_name(name) {
-    if (!sff_file.open(file_name))
-        error = sorvexa::status::failure("fail to open file " + file_name);
+    if (!sff_file.open(file_name)) error = sorvexa::status::failure("fail to open file " + file_name);
 }
 
 bool reader::check_magic_number() {
@@ -84,10 +82,6 @@ bool reader::get_next_read(read_index& index) {
 
 bool reader::get_next_read() {
     std::int64_t pos = 0;
-    return decode_record(sequential_read, pos, nullptr);
-}
-
-bool reader::get_next_read(std::int64_t& pos) {
     return decode_record(sequential_read, pos, nullptr);
 }
 

@@ -182,8 +182,6 @@ class reader {
     // bytes after its fixed part, and what lies past the end of the file reads as zero.
     bool get_next_read(read_index& index);
     bool get_next_read();
-    // The same, with where the record starts.
-    bool get_next_read(std::int64_t& pos);
 
     // Reads the record at `pos` into cur_read and fills `out` from it. Only what a read's
     // output needs is read: the fixed part, the name, the whole flowgram, and the per-base

@@ -12,8 +12,6 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "glue.h"
@@ -59,9 +57,10 @@ class record_walk {
                 done_ = !rd_->get_header();
                 failed = rd_->error;
             }
-            std::int64_t pos = 0;
-            if (!done_ && rd_->get_next_read(pos))
-                out.reset(new sff_record(file_, pos, rd_->cur_read));
+            // The walk tells where a record lay only through an index it fills.
+            where_.clear();
+            if (!done_ && rd_->get_next_read(where_))
+                out.reset(new sff_record(file_, where_.begin()->second, rd_->cur_read));
             done_ = !out;
             return failed;
         });
@@ -74,6 +73,7 @@ class record_walk {
     std::mutex mutex_;
     diagnostics said_;  // before the reader that writes to it
     std::unique_ptr<reader> rd_;
+    read_index where_;
     bool done_ = false;
 };
 
@@ -121,7 +121,6 @@ class sff_file {
                 return rd.error.ok ? sorvexa::status::failure(said_.lines) : rd.error;
             const auto& [flows, key] = rd.header_p2;
             // Numbers are swapped on this little-endian host when the file is big-endian.
-            file_size_ = rd.file_size();
             *info = {p, std::string(flows.begin(), flows.end()),
                      std::string(key.begin(), key.end()), rd.header_p1, rd.swap_bytes};
             return sorvexa::status{};
@@ -169,17 +168,78 @@ class sff_file {
 
     // The values of an SffBatch (sorvexa/__init__.py), in the order it takes them.
     py::tuple fetch(const py::iterable& names) {
-        std::vector<py::object> asked;  // held: an iterator may make each name afresh
-        for (py::handle name : names) asked.push_back(py::reinterpret_borrow<py::object>(name));
-        check_open();
-        // Without an index, one walk over the file finds and copies the records asked for;
-        // a file it cannot settle (a name twice, a name missing, a damaged record) goes the
-        // indexed way, which says what is wrong.
-        if (!index_ready_.load(std::memory_order_acquire)) {
-            batch_arrays walked;
-            if (fetch_by_walk(asked, walked)) return walked.values();
+        const std::shared_ptr<name_index> i = index();
+        using row = std::pair<std::int64_t, py::object>;  // a record's offset and its name
+        std::vector<row> asked, rows;
+        for (py::handle name : names)  // held: an iterator may make each name afresh
+            asked.emplace_back(i->at(name), py::reinterpret_borrow<py::object>(name));
+        // A row a record, in file order: the file is read once, its reader never stepping
+        // back, and every value goes straight to where it stays.
+        const auto before = [](const row& x, const row& y) { return x.first < y.first; };
+        rows = asked;
+        std::sort(rows.begin(), rows.end(), before);
+        rows.erase(std::unique(rows.begin(), rows.end(),
+                               [](const row& x, const row& y) { return x.first == y.first; }),
+                   rows.end());
+        const std::size_t n = rows.size(), width = file->fixed.number_of_flows_per_read;
+        const auto length = static_cast<py::ssize_t>(n);
+        py::list row_names;
+        py::array_t<std::int64_t> row_of(static_cast<py::ssize_t>(asked.size())), positions(length),
+            offsets(length + 1);
+        for (std::size_t k = 0; k < asked.size(); ++k)
+            row_of.mutable_data()[k] =
+                std::lower_bound(rows.begin(), rows.end(), asked[k], before) - rows.begin();
+        // Room for every per-base value, so that each goes straight where it stays: a whole
+        // record has fewer than its stretch of the file has bytes after its fixed part and
+        // flowgram, the last one no more than the file has after its fixed part.
+        std::vector<read_location> wanted;
+        std::int64_t room = 0;
+        for (std::size_t j = 0; j < n; ++j) {
+            row_names.append(rows[j].second);
+            positions.mutable_data()[j] = rows[j].first;
+            wanted.push_back({0, rows[j].first});
+            room += std::max<std::int64_t>(
+                j + 1 < n ? (rows[j + 1].first - rows[j].first - 16 - 2 * py::ssize_t(width)) / 3
+                          : i->lookup.stamps[0].size - rows[j].first - 16,
+                0);
         }
-        return fetch_indexed(asked);
+        const auto capacity = static_cast<std::size_t>(room);
+        py::array_t<std::uint8_t> bases(room), qualities(room), flow_index(room);
+        py::array_t<std::uint16_t> flowgrams({length, py::ssize_t(width)}),
+            clips({length, py::ssize_t{4}});
+        std::uint16_t *grams = flowgrams.mutable_data(), *clip = clips.mutable_data();
+        std::uint8_t *b = bases.mutable_data(), *q = qualities.mutable_data(),
+                     *f = flow_index.mutable_data();
+        std::int64_t* o = offsets.mutable_data();
+        o[0] = 0;
+        bool changed = false;  // a record held more than its room: not the file indexed
+        call(&fetch_mutex_, said_, [&] {
+            if (!fetcher_) return sorvexa::status{};
+            return fetcher_->fetch(wanted, true, [&](std::size_t j, reader& rd, bool) {
+                const sff_read& r = rd.cur_read;
+                const auto at = static_cast<std::size_t>(o[j]);
+                const std::size_t flows = std::min(width, r.flowgram_values.size()),
+                                  held = std::min(r.bases_held(), capacity - at);
+                changed = changed || held < r.bases_held();
+                std::fill(std::copy_n(r.flowgram_values.data(), flows, grams + j * width),
+                          grams + (j + 1) * width, std::uint16_t{0});
+                std::uint16_t* c = clip + 4 * j;
+                c[0] = r.clip_qual_left, c[1] = r.clip_qual_right;
+                c[2] = r.clip_adapter_left, c[3] = r.clip_adapter_right;
+                std::copy_n(r.bases.data(), held, b + at);
+                std::copy_n(r.quality_scores.data(), held, q + at);
+                std::copy_n(r.flow_index_per_base.data(), held, f + at);
+                o[j + 1] = static_cast<std::int64_t>(at + held);
+            });
+        });
+        check_open();
+        if (changed)
+            report(sorvexa::status::failure("the file " + file->path +
+                                            " changed after it was indexed"));
+        const py::slice filled(0, o[n], 1);  // the rest of the room was never touched
+        return py::make_tuple(row_names, row_of, flowgrams, offsets,
+                              bases[filled].attr("view")("S1"), qualities[filled],
+                              flow_index[filled], clips, positions);
     }
 
     void close() {
@@ -193,159 +253,6 @@ class sff_file {
     }
 
   private:
-    // A batch's arrays: a row a record, in file order, its per-base values end to end in
-    // arrays sized by what the file can hold (pages never written cost no memory).
-    struct batch_arrays {
-        py::list row_names;
-        py::array_t<std::int64_t> row_of, positions, offsets;
-        py::array_t<std::uint16_t> flowgrams, clips;
-        py::array_t<std::uint8_t> bases, qualities, flow_index;
-        std::size_t width = 0, capacity = 0, rows = 0;
-
-        void allocate(std::size_t asked, std::size_t n, std::size_t flows, std::int64_t room) {
-            const auto length = static_cast<py::ssize_t>(n);
-            width = flows;
-            capacity = static_cast<std::size_t>(std::max<std::int64_t>(room, 0));
-            row_of = py::array_t<std::int64_t>(static_cast<py::ssize_t>(asked));
-            positions = py::array_t<std::int64_t>(length);
-            offsets = py::array_t<std::int64_t>(length + 1);
-            bases = py::array_t<std::uint8_t>(static_cast<py::ssize_t>(capacity));
-            qualities = py::array_t<std::uint8_t>(static_cast<py::ssize_t>(capacity));
-            flow_index = py::array_t<std::uint8_t>(static_cast<py::ssize_t>(capacity));
-            flowgrams = py::array_t<std::uint16_t>({length, py::ssize_t(width)});
-            clips = py::array_t<std::uint16_t>({length, py::ssize_t{4}});
-            offsets.mutable_data()[0] = 0;
-        }
-        // Row j from the record just read; false when its bases do not fit.
-        bool put(std::size_t j, std::int64_t pos, const sff_read& r) {
-            std::int64_t* o = offsets.mutable_data();
-            const auto at = static_cast<std::size_t>(o[j]);
-            const std::size_t flows = std::min(width, r.flowgram_values.size()),
-                              held = std::min(r.bases_held(), capacity - at);
-            std::uint16_t* gram = flowgrams.mutable_data() + j * width;
-            std::fill(std::copy_n(r.flowgram_values.data(), flows, gram), gram + width,
-                      std::uint16_t{0});
-            std::uint16_t* c = clips.mutable_data() + 4 * j;
-            c[0] = r.clip_qual_left, c[1] = r.clip_qual_right;
-            c[2] = r.clip_adapter_left, c[3] = r.clip_adapter_right;
-            std::copy_n(r.bases.data(), held, bases.mutable_data() + at);
-            std::copy_n(r.quality_scores.data(), held, qualities.mutable_data() + at);
-            std::copy_n(r.flow_index_per_base.data(), held, flow_index.mutable_data() + at);
-            positions.mutable_data()[j] = pos;
-            o[j + 1] = static_cast<std::int64_t>(at + held);
-            rows = j + 1;
-            return held == r.bases_held();
-        }
-        py::tuple values() const {
-            const py::slice filled(0, offsets.data()[rows], 1);  // the rest was never touched
-            return py::make_tuple(row_names, row_of, flowgrams, offsets,
-                                  bases[filled].attr("view")("S1"), qualities[filled],
-                                  flow_index[filled], clips, positions);
-        }
-    };
-
-    bool fetch_by_walk(const std::vector<py::object>& asked, batch_arrays& out) {
-        // A row per distinct name, numbered in the order the walk meets them.
-        struct wanted {
-            std::int64_t row = -1;
-            py::handle name;  // the first of the asked objects that spell it
-        };
-        std::vector<std::string> spelled;
-        spelled.reserve(asked.size());
-        for (const py::object& name : asked) {
-            if (!PyUnicode_Check(name.ptr())) return false;
-            spelled.push_back(bytes_of(name));
-        }
-        std::unordered_map<std::string_view, wanted> rows;
-        rows.reserve(asked.size());
-        for (std::size_t k = 0; k < asked.size(); ++k)
-            rows.try_emplace(spelled[k], wanted{-1, asked[k]});
-        const std::size_t n = rows.size();
-        // No record has more bases than a third of the bytes after the header.
-        out.allocate(asked.size(), n, file->fixed.number_of_flows_per_read,
-                     (file_size_ - file->fixed.header_length) / 3 + 1);
-        bool settled = false;
-        diagnostics said;
-        call(nullptr, said, [&] {  // a reader of its own: the fetcher stays free
-            reader rd(file->path);
-            rd.skip_index_block = true;
-            rd.diagnostics = said.sink();
-            if (!rd.get_header()) return sorvexa::status{};
-            std::int64_t pos = 0;
-            std::size_t found = 0;
-            while (rd.get_next_read(pos)) {
-                // Names count up to their first NUL byte, as in the read index.
-                const std::vector<char>& raw = rd.cur_read.name;
-                const auto end = std::find(raw.begin(), raw.end(), '\0');
-                const auto it = rows.find(
-                    std::string_view(raw.data(), static_cast<std::size_t>(end - raw.begin())));
-                if (it == rows.end()) continue;
-                if (it->second.row >= 0) return sorvexa::status{};  // the later record wins
-                it->second.row = static_cast<std::int64_t>(found);
-                if (!out.put(found++, pos, rd.cur_read)) return sorvexa::status{};
-            }
-            settled = rd.error.ok && rd.reads_done >= rd.header_p1.number_of_reads && found == n &&
-                      said.lines.empty();
-            return sorvexa::status{};
-        });
-        if (!settled) return false;
-        std::vector<py::handle> by_row(n);
-        for (const auto& [spelling, w] : rows) by_row[static_cast<std::size_t>(w.row)] = w.name;
-        for (py::handle name : by_row) out.row_names.append(name);
-        std::int64_t* row_of = out.row_of.mutable_data();
-        for (std::size_t k = 0; k < asked.size(); ++k)
-            row_of[k] = rows.find(spelled[k])->second.row;
-        return true;
-    }
-
-    py::tuple fetch_indexed(const std::vector<py::object>& names) {
-        const std::shared_ptr<name_index> i = index();
-        using row = std::pair<std::int64_t, py::handle>;  // a record's offset and its name
-        std::vector<row> asked, rows;
-        for (const py::object& name : names) asked.emplace_back(i->at(name), name);
-        // A row a record, in file order: the file is read once, its reader never stepping
-        // back, and every value goes straight to where it stays.
-        const auto before = [](const row& x, const row& y) { return x.first < y.first; };
-        rows = asked;
-        std::sort(rows.begin(), rows.end(), before);
-        rows.erase(std::unique(rows.begin(), rows.end(),
-                               [](const row& x, const row& y) { return x.first == y.first; }),
-                   rows.end());
-        const std::size_t n = rows.size();
-        // Room for every per-base value: a whole record has fewer than its stretch of the
-        // file has bytes after its fixed part and flowgram, the last one no more than the
-        // file has after its fixed part.
-        const auto width = static_cast<std::int64_t>(file->fixed.number_of_flows_per_read);
-        std::vector<read_location> wanted;
-        std::int64_t room = 0;
-        for (std::size_t j = 0; j < n; ++j) {
-            wanted.push_back({0, rows[j].first});
-            room += std::max<std::int64_t>(
-                j + 1 < n ? (rows[j + 1].first - rows[j].first - 16 - 2 * width) / 3
-                          : i->lookup.stamps[0].size - rows[j].first - 16,
-                0);
-        }
-        batch_arrays out;
-        out.allocate(asked.size(), n, static_cast<std::size_t>(width), room);
-        for (const row& r : rows) out.row_names.append(r.second);
-        std::int64_t* row_of = out.row_of.mutable_data();
-        for (std::size_t k = 0; k < asked.size(); ++k)
-            row_of[k] = std::lower_bound(rows.begin(), rows.end(), asked[k], before) - rows.begin();
-        bool changed = false;  // a record held more than its room: not the file indexed
-        call(&fetch_mutex_, said_, [&] {
-            if (!fetcher_) return sorvexa::status{};
-            return fetcher_->fetch(wanted, true, [&](std::size_t j, reader& rd, bool) {
-                changed = !out.put(j, wanted[j].pos, rd.cur_read) || changed;
-            });
-        });
-        check_open();
-        if (changed)
-            report(sorvexa::status::failure("the file " + file->path +
-                                            " changed after it was indexed"));
-        return out.values();
-    }
-
-    std::int64_t file_size_ = 0;
     read_lookup one_file_;  // names the file for the fetcher; record_at needs no index
     std::mutex fetch_mutex_;
     diagnostics said_;  // before the fetcher that writes to it

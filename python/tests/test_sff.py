@@ -320,38 +320,6 @@ def test_batch_equals_records_fetched_one_by_one(path):
     assert [rows[k] for k in batch.rows] == one_by_one
 
 
-def batch_values(batch):
-    return [batch.names, batch.rows.tolist(), batch.flowgrams.tolist(), batch.offsets.tolist(),
-            batch.bases.tobytes(), batch.qualities.tolist(), batch.flow_index_per_base.tolist(),
-            batch.clips.tolist(), batch.record_offsets.tolist()]
-
-
-@pytest.mark.parametrize("case", ["samples", "twice", "cut"])
-def test_a_batch_before_the_index_is_the_batch_after_it(tmp_path, case):
-    """Without an index a batch is one walk over the file; a name written twice (the later
-    record wins) and a record cut short are settled as the indexed batch settles them."""
-    if case == "samples":
-        if not SFF_FILES:
-            pytest.skip("no sample SFF files")
-        paths = SFF_FILES
-    elif case == "twice":
-        recs = varied_records(6, 8)
-        recs[4]["name"] = recs[1]["name"]
-        paths = [tmp_path / "twice.sff"]
-        write_sff(paths[0], recs, "TACGTACG", "TCAG", little_endian=True)
-    else:
-        paths = [cut_file(tmp_path)[0]]
-    for path in paths:
-        with warnings.catch_warnings():
-            warnings.simplefilter("ignore", sorvexa.FormatWarning)
-            names = sorted(sorvexa.SffFile(path).index())
-            random.Random(3).shuffle(names)
-            walked = sorvexa.SffFile(path).fetch(names + names[:2])
-            f = sorvexa.SffFile(path)
-            f.index()
-            assert batch_values(walked) == batch_values(f.fetch(names + names[:2])), path
-
-
 def cut_file(tmp_path):
     """r1 declares 40 bases, but its file ends 30 bytes after its fixed part: inside its
     flow indexes, past its 8 flow values."""
