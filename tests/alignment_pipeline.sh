@@ -5,17 +5,15 @@
 # least 99% of the aligned reads are tied; a base taken out of a homopolymer of the reference
 # is called back, and the polished sequence is the reference as it was. Inputs that cannot
 # serve stop the run with one line and no output file.
-#   bash tests/alignment_pipeline.sh FLOWCHECK_BINARY      (77: a tool it needs is missing)
+#   bash tests/alignment_pipeline.sh FLOWCHECK_BINARY SFF_FASTQ_BINARY   (77: no minimap2 or samtools)
 set -uo pipefail
 flowcheck=$(realpath "$1")
+sff_fastq=$(realpath "$2")
 root=$(cd "$(dirname "$0")/.." && pwd)
 data=$root/tests/data
-# The aligners' Python bindings are the system's; a Python of its own on PATH may lack them.
-python=/usr/bin/python3
-for tool in minimap2 samtools "$python"; do
+for tool in minimap2 samtools python3; do
     command -v "$tool" >/dev/null || { echo "SKIP: $tool missing"; exit 77; }
 done
-"$python" -c 'import Bio' 2>/dev/null || { echo "SKIP: Biopython missing"; exit 77; }
 tmp=$(mktemp -d /tmp/sorvexa-aln-pipeline.XXXXXX)
 trap 'rm -rf "$tmp"' EXIT
 cd "$tmp" || exit 1
@@ -42,9 +40,8 @@ tied_enough() {
     [ -n "$tied" ] && [ "$aligned" -gt 0 ] && [ $((tied * 100)) -ge $((aligned * 99)) ]
 }
 
-"$python" "$root/tests/sff_tagged_fastq.py" --group run1 --rg-line rg.txt "$data/sim454.sff" >flows.fq
-"$python" "$root/tests/sff_tagged_fastq.py" --group run1 --rg-line rg.txt --no-flows \
-    "$data/sim454.sff" >bare.fq
+"$sff_fastq" run1 rg.txt "$data/sim454.sff" >flows.fq
+"$sff_fastq" --no-flows run1 rg.txt "$data/sim454.sff" >bare.fq
 sed '/^QA /{n;/^$/{N;s/^\nDS /DS /}}' "$data/mira4.ace" >mira.ace
 sed -E 's/^(AF|RD) ([^ ]+)\.[fr] /\1 \2 /' "$data/gap5.ace" >gap5.ace
 for set in mira gap5; do
@@ -63,7 +60,7 @@ align bare gap5.ref.fa bare.fq
 check "tied by name through the SFF file" tied_enough bare
 
 # A base taken out of the first run of three or more past base 400 of the gap5 consensus.
-"$python" - <<'EOF'
+python3 - <<'EOF'
 import re
 seq = "".join(l.strip() for l in open("gap5.ref.fa") if not l.startswith(">"))
 m = next(m for m in re.finditer(r"A{3,}|C{3,}|G{3,}|T{3,}", seq) if m.start() > 400)
