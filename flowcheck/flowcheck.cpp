@@ -34,10 +34,6 @@ std::string fixed2(double v, int decimals) {
 
 const char* const program = "sorvexa-flowcheck";
 
-// Alignments are checked in windows of this many reference bases, each read with this many
-// more on either side: longer than a 454 read, so that every read over an owned run is whole.
-constexpr std::int64_t kWindow = 100'000, kMargin = 2'000;
-
 // The alignment path cut before its last .bam, .cram or .sam, directory kept.
 std::string alignment_prefix(const std::string& path) {
     const std::size_t slash = path.rfind('/');
@@ -318,11 +314,9 @@ int flowcheck_main(int argc, char** argv) {
     if (aligned) {
         // htslib's own log lines would come before the program's one line about the same fault.
         hts_set_log_level(HTS_LOG_OFF);
-        if (const sorvexa::status st = alignments.open(opt.bam_path, opt.ref_path, &lookup); !st)
-            return input_error(st);
         if (const sorvexa::status st =
-                choose_models(check, origin, alignment_sample(alignments, kWindow, kMargin),
-                              alignments.units(), opt.model_path, model_note);
+                open_for_check(alignments, opt.bam_path, opt.ref_path, lookup, check, origin,
+                               opt.model_path, model_note);
             !st)
             return input_error(st);
     } else {
@@ -344,16 +338,8 @@ int flowcheck_main(int argc, char** argv) {
             return true;
         }
         if (next_ref >= alignments.references().size()) return false;
-        const auto ref = static_cast<std::int32_t>(next_ref++);
-        report = contig_report{};
-        aligned_window w;
-        for (const alignment_window& at :
-             alignment_windows(ref, alignments.references()[static_cast<std::size_t>(ref)].length,
-                               kWindow, kMargin)) {
-            if (st = alignments.read(at, w); !st) return true;
-            check_window(check, w, opt.all, report);
-        }
-        st = finish_reference(alignments, ref, report);
+        st = check_reference(check, alignments, static_cast<std::int32_t>(next_ref++), opt.all,
+                             report);
         return true;
     };
 
@@ -401,9 +387,7 @@ int flowcheck_main(int argc, char** argv) {
         if (!next_report(st)) break;
         if (!st) return input_error(st);
         const contig_report& c = report;
-        t.reads.tied += report.coverage.reads.tied;
-        t.reads.untied += report.coverage.reads.untied;
-        t.reads.not_found += report.coverage.reads.not_found;
+        t.reads += report.coverage.reads;
         contigs.push_back(
             {c.name, static_cast<std::int64_t>(report.unpadded.size()), report.coverage});
         text.clear();

@@ -502,9 +502,7 @@ void check_window(flow_check& check, const aligned_window& w, bool list_all, con
         return r.position >= w.owned_first && r.position <= w.owned_last;
     };
     contig_coverage& cover = whole.coverage;
-    cover.reads.tied += w.counts.tied;
-    cover.reads.untied += w.counts.untied;
-    cover.reads.not_found += w.counts.not_found;
+    cover.reads += w.counts;
     for (const hp_run& r : check.runs) {
         if (!owned(r) || r.consensus_length <= 0) continue;
         ++cover.runs;
@@ -541,6 +539,29 @@ sorvexa::status finish_reference(alignment_file& in, std::int32_t ref, contig_re
     if (sorvexa::status st = in.reference_bases(ref, 0, r.length, whole.unpadded); !st) return st;
     whole.polished = apply_edits(whole.unpadded, whole.edits);
     return {};
+}
+
+sorvexa::status check_reference(flow_check& check, alignment_file& in, std::int32_t ref,
+                                bool list_all, contig_report& out, std::int64_t window_size,
+                                std::int64_t margin) {
+    out = contig_report{};
+    if (ref < 0 || static_cast<std::size_t>(ref) >= in.references().size())
+        return sorvexa::status::failure("no such reference sequence");
+    aligned_window w;
+    for (const alignment_window& at : alignment_windows(
+             ref, in.references()[static_cast<std::size_t>(ref)].length, window_size, margin)) {
+        if (sorvexa::status st = in.read(at, w); !st) return st;
+        check_window(check, w, list_all, out);
+    }
+    return finish_reference(in, ref, out);
+}
+
+sorvexa::status open_for_check(alignment_file& in, const std::string& path,
+                               const std::string& reference, const read_lookup& lookup,
+                               flow_check& check, model_origin origin,
+                               const std::string& table_path, std::string& note) {
+    if (sorvexa::status st = in.open(path, reference, &lookup); !st) return st;
+    return choose_models(check, origin, alignment_sample(in), in.units(), table_path, note);
 }
 
 flow_check::probe_source alignment_sample(alignment_file& in, std::int64_t window_size,

@@ -96,7 +96,26 @@ void check_window(flow_check& check, const aligned_window& w, bool list_all, con
 // the consensus, the polished sequence.
 sorvexa::status finish_reference(alignment_file& in, std::int32_t ref, contig_report& whole);
 
+// The windows a reference is checked in: longer than a 454 read by far, and a margin longer
+// than one, so that every read over an owned run is whole.
+inline constexpr std::int64_t default_window_size = 100'000, default_window_margin = 2'000;
+
+// Reference `ref` checked window by window into `out` (check_window, finish_reference).
+sorvexa::status check_reference(flow_check& check, alignment_file& in, std::int32_t ref,
+                                bool list_all, contig_report& out,
+                                std::int64_t window_size = default_window_size,
+                                std::int64_t margin = default_window_margin);
+
+// Opens the alignments (alignment_file::open) and sets check.models from `origin` for their
+// units (choose_models, a fit drawing on alignment_sample): a check's inputs, each refused
+// before anything is checked.
+sorvexa::status open_for_check(alignment_file& in, const std::string& path,
+                               const std::string& reference, const read_lookup& lookup,
+                               flow_check& check, model_origin origin,
+                               const std::string& table_path, std::string& note);
+
 // Every window of every reference in order, each checked on the probe: the sample of a model
 // fit (flow_check::calibrate, choose_models).
-flow_check::probe_source alignment_sample(alignment_file& in, std::int64_t window_size,
-                                          std::int64_t margin);
+flow_check::probe_source alignment_sample(alignment_file& in,
+                                          std::int64_t window_size = default_window_size,
+                                          std::int64_t margin = default_window_margin);

@@ -135,6 +135,12 @@ struct consensus_edit {
 // trimmed otherwise in the assembly, or a record that could not be read), in no SFF file.
 struct tie_counts {
     std::int64_t tied = 0, untied = 0, not_found = 0;
+    tie_counts& operator+=(const tie_counts& o) {
+        tied += o.tied;
+        untied += o.untied;
+        not_found += o.not_found;
+        return *this;
+    }
 };
 
 // How much of a contig the reads weighed: a contig with fewer than half of its reads tied,
@@ -146,6 +152,12 @@ struct contig_coverage {
     bool unchecked() const {
         const std::int64_t total = reads.tied + reads.untied + reads.not_found;
         return 2 * reads.tied < total || 2 * tested < runs;
+    }
+    contig_coverage& operator+=(const contig_coverage& o) {
+        reads += o.reads;
+        runs += o.runs;
+        tested += o.tested;
+        return *this;
     }
 };
 
