@@ -338,8 +338,7 @@ int flowcheck_main(int argc, char** argv) {
             return true;
         }
         if (next_ref >= alignments.references().size()) return false;
-        st = check_reference(check, alignments, static_cast<std::int32_t>(next_ref++), opt.all,
-                             report);
+        st = check_reference(check, alignments, next_ref++, opt.all, report);
         return true;
     };
 

@@ -541,19 +541,20 @@ sorvexa::status finish_reference(alignment_file& in, std::int32_t ref, contig_re
     return {};
 }
 
-sorvexa::status check_reference(flow_check& check, alignment_file& in, std::int32_t ref,
+sorvexa::status check_reference(flow_check& check, alignment_file& in, std::size_t ref,
                                 bool list_all, contig_report& out, std::int64_t window_size,
                                 std::int64_t margin) {
     out = contig_report{};
-    if (ref < 0 || static_cast<std::size_t>(ref) >= in.references().size())
+    if (ref >= in.references().size())
         return sorvexa::status::failure("no such reference sequence");
+    const auto id = static_cast<std::int32_t>(ref);
     aligned_window w;
-    for (const alignment_window& at : alignment_windows(
-             ref, in.references()[static_cast<std::size_t>(ref)].length, window_size, margin)) {
+    for (const alignment_window& at :
+         alignment_windows(id, in.references()[ref].length, window_size, margin)) {
         if (sorvexa::status st = in.read(at, w); !st) return st;
         check_window(check, w, list_all, out);
     }
-    return finish_reference(in, ref, out);
+    return finish_reference(in, id, out);
 }
 
 sorvexa::status open_for_check(alignment_file& in, const std::string& path,

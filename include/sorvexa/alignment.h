@@ -100,8 +100,9 @@ sorvexa::status finish_reference(alignment_file& in, std::int32_t ref, contig_re
 // than one, so that every read over an owned run is whole.
 inline constexpr std::int64_t default_window_size = 100'000, default_window_margin = 2'000;
 
-// Reference `ref` checked window by window into `out` (check_window, finish_reference).
-sorvexa::status check_reference(flow_check& check, alignment_file& in, std::int32_t ref,
+// The reference numbered `ref` (in references()) checked window by window into `out`
+// (check_window, finish_reference).
+sorvexa::status check_reference(flow_check& check, alignment_file& in, std::size_t ref,
                                 bool list_all, contig_report& out,
                                 std::int64_t window_size = default_window_size,
                                 std::int64_t margin = default_window_margin);
