@@ -183,6 +183,20 @@ TEST_F(alignment_files, InsertionsBecomePadColumnsAndReadsKeepTheirPadsClipsAndS
     // Padded base 4 is SEQ base 4, the original strand's base 35 - 4 = 31.
     EXPECT_EQ(tc.base_flow[4], fc[31]);
     EXPECT_EQ(tc.base_flow[36 - 1], fc[2]);
+
+    // The views take the window as they take an ACE contig: a flow window over the insertion
+    // has every read's values, none untied.
+    contig v = w.c;
+    v.create_pos_map();
+    v.create_print_map();
+    v.create_flow_concensus();
+    flow_check check;
+    check.check_tied(v, {}, {});
+    flow_window fw;
+    window_signals(v, w.tied, check, 115, 20, fw);
+    ASSERT_EQ(fw.rows.size(), 3u);
+    for (const auto& flow : fw.signals)
+        for (std::int32_t s : flow) EXPECT_NE(s, flow_window::untied_read);
 }
 
 TEST_F(alignment_files, ReadsWithoutTrueFlowsAreCountedAndTheRestTiedByName) {
