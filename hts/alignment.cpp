@@ -200,7 +200,7 @@ sorvexa::status alignment_file::open(const std::string& path, const std::string&
                           " has no flow order (FO), and no SFF file is given to tie its reads");
         p.group_of.emplace(p.groups[i].id, i);
     }
-    if (lookup != nullptr) p.fetcher = std::make_unique<read_fetcher>(*lookup);
+    p.fetcher = lookup != nullptr ? std::make_unique<read_fetcher>(*lookup) : nullptr;
     p.b = bam_init1();
     if (p.b == nullptr) return p.fail("out of memory");
     return {};
