@@ -206,12 +206,15 @@ TEST_F(alignment_files, ReadsWithoutTrueFlowsAreCountedAndTheRestTiedByName) {
     bare.flows = false;
     aligned by_name = make("by_name", 16, 311, "50M", genome.substr(310, 50), 6);
     by_name.flows = false;
-    const std::string file = bam({wrong, bare, by_name});
+    // Hard-clipped: tied by the bases it still has, ZF naming the flow of the first of them.
+    const aligned hard = make("hard", 0, 401, "5H40M", genome.substr(400, 40), 7);
+    const std::string file = bam({wrong, bare, by_name, hard});
     aligned_window w = window(file);
-    EXPECT_EQ(w.counts.tied, 0);
+    EXPECT_EQ(w.tied.at("hard").base_flow, sff_flows(hard.layout));
+    EXPECT_EQ(w.counts.tied, 1);
     EXPECT_EQ(w.counts.untied, 1);
     EXPECT_EQ(w.counts.not_found, 2);
-    EXPECT_EQ(w.c.reads.size(), 3u);  // placed, tied or not
+    EXPECT_EQ(w.c.reads.size(), 4u);  // placed, tied or not
 
     // by_name's SFF record holds the key and the read on its own strand.
     sff_file_layout f;
@@ -222,7 +225,7 @@ TEST_F(alignment_files, ReadsWithoutTrueFlowsAreCountedAndTheRestTiedByName) {
     read_lookup lookup;
     ASSERT_TRUE(lookup.index_files({path("r.sff")}));
     w = window(file, &lookup);
-    EXPECT_EQ(w.counts.tied, 1);
+    EXPECT_EQ(w.counts.tied, 2);
     EXPECT_EQ(w.counts.not_found, 1);
     const tied_read& t = w.tied.at("by_name");
     EXPECT_EQ(t.file, 0);
