@@ -1,26 +1,28 @@
 // sorvexa-flowcheck: every homopolymer run of an assembly's consensus weighed against the
 // flow values its 454 reads measured, reported as VCF and TSV, and applied to the consensus.
+#include <htslib/hts_log.h>
+#include <sorvexa/ace.h>
+#include <sorvexa/alignment.h>
+#include <sorvexa/contig.h>
 #include <sorvexa/flowcheck.h>
-
+#include <sorvexa/read_lookup.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <charconv>
-#include <cstdio>
-#include <cstring>
 #include <chrono>
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
+#include <cstring>
 #include <iostream>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include <sorvexa/ace.h>
-#include <sorvexa/contig.h>
 #include "flowcheck_main.h"
 #include "output_file.h"
-#include <sorvexa/read_lookup.h>
 
 namespace {
 
@@ -32,6 +34,17 @@ std::string fixed2(double v, int decimals) {
 
 const char* const program = "sorvexa-flowcheck";
 
+// The alignment path cut before its last .bam, .cram or .sam, directory kept.
+std::string alignment_prefix(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    const std::size_t dot = path.rfind('.');
+    if (dot != std::string::npos && (slash == std::string::npos || dot > slash + 1)) {
+        const std::string ext = path.substr(dot);
+        if (ext == ".bam" || ext == ".cram" || ext == ".sam") return path.substr(0, dot);
+    }
+    return path;
+}
+
 }  // namespace
 
 const char* const flowcheck_version = SORVEXA_VERSION;
@@ -42,12 +55,20 @@ namespace {
 std::string usage_text() {
     const flow_check d;
     return "Usage: sorvexa-flowcheck [options] aceFile sffFile ...\n"
-           "Checks every homopolymer run of the assembly's consensus against the flow values its\n"
-           "reads measured, and writes PREFIX.flowcheck.vcf, PREFIX.flowcheck.tsv,\n"
-           "PREFIX.flowcheck.model.tsv, PREFIX.consensus.fa and PREFIX.polished.fa. The flow\n"
-           "values' spread per SFF file and run length is fitted to the assembly's own signals.\n"
+           "       sorvexa-flowcheck [options] --bam ALN --ref REF.fa [sffFile ...]\n"
+           "Checks every homopolymer run of the assembly's consensus (or of the reference the\n"
+           "reads are aligned to) against the flow values its reads measured, and writes\n"
+           "PREFIX.flowcheck.vcf, PREFIX.flowcheck.tsv, PREFIX.flowcheck.model.tsv,\n"
+           "PREFIX.consensus.fa and PREFIX.polished.fa. The flow values' spread per SFF file\n"
+           "(read group) and run length is fitted to the assembly's own signals.\n"
            "\n"
-           "  -o PREFIX          output prefix (default: the ACE path cut before its .ace)\n"
+           "  -o PREFIX          output prefix (default: the ACE path cut before its .ace, the\n"
+           "                     alignment path before its .bam, .cram or .sam)\n"
+           "  --bam ALN          alignments (SAM, BAM or CRAM, sorted by coordinate, indexed)\n"
+           "                     in place of an ACE file; reads carry their flows in FZ/ZF or\n"
+           "                     are found by name in the SFF files\n"
+           "  --ref REF.fa       the reference the alignments are against (with --bam)\n"
+           "  --min-mapq N       pass over alignments of a lower mapping quality (default 0)\n"
            "  --min-qual Q       lowest phred quality of a call, and of the length of a run\n"
            "                     that counts as tested (default " +
            fixed2(d.min_qual, 0) +
@@ -74,6 +95,8 @@ std::string usage_text() {
 
 struct options {
     std::string prefix;
+    std::string bam_path, ref_path;
+    std::int32_t min_mapq = 0;
     std::string model_path;
     bool fixed_model = false;
     flow_check check;
@@ -127,7 +150,8 @@ int parse_options(int argc, char** argv, options& o) {
         };
         const bool takes_value = arg == "-o" || arg == "--min-signals" || arg == "--min-score" ||
                                  arg == "--min-qual" || arg == "--model" || arg == "--sigma-base" ||
-                                 arg == "--sigma-slope";
+                                 arg == "--sigma-slope" || arg == "--bam" || arg == "--ref" ||
+                                 arg == "--min-mapq";
         if (!takes_value && inline_value) return usage_error("option " + arg + " takes no value");
         if (arg == "-h" || arg == "--help") {
             o.help = true;
@@ -152,6 +176,13 @@ int parse_options(int argc, char** argv, options& o) {
         } else if (arg == "--min-qual") {
             if (!parse_double(value, o.check.min_qual) || o.check.min_qual < 0)
                 return usage_error("--min-qual takes a number of at least 0, not '" + value + "'");
+        } else if (arg == "--bam" || arg == "--ref") {
+            if (value.empty()) return usage_error("option " + arg + " needs a file name");
+            (arg == "--bam" ? o.bam_path : o.ref_path) = value;
+        } else if (arg == "--min-mapq") {
+            if (!parse_int(value, o.min_mapq) || o.min_mapq < 0)
+                return usage_error("--min-mapq takes a whole number of at least 0, not '" + value +
+                                   "'");
         } else if (arg == "--model") {
             if (value.empty()) return usage_error("option --model needs a file name");
             o.model_path = value;
@@ -167,7 +198,13 @@ int parse_options(int argc, char** argv, options& o) {
         }
     }
     if (o.help || o.version) return 0;
-    if (o.operands.size() < 2) return usage_error("needs an ACE file and at least one SFF file");
+    // A missing --ref is the alignment reader's to report: it says what a CRAM file needs.
+    if (!o.bam_path.empty()) {
+    } else if (!o.ref_path.empty() || o.min_mapq != 0) {
+        return usage_error("--ref and --min-mapq go with --bam");
+    } else if (o.operands.size() < 2) {
+        return usage_error("needs an ACE file and at least one SFF file");
+    }
     if (o.fixed_model && !o.model_path.empty())
         return usage_error("--model and the fixed model's --sigma options exclude each other");
     return 0;
@@ -249,16 +286,19 @@ int flowcheck_main(int argc, char** argv) {
     if (opt.version) std::cout << program << " " << flowcheck_version << "\n" << std::flush;
     if (opt.help || opt.version) return 0;
 
-    const std::string& ace_path = opt.operands[0];
-    const std::string prefix = opt.prefix.empty() ? output_prefix(ace_path) : opt.prefix;
+    const bool aligned = !opt.bam_path.empty();
+    const std::string& ace_path = aligned ? opt.bam_path : opt.operands[0];
+    const std::string prefix = !opt.prefix.empty() ? opt.prefix
+                               : aligned           ? alignment_prefix(opt.bam_path)
+                                                   : output_prefix(ace_path);
     const auto input_error = [](const sorvexa::status& st) {
         std::cerr << program << ": " << st.message << std::endl;
         return 1;
     };
     read_lookup lookup;
     lookup.skip_index_block = true;
-    if (const sorvexa::status st =
-            lookup.index_files(std::vector<std::string>(opt.operands.begin() + 1, opt.operands.end()));
+    if (const sorvexa::status st = lookup.index_files(
+            std::vector<std::string>(opt.operands.begin() + (aligned ? 0 : 1), opt.operands.end()));
         !st)
         return input_error(st);
     read_fetcher fetcher(lookup);
@@ -267,12 +307,40 @@ int flowcheck_main(int argc, char** argv) {
     const model_origin origin = !opt.model_path.empty() ? model_origin::table
                                 : opt.fixed_model       ? model_origin::fixed
                                                         : model_origin::fitted;
-    if (const sorvexa::status st =
-            choose_models(check, origin, ace_path, opt.model_path, lookup, fetcher, model_note);
-        !st)
-        return input_error(st);
-    aceReader ace(ace_path);
-    if (!ace.error) return input_error(ace.error);
+    // Every input is checked before the first output file is made.
+    alignment_file alignments;
+    alignments.options.min_mapq = opt.min_mapq;
+    std::optional<aceReader> ace;
+    if (aligned) {
+        // htslib's own log lines would come before the program's one line about the same fault.
+        hts_set_log_level(HTS_LOG_OFF);
+        if (const sorvexa::status st =
+                open_for_check(alignments, opt.bam_path, opt.ref_path, lookup, check, origin,
+                               opt.model_path, model_note);
+            !st)
+            return input_error(st);
+    } else {
+        if (const sorvexa::status st =
+                choose_models(check, origin, ace_path, opt.model_path, lookup, fetcher, model_note);
+            !st)
+            return input_error(st);
+        ace.emplace(ace_path);
+        if (!ace->error) return input_error(ace->error);
+    }
+    // The next contig's report: from the ACE file, or a reference checked window by window.
+    contig_report report;
+    std::size_t next_ref = 0;
+    const auto next_report = [&](sorvexa::status& st) {
+        if (!aligned) {
+            contig c;
+            if (ace->next_contig(c) == 0) return false;
+            st = check.check(c, lookup, fetcher, opt.all, report);
+            return true;
+        }
+        if (next_ref >= alignments.references().size()) return false;
+        st = check_reference(check, alignments, next_ref++, opt.all, report);
+        return true;
+    };
 
     const std::string vcf_path = prefix + ".flowcheck.vcf", tsv_path = prefix + ".flowcheck.tsv";
     const std::string model_path = prefix + ".flowcheck.model.tsv";
@@ -283,8 +351,8 @@ int flowcheck_main(int argc, char** argv) {
     output_file vcf(vcf_path, buffer), tsv(tsv_path, buffer), model_tsv(model_path, buffer),
         consensus_fa(consensus_path, buffer), polished_fa(polished_path, buffer);
     const std::vector<output_file*> outputs{&vcf, &tsv, &model_tsv, &consensus_fa, &polished_fa};
-    const std::vector<const std::string*> paths{&vcf_path, &tsv_path, &model_path,
-                                                &consensus_path, &polished_path};
+    const std::vector<const std::string*> paths{&vcf_path, &tsv_path, &model_path, &consensus_path,
+                                                &polished_path};
     for (std::size_t i = 0; i < outputs.size(); ++i) {
         if (outputs[i]->is_open()) continue;
         std::cerr << "can not open file " << *paths[i] << std::endl;
@@ -313,20 +381,19 @@ int flowcheck_main(int argc, char** argv) {
     append_tsv_header(text);
     tsv.text(text);
     std::vector<std::string> unchecked;
-    contig_report report;
     for (;;) {
-        contig c;
-        if (ace.next_contig(c) == 0) break;
-        if (const sorvexa::status st = check.check(c, lookup, fetcher, opt.all, report); !st)
-            return input_error(st);
-        t.reads.tied += report.coverage.reads.tied;
-        t.reads.untied += report.coverage.reads.untied;
-        t.reads.not_found += report.coverage.reads.not_found;
-        contigs.push_back({c.name, static_cast<std::int64_t>(report.unpadded.size()), report.coverage});
+        sorvexa::status st;
+        if (!next_report(st)) break;
+        if (!st) return input_error(st);
+        const contig_report& c = report;
+        t.reads += report.coverage.reads;
+        contigs.push_back(
+            {c.name, static_cast<std::int64_t>(report.unpadded.size()), report.coverage});
         text.clear();
         append_vcf_records(text, report);
         if (!records.write(text)) {
-            std::cerr << program << ": can not write a temporary file: " << records.why() << std::endl;
+            std::cerr << program << ": can not write a temporary file: " << records.why()
+                      << std::endl;
             return 1;
         }
         if (report.coverage.unchecked()) unchecked.push_back(c.name);
@@ -349,7 +416,7 @@ int flowcheck_main(int argc, char** argv) {
         shown.update(t);
     }
     shown.clear();
-    if (!ace.error) return input_error(ace.error);
+    if (ace && !ace->error) return input_error(ace->error);
 
     text.clear();
     const std::size_t slash = consensus_path.rfind('/');
@@ -362,7 +429,8 @@ int flowcheck_main(int argc, char** argv) {
             return !vcf.failed();
         })) {
         if (!vcf.failed())
-            std::cerr << program << ": can not read a temporary file: " << records.why() << std::endl;
+            std::cerr << program << ": can not read a temporary file: " << records.why()
+                      << std::endl;
         return 1;
     }
     bool closed = true;

@@ -2,10 +2,10 @@
 //
 //   fuzz_make_seeds OUT_DIR [DATASET_DIR PREFIX]
 //
-// into OUT_DIR/ace, OUT_DIR/sff, OUT_DIR/run and OUT_DIR/contig. The seeds are small files
-// that each reach a different part of a format: well-formed ones in both byte orders and
-// ones that break a rule on purpose. DATASET_DIR, if given, holds PREFIX.ace, PREFIX_a.sff
-// and PREFIX_b.sff from examples/make_dataset, which become realistic seeds too.
+// into OUT_DIR/ace, OUT_DIR/sff, OUT_DIR/run, OUT_DIR/contig and OUT_DIR/bam. The seeds are small
+// files that each reach a different part of a format: well-formed ones in both byte orders and ones
+// that break a rule on purpose. DATASET_DIR, if given, holds PREFIX.ace, PREFIX_a.sff and
+// PREFIX_b.sff from examples/make_dataset, which become realistic seeds too.
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
@@ -361,6 +361,42 @@ void contig_seeds() {
 
 }  // namespace
 
+// SAM records against fuzz_bam's reference r1, with their flows from fixture reads.
+std::string sam_record(const std::string& name, int flag, int pos, const std::string& cigar,
+                       const std::string& seq, bool flows) {
+    std::string rc;
+    for (auto it = seq.rbegin(); it != seq.rend(); ++it)
+        rc += *it == 'A' ? 'T' : *it == 'C' ? 'G' : *it == 'G' ? 'C' : 'A';
+    const std::string flow_chars = fixture::tacg_flows(52);
+    const auto read = fixture::make_read(name, (flag & 16) != 0 ? rc : seq, flow_chars, {}, 3);
+    std::string line = name + "\t" + std::to_string(flag) + "\tr1\t" + std::to_string(pos) +
+                       "\t60\t" + cigar + "\t*\t0\t0\t" + seq + "\t*\tRG:Z:g";
+    if (flows) {
+        line += "\tFZ:B:S";
+        for (std::uint16_t v : read.flowgram) line += "," + std::to_string(v);
+        line += "\tZF:i:" + std::to_string(read.flow_index_per_base[0] - 1);
+    }
+    return line + "\n";
+}
+
+void bam_seeds() {
+    const std::string r1 =
+        "ACGTTTGACCAAAGGGTACGATTTTCAGCATGCAAACCCGTTAGGCATTTACGGAACTGACCCAATGGTTT";
+    const std::string window = std::string("\x1f\x10\x00", 3);
+    emit("bam", "placed",
+         window + sam_record("a", 0, 1, "20M", r1.substr(0, 20), true) +
+             sam_record("b", 16, 6, "3S10M2I8M1D5M",
+                        "GGA" + r1.substr(5, 10) + "CC" + r1.substr(15, 8) + r1.substr(24, 5),
+                        true) +
+             sam_record("c", 0, 9, "15M", r1.substr(8, 15), false) +
+             sam_record("d", 256, 12, "10M", r1.substr(11, 10), true));
+    emit("bam", "own_header",
+         window + "@HD\tVN:1.6\tSO:coordinate\n@SQ\tSN:r2\tLN:60\n" +
+             "@RG\tID:g\tFO:" + fixture::tacg_flows(52) + "\n" +
+             "x\t0\tr2\t1\t60\t8M\t*\t0\t0\tTTTGGGCC\t*\tRG:Z:g\tFZ:B:S,0,0,100,0,0,0,100,0,0,0,0,"
+             "1,0,0,2\n");
+}
+
 int main(int argc, char** argv) {
     if (argc != 2 && argc != 4) {
         std::cerr << "usage: fuzz_make_seeds OUT_DIR [DATASET_DIR PREFIX]\n";
@@ -371,5 +407,6 @@ int main(int argc, char** argv) {
     sff_seeds();
     run_seeds(argc == 4 ? argv[2] : "", argc == 4 ? argv[3] : "");
     contig_seeds();
+    bam_seeds();
     return 0;
 }

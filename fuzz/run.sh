@@ -2,7 +2,7 @@
 # Builds the libFuzzer targets (fuzz preset, clang) and runs them one after another.
 #
 #   fuzz/run.sh [SECONDS [TARGET...]]
-#                           fuzz every target (or the named ones: ace sff run contig) for
+#                           fuzz every target (or the named ones: ace sff run contig bam) for
 #                           SECONDS (default 60), then print the executions per target; two
 #                           calls with different targets can run side by side on two cores
 #   fuzz/run.sh --replay    run every seed of fuzz/corpus/ once (for CI); no fuzzing
@@ -15,7 +15,7 @@ cd "$(dirname "$0")/.."
 
 mode=fuzz
 seconds=60
-targets=(ace sff run contig)
+targets=(ace sff run contig bam)
 usage="usage: fuzz/run.sh [SECONDS [TARGET...]] | --replay"
 case "${1:-}" in
     --replay) mode=replay ;;
@@ -30,7 +30,7 @@ if (($# > 1)); then
     shift
     for t in "$@"; do
         case $t in
-            ace | sff | run | contig) ;;
+            ace | sff | run | contig | bam) ;;
             *)
                 echo "fuzz/run.sh: unknown target $t; $usage" >&2
                 exit 2
@@ -62,7 +62,7 @@ options_for() {
         ace) echo "-dict=fuzz/ace.dict" ;;
         sff) echo "-dict=fuzz/sff.dict" ;;
         run) echo "-dict=$work/run.dict" ;;
-        contig) echo "" ;;
+        contig | bam) echo "" ;;
     esac
 }
 

@@ -48,7 +48,11 @@ bool record_flowgram(const bam1_t* record, std::vector<std::uint16_t>& out) {
     if (fz == nullptr || fz[0] != 'B' || fz[1] != 'S') return false;
     const std::uint32_t n = bam_auxB_len(fz);
     out.resize(n);
-    for (std::uint32_t i = 0; i < n; ++i) out[i] = static_cast<std::uint16_t>(bam_auxB2i(fz, i));
+    // The values stand little-endian after the type and the count: read directly, since
+    // bam_auxB2i checks the type of every value again and costs as much as the tie itself.
+    const std::uint8_t* v = fz + 6;
+    for (std::uint32_t i = 0; i < n; ++i)
+        out[i] = static_cast<std::uint16_t>(v[2 * i] | v[2 * i + 1] << 8);  // maybe unaligned
     return true;
 }
 

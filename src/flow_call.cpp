@@ -1,4 +1,7 @@
 // The length call of each run from its signals, and the calls as edits of the consensus.
+#include <sorvexa/ace.h>
+#include <sorvexa/flowcheck.h>
+
 #include <algorithm>
 #include <cctype>
 #include <cmath>
@@ -8,9 +11,6 @@
 #include <sstream>
 #include <tuple>
 #include <utility>
-
-#include <sorvexa/ace.h>
-#include <sorvexa/flowcheck.h>
 
 // Each run is decided from the log-likelihoods its values added up as add_read found them.
 void flow_check::call_runs() {
@@ -96,10 +96,33 @@ sorvexa::status flow_check::check_contig(const contig& c, const read_lookup& loo
     return check_contig(c, lookup, fetcher, counts);
 }
 
-// The sample is checked under the fixed model: its calls only matter for the refit, which
-// makes its own.
+void flow_check::check_tied(const contig& c, const std::vector<read_tie>& tied,
+                            const tie_counts& counts) {
+    create_runs(c);
+    reads = counts;
+    std::int32_t number = 0;
+    for (const read_tie& r : tied) add_read(c, *r.read, *r.tie, number++);
+    call_runs();
+}
+
 sorvexa::status flow_check::calibrate(const contig_source& next, const read_lookup& lookup,
                                       read_fetcher& fetcher, std::int64_t max_values) {
+    tie_counts ignored;
+    return calibrate(
+        [&](flow_check& probe, sorvexa::status& error) {
+            contig c;
+            if (!next(c)) return false;
+            error = probe.check_contig(c, lookup, fetcher, ignored);
+            return static_cast<bool>(error);
+        },
+        lookup.sff_names, max_values);
+}
+
+// The sample is checked under the fixed model: its calls only matter for the refit, which
+// makes its own.
+sorvexa::status flow_check::calibrate(const probe_source& next,
+                                      const std::vector<std::string>& files,
+                                      std::int64_t max_values) {
     flow_check probe;
     probe.keep_values = true;
     probe.model = model;
@@ -107,25 +130,25 @@ sorvexa::status flow_check::calibrate(const contig_source& next, const read_look
     probe.min_qual = min_qual;
     flow_sample sample;
     sample.max_values = max_values;
-    tie_counts ignored;
     while (!sample.full()) {
-        contig c;
-        if (!next(c)) break;
         probe.value_limit = static_cast<std::size_t>(max_values) - sample.values.size();
-        const sorvexa::status st = probe.check_contig(c, lookup, fetcher, ignored);
-        if (!st) return st;
+        sorvexa::status st;
+        if (!next(probe, st)) {
+            if (!st) return st;
+            break;
+        }
         probe.add_to(sample);
     }
     fit_options o;
     o.fallback = model;
     o.min_qual = min_qual;
     o.min_strand = min_signals;
-    fit_flow_models(sample, lookup.sff_names, o, models);
+    fit_flow_models(sample, files, o, models);
     return {};
 }
 
-sorvexa::status flow_check::check(const contig& c, const read_lookup& lookup,
-                                  read_fetcher& fetcher, bool list_all, contig_report& out) {
+sorvexa::status flow_check::check(const contig& c, const read_lookup& lookup, read_fetcher& fetcher,
+                                  bool list_all, contig_report& out) {
     tie_counts counts;
     const sorvexa::status st = check_contig(c, lookup, fetcher, counts);
     report(c, list_all, out);
@@ -168,34 +191,50 @@ bool read_model_file(const std::string& path, const std::vector<std::string>& sf
     return true;
 }
 
-sorvexa::status choose_models(flow_check& check, model_origin origin, const std::string& ace_path,
-                              const std::string& table_path, const read_lookup& lookup,
-                              read_fetcher& fetcher, std::string& note) {
+sorvexa::status choose_models(flow_check& check, model_origin origin,
+                              const flow_check::probe_source& sample,
+                              const std::vector<std::string>& files, const std::string& table_path,
+                              std::string& note) {
     std::string error;
     switch (origin) {
         case model_origin::table:
-            if (!read_model_file(table_path, lookup.sff_names, check.models, error))
+            if (!read_model_file(table_path, files, check.models, error))
                 return sorvexa::status::failure(error);
             note = "read from " + table_path;
             return {};
         case model_origin::fixed:
-            check.models.set_fixed(check.model, lookup.sff_names.size());
-            check.models.files = lookup.sff_names;
+            check.models.set_fixed(check.model, files.size());
+            check.models.files = files;
             note = "fixed";
             return {};
         case model_origin::fitted:
             break;
     }
-    // The fit reads the assembly's first contigs once more than the check does: a bounded
-    // sample, so that a whole run's signals need not be held.
-    aceReader sample(ace_path);
-    const sorvexa::status st = check.calibrate(
-        [&sample](contig& c) { return sample.next_contig(c) != 0; }, lookup, fetcher);
+    const sorvexa::status st = check.calibrate(sample, files);
     if (!st) return st;
-    // An assembly that stops being one within the sample is the check's to report, where
-    // it reads that far.
     note = "fitted: " + describe_models(check.models);
     return {};
+}
+
+sorvexa::status choose_models(flow_check& check, model_origin origin, const std::string& ace_path,
+                              const std::string& table_path, const read_lookup& lookup,
+                              read_fetcher& fetcher, std::string& note) {
+    if (origin != model_origin::fitted)
+        return choose_models(check, origin, {}, lookup.sff_names, table_path, note);
+    // The fit reads the assembly's first contigs once more than the check does: a bounded
+    // sample, so that a whole run's signals need not be held. An assembly that stops being
+    // one within the sample is the check's to report, where it reads that far.
+    aceReader sample(ace_path);
+    tie_counts ignored;
+    return choose_models(
+        check, origin,
+        [&](flow_check& probe, sorvexa::status& error) {
+            contig c;
+            if (sample.next_contig(c) == 0) return false;
+            error = probe.check_contig(c, lookup, fetcher, ignored);
+            return static_cast<bool>(error);
+        },
+        lookup.sff_names, table_path, note);
 }
 
 void flow_check::add_to(flow_sample& sample) const {

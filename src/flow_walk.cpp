@@ -4,11 +4,11 @@
 #include <cctype>
 #include <cstddef>
 
+#include "flow_letters.h"
+
 namespace {
 
-char upper(char c) {
-    return static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-}
+using flow_letters::upper;
 
 struct flows_view {
     std::string_view chars;

@@ -12,6 +12,11 @@
 // (the complement for a complemented read) between the flows of its two neighbouring bases.
 #pragma once
 
+#include <sorvexa/contig.h>
+#include <sorvexa/flow_model.h>
+#include <sorvexa/read_lookup.h>
+#include <sorvexa/sff.h>
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -20,11 +25,6 @@
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include <sorvexa/contig.h>
-#include <sorvexa/flow_model.h>
-#include <sorvexa/read_lookup.h>
-#include <sorvexa/sff.h>
 
 // One read of a contig tied to its SFF record.
 struct tied_read {
@@ -135,6 +135,12 @@ struct consensus_edit {
 // trimmed otherwise in the assembly, or a record that could not be read), in no SFF file.
 struct tie_counts {
     std::int64_t tied = 0, untied = 0, not_found = 0;
+    tie_counts& operator+=(const tie_counts& o) {
+        tied += o.tied;
+        untied += o.untied;
+        not_found += o.not_found;
+        return *this;
+    }
 };
 
 // How much of a contig the reads weighed: a contig with fewer than half of its reads tied,
@@ -147,13 +153,19 @@ struct contig_coverage {
         const std::int64_t total = reads.tied + reads.untied + reads.not_found;
         return 2 * reads.tied < total || 2 * tested < runs;
     }
+    contig_coverage& operator+=(const contig_coverage& o) {
+        reads += o.reads;
+        runs += o.runs;
+        tested += o.tested;
+        return *this;
+    }
 };
 
 class flow_check;
 
 // One run a contig's report lists and what became of its call.
 struct report_row {
-    std::int32_t index = 0;   // in flow_check::runs
+    std::int32_t index = 0;  // in flow_check::runs
     hp_run run;
     std::string_view filter;  // run_filter's: PASS, StrandConflict or "."
     bool edited = false;      // the run's call is one of the edits
@@ -211,11 +223,20 @@ class flow_check {
     // order. Adds to `counts`. With `tied`, the reads that could be tied are kept there by
     // name (for window_signals). A file that cannot be read again fails the check, its reads
     // counted untied.
-    sorvexa::status check_contig(const contig& c, const read_lookup& lookup,
-                                 read_fetcher& fetcher, tie_counts& counts,
+    sorvexa::status check_contig(const contig& c, const read_lookup& lookup, read_fetcher& fetcher,
+                                 tie_counts& counts,
                                  std::map<std::string, tied_read>* tied = nullptr);
     // The same through a fetcher of its own.
     sorvexa::status check_contig(const contig& c, const read_lookup& lookup, tie_counts& counts);
+    // The check of a contig whose reads the caller tied already (reads that carry their
+    // flowgrams, as alignments do): the runs, the signals of each read in `tied` in the order
+    // given (its place there is its number in run_signal), the calls. `counts` is what became
+    // of the contig's reads, as the caller counted them; it is also the last contig's `reads`.
+    struct read_tie {
+        const READ* read;
+        const tied_read* tie;
+    };
+    void check_tied(const contig& c, const std::vector<read_tie>& tied, const tie_counts& counts);
 
     // One contig checked as every front end reports it: check_contig, then the coverage,
     // the calls as edits, the polished consensus and the rows to list (every run with an
@@ -233,6 +254,12 @@ class flow_check {
     using contig_source = std::function<bool(contig& c)>;
     sorvexa::status calibrate(const contig_source& next, const read_lookup& lookup,
                               read_fetcher& fetcher, std::int64_t max_values = 2'000'000);
+    // The same for contigs that check themselves on the probe it is given (check_contig or
+    // check_tied): `next` returns false when none is left, or with `error` set when one fails.
+    // `files` names the units that tied_read::file numbers.
+    using probe_source = std::function<bool(flow_check& probe, sorvexa::status& error)>;
+    sorvexa::status calibrate(const probe_source& next, const std::vector<std::string>& files,
+                              std::int64_t max_values = 2'000'000);
     // The checked contig's runs and values (kept with keep_values), for a fit.
     void add_to(flow_sample& sample) const;
 
@@ -279,6 +306,12 @@ bool read_model_file(const std::string& path, const std::vector<std::string>& sf
 sorvexa::status choose_models(flow_check& check, model_origin origin, const std::string& ace_path,
                               const std::string& table_path, const read_lookup& lookup,
                               read_fetcher& fetcher, std::string& note);
+// The same for any units that tied_read::file numbers (`files` names them), with the fit's
+// sample drawn from `sample`.
+sorvexa::status choose_models(flow_check& check, model_origin origin,
+                              const flow_check::probe_source& sample,
+                              const std::vector<std::string>& files, const std::string& table_path,
+                              std::string& note);
 
 // A window of a contig in flow space with the flow values the reads measured: align_flow's
 // grid for the same window, and beside its counts the value of each row's read on each flow.

@@ -312,13 +312,13 @@ def _number(value, name, positive=False):
 _D = _flowcheck_defaults
 
 
-def flowcheck(ace_path, sff_paths, *, min_signals=_D["min_signals"], min_score=_D["min_score"],
-              min_qual=_D["min_qual"], model=None, sigma_base=None, sigma_slope=None,
-              all_runs=False):
+def flowcheck(ace_path, sff_paths=(), *, reference=None, min_signals=_D["min_signals"],
+              min_score=_D["min_score"], min_qual=_D["min_qual"], model=None, sigma_base=None,
+              sigma_slope=None, all_runs=False):
     if isinstance(sff_paths, (str, bytes, _os.PathLike)):
         sff_paths = [sff_paths]
     sff_paths = list(sff_paths)
-    if not sff_paths:
+    if not sff_paths and reference is None:
         raise ValueError("flowcheck needs at least one SFF file")
     if not 1 <= _operator.index(min_signals) <= 2**31 - 1:
         raise ValueError("min_signals must be a whole number of at least 1")
@@ -328,7 +328,8 @@ def flowcheck(ace_path, sff_paths, *, min_signals=_D["min_signals"], min_score=_
         ace_path, sff_paths, min_signals, _number(min_score, "min_score"),
         _number(min_qual, "min_qual"), model,
         None if sigma_base is None else _number(sigma_base, "sigma_base", positive=True),
-        None if sigma_slope is None else _number(sigma_slope, "sigma_slope"), bool(all_runs))
+        None if sigma_slope is None else _number(sigma_slope, "sigma_slope"), bool(all_runs),
+        reference)
 
 
 # The defaults come from the library's own, so that the text cannot drift from them.
@@ -336,7 +337,10 @@ flowcheck.__doc__ = f"""Weighs every homopolymer run of an assembly's consensus 
 flow values its 454 reads measured, as sorvexa-flowcheck does, with the same calls and texts.
 
 ace_path is the ACE file; sff_paths one SFF path or a sequence of them (a read is taken
-from the first file that holds it).
+from the first file that holds it). With reference (a FASTA file), ace_path is instead a
+SAM, BAM or CRAM file of reads aligned to it, sorted by coordinate (BAM and CRAM indexed), as
+sorvexa-flowcheck --bam reads it: each reference sequence is a contig, the reads carry their
+flows in FZ/ZF tags or are found by name in sff_paths (then optional).
 
 The flow values' spread per SFF file and run length is fitted to the assembly's own
 signals, from its first contigs, as the program fits it. model, the path of a model table

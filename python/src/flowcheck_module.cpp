@@ -2,8 +2,8 @@
 // fitted, read or fixed, then each contig checked), with the program's numbers and texts.
 #include <pybind11/stl.h>
 #include <sorvexa/ace.h>
+#include <sorvexa/alignment.h>
 #include <sorvexa/flowcheck.h>
-#include <sorvexa/read_lookup.h>
 
 #include <cstdint>
 #include <optional>
@@ -43,7 +43,7 @@ struct check_result {
 py::object flowcheck(py::object ace, const py::list& sffs, std::int32_t min_signals,
                      double min_score, double min_qual, py::object model,
                      std::optional<double> sigma_base, std::optional<double> sigma_slope,
-                     bool all_runs) {
+                     bool all_runs, py::object reference) {
     flow_check check;
     check.min_signals = min_signals;
     check.min_score = min_score;
@@ -60,8 +60,9 @@ py::object flowcheck(py::object ace, const py::list& sffs, std::int32_t min_sign
         sff_paths.push_back(fs_path(given));
         check_readable(sff_paths.back(), given);
     }
-    std::string model_path;
+    std::string model_path, ref_path;
     if (!model.is_none()) check_readable(model_path = fs_path(model), model);
+    if (!reference.is_none()) check_readable(ref_path = fs_path(reference), reference);
     auto out = std::make_unique<check_result>();
     diagnostics said;
     call(nullptr, said, [&] {
@@ -72,36 +73,39 @@ py::object flowcheck(py::object ace, const py::list& sffs, std::int32_t min_sign
         read_fetcher fetcher(lookup);
         fetcher.diagnostics = said.sink();
         std::string note;
+        const bool ace_file = ref_path.empty();  // else alignments, each reference a contig
+        alignment_file bam;
         if (sorvexa::status chosen =
-                choose_models(check, origin, ace_path, model_path, lookup, fetcher, note);
+                ace_file ? choose_models(check, origin, ace_path, model_path, lookup, fetcher, note)
+                         : open_for_check(bam, ace_path, ref_path, lookup, check, origin,
+                                          model_path, note);
             !chosen)
             return chosen;
         out->model = check.models;
-        aceReader assembly(ace_path);
+        aceReader assembly(ace_file ? ace_path : "/dev/null");
         append_tsv_header(out->tsv);
         contig_report report;
-        for (contig c; assembly.next_contig(c) == 1; c = contig()) {
-            if (sorvexa::status checked = check.check(c, lookup, fetcher, all_runs, report);
-                !checked)
-                return checked;
+        for (contig c; ace_file ? assembly.next_contig(c) == 1
+                                : out->contigs.size() < bam.references().size();
+             c = {}) {
+            const sorvexa::status checked =
+                ace_file ? check.check(c, lookup, fetcher, all_runs, report)
+                         : check_reference(check, bam, out->contigs.size(), all_runs, report);
+            if (!checked) return checked;
             const contig_coverage& cover = report.coverage;
             out->vcf_contigs.push_back(
-                {c.name, static_cast<std::int64_t>(report.unpadded.size()), cover});
+                {report.name, static_cast<std::int64_t>(report.unpadded.size()), cover});
             append_vcf_records(out->vcf_records, report);
             append_tsv_report(out->tsv, report);
             contig_check& cc = out->contigs.emplace_back(
-                contig_check{c.name, report.unpadded, report.polished, cover, {}});
+                contig_check{report.name, report.unpadded, report.polished, cover, {}});
             for (const report_row& row : report.rows)
-                cc.calls.push_back({row.run, c.name, std::string(row.filter), row.applied});
-            out->coverage.reads.tied += cover.reads.tied;
-            out->coverage.reads.untied += cover.reads.untied;
-            out->coverage.reads.not_found += cover.reads.not_found;
-            out->coverage.runs += cover.runs;
-            out->coverage.tested += cover.tested;
+                cc.calls.push_back({row.run, report.name, std::string(row.filter), row.applied});
+            out->coverage += cover;
             out->called += report.called;
             out->passed += report.passed;
         }
-        return assembly.error;
+        return ace_file ? assembly.error : sorvexa::status{};
     });
     return py::cast(std::move(out));
 }
@@ -114,17 +118,16 @@ void coverage_of(py::class_<T>& c) {
          "Reads tied to their SFF records.")
         .def_property_readonly(
             "reads_untied", [](const T& t) { return t.coverage.reads.untied; },
-            "Reads found in an SFF file whose sequence could not be tied to the record.")
+            "Reads found whose bases their flows (SFF record, or FZ/ZF tags) do not call.")
         .def_property_readonly(
             "reads_not_found", [](const T& t) { return t.coverage.reads.not_found; },
-            "Reads in no SFF file.")
+            "Reads in no SFF file (from alignments: nor with FZ tags).")
         .def_property_readonly(
             "runs", [](const T& t) { return t.coverage.runs; },
             "Runs of at least one base in the consensus.")
         .def_property_readonly(
             "tested", [](const T& t) { return t.coverage.tested; },
-            "Of those, runs with enough signals whose length the model names with "
-            "confidence.");
+            "Of those, runs whose length enough signals name with confidence.");
 }
 
 py::list model_lines(const flow_models& m) {
