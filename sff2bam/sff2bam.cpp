@@ -283,7 +283,8 @@ struct bam_record {
 };
 
 // Names seen so far over every file, each with the number of the first file that held it.
-// Names found again are told on standard error: the first few one by one, then a count.
+// Names found again are told on standard error once every record is written (a run that
+// fails says only why): the first few one by one, then a count.
 class duplicate_names {
   public:
     void see(std::string_view name, std::size_t file, const std::vector<std::string>& paths) {
@@ -292,16 +293,14 @@ class duplicate_names {
             names_[name] = static_cast<std::int64_t>(file);
             return;
         }
-        ++found_;
-        if (found_ <= shown_) {
-            std::cerr << program << ": read " << name << " found again in " << paths[file]
-                      << " (first in " << paths[static_cast<std::size_t>(it->second)]
-                      << "); both records kept" << std::endl;
-        }
+        if (++found_ <= shown_)
+            lines_ += std::string(program) + ": read " + std::string(name) + " found again in " +
+                      paths[file] + " (first in " + paths[static_cast<std::size_t>(it->second)] +
+                      "); both records kept\n";
     }
     void summary() const {
         if (found_ == 0) return;
-        std::cerr << program << ": " << found_ << " record" << (found_ == 1 ? "" : "s")
+        std::cerr << lines_ << program << ": " << found_ << " record" << (found_ == 1 ? "" : "s")
                   << " of a read name found before, every one kept";
         if (found_ > shown_) std::cerr << " (the first " << shown_ << " named above)";
         std::cerr << std::endl;
@@ -311,6 +310,7 @@ class duplicate_names {
     static constexpr std::uint64_t shown_ = 10;
     name_table names_;
     std::uint64_t found_ = 0;
+    std::string lines_;
 };
 
 }  // namespace

@@ -299,7 +299,8 @@ TEST(RoundTrip, FixturesInEveryFormat) {
     EXPECT_EQ(named.status, 0) << named.err;
     EXPECT_EQ(check_round_trip(d / "t.out", {d / "a.sff"}, {"a"}, false), 13u);
     // Compression levels: -u and -l 0 store the records, -l 9 and the default compress them.
-    for (const std::vector<std::string> level : {std::vector<std::string>{"-u"}, {"-l", "0"}, {"-l9"}}) {
+    for (const std::vector<std::string>& level :
+         {std::vector<std::string>{"-u"}, {"-l", "0"}, {"-l9"}}) {
         std::vector<std::string> args = level;
         args.insert(args.end(), {"-o", "l.bam", "a.sff", "b.sff"});
         const run_result res = sff2bam(args, d.path);
@@ -505,6 +506,12 @@ TEST(BadInput, OneLineStatusOneAndNothingWritten) {
                                                                   "old.bam", "stdout"}));
         }
     }
+    // Names found twice before the bad file are not told: the one line says why the run failed.
+    ASSERT_TRUE(write_file(d / "bad.sff", broken_cases()[0].bytes));
+    const run_result twice = sff2bam({"-o", "x.bam", "a.sff", "a.sff", "bad.sff"}, d.path);
+    EXPECT_EQ(twice.status, 1);
+    EXPECT_EQ(twice.err, "sorvexa-sff2bam: bad.sff: " + broken_cases()[0].message + "\n");
+    EXPECT_FALSE(std::filesystem::exists(d / "x.bam"));
     struct row {
         std::vector<std::string> args;
         std::string err;
