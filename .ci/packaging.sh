@@ -5,11 +5,13 @@
 #
 #  1. install tree: `cmake --install` into a temporary prefix; every installed header compiles
 #     on its own with only <prefix>/include on the path; a downstream CMake project
-#     (tests/consumer) and a pkg-config build against it, run on the example ACE file; the
+#     (tests/consumer) and a pkg-config build against it, run on the example ACE file, and its
+#     htslib side (Sorvexa::hts, pkg-config sorvexa-hts) on the example's SFF file; the
 #     Python module imported from the prefix and run on the same file;
 #  2. Debian packages: `dpkg-buildpackage -us -uc -b` (the README's command) on a copy of the
 #     tree, lintian on the four packages (any error or warning fails), their metadata and
-#     contents, dpkg -i, Sorvexa and sorvexa-flowcheck from PATH on the bundled example,
+#     contents, dpkg -i, Sorvexa, sorvexa-flowcheck and sorvexa-sff2bam from PATH on the bundled
+#     example,
 #     tests/consumer built against the installed packages with CMake and with pkg-config, the
 #     Python module imported by /usr/bin/python3 and run on the example, the man pages, dpkg -r;
 #  3. example page: contig_page rendered by headless Chromium, the screenshot must not be blank.
@@ -47,7 +49,8 @@ die() {
     exit 1
 }
 
-for f in "$build/Sorvexa" "$build/flowcheck/sorvexa-flowcheck" "$build/examples/contig_page" "$ace"; do
+for f in "$build/Sorvexa" "$build/flowcheck/sorvexa-flowcheck" "$build/sff2bam/sorvexa-sff2bam" \
+    "$build/examples/contig_page" "$ace"; do
     [ -e "$f" ] || die "$f is missing: run 'cmake --preset release && cmake --build --preset release' first"
 done
 
@@ -77,6 +80,20 @@ awk '/^CO /{n++; len=$3} n==1 && /^AF / && $4 >= 1 && $4 <= len {print $2}' "$ac
 expected_count=$(wc -l <"$tmp/expected_ids")
 [ "$expected_count" -gt 0 ] || die "no read placed in the first contig of $ace"
 
+# check_hts LABEL BINARY: the htslib side of the library (tests/consumer/hts_main.cpp) turns
+# every read of the example's first SFF file into a SAM record with its flowgram.
+check_hts() {
+    local label=$1 bin=$2 sff=$PWD/$build/example/example_a.sff
+    if "$bin" "$sff" >"$tmp/hts.out" 2>"$tmp/hts.err" &&
+        [ "$(head -n 1 "$tmp/hts.out")" = "$("$build/sff2bam/sorvexa-sff2bam" -O sam -o - "$sff" 2>/dev/null | grep -c -v '^@')" ] &&
+        sed -n 2p "$tmp/hts.out" | grep -q $'\t4\t\\*\t0\t0\t.*\tFZ:B:S,.*\tZF:i:[0-9]*\tRG:Z:rg$'; then
+        pass "$label made $(head -n 1 "$tmp/hts.out") SAM records with their flowgrams"
+    else
+        cat "$tmp/hts.err" "$tmp/hts.out" | head -n 5
+        fail "$label did not make the example's SAM records"
+    fi
+}
+
 # check_ids LABEL FILE: FILE holds the first contig's read ids, each exactly once.
 check_ids() {
     local label=$1 out=$2
@@ -94,10 +111,11 @@ check_ids() {
 echo "== install tree"
 prefix=$tmp/prefix
 cmake --install "$build" --prefix "$prefix" >"$tmp/install.log"
-for f in bin/Sorvexa bin/sorvexa-flowcheck lib/libsorvexa.a include/sorvexa/ace.h \
-    include/sorvexa/contig.h include/sorvexa/flowcheck.h lib/cmake/Sorvexa/SorvexaConfig.cmake \
-    lib/cmake/Sorvexa/SorvexaConfigVersion.cmake lib/pkgconfig/sorvexa.pc \
-    share/man/man1/Sorvexa.1 share/man/man1/sorvexa-flowcheck.1; do
+for f in bin/Sorvexa bin/sorvexa-flowcheck bin/sorvexa-sff2bam lib/libsorvexa.a lib/libsorvexa_hts.a \
+    include/sorvexa/ace.h include/sorvexa/contig.h include/sorvexa/flowcheck.h \
+    include/sorvexa/sff_sam.h lib/cmake/Sorvexa/SorvexaConfig.cmake \
+    lib/cmake/Sorvexa/SorvexaConfigVersion.cmake lib/pkgconfig/sorvexa.pc lib/pkgconfig/sorvexa-hts.pc \
+    share/man/man1/Sorvexa.1 share/man/man1/sorvexa-flowcheck.1 share/man/man1/sorvexa-sff2bam.1; do
     [ -e "$prefix/$f" ] || fail "install tree lacks $f"
 done
 pass "cmake --install into a temporary prefix"
@@ -143,6 +161,7 @@ if cmake -S tests/consumer -B "$tmp/consumer" -G Ninja -DCMAKE_BUILD_TYPE=Releas
     else
         fail "consumer exited with status $?"
     fi
+    check_hts "consumer_hts (Sorvexa::hts, install tree)" "$tmp/consumer/consumer_hts"
 else
     cat "$tmp/consumer.log"
     fail "tests/consumer does not build against the install tree"
@@ -160,6 +179,14 @@ if flags=$(PKG_CONFIG_PATH="$prefix/lib/pkgconfig" pkg-config --cflags --libs so
 else
     head -n 5 "$tmp/pc.log" 2>/dev/null || true
     fail "g++ \$(pkg-config --cflags --libs sorvexa) against the install tree (flags: ${flags:-none})"
+fi
+if flags=$(PKG_CONFIG_PATH="$prefix/lib/pkgconfig" pkg-config --cflags --libs sorvexa-hts) &&
+    read -r -a flag_list <<<"$flags" &&
+    g++ -o "$tmp/consumer_hts_pc" tests/consumer/hts_main.cpp "${flag_list[@]}" 2>"$tmp/pc.log"; then
+    check_hts "consumer_hts (pkg-config sorvexa-hts, install tree)" "$tmp/consumer_hts_pc"
+else
+    head -n 5 "$tmp/pc.log" 2>/dev/null || true
+    fail "g++ \$(pkg-config --cflags --libs sorvexa-hts) against the install tree (flags: ${flags:-none})"
 fi
 
 # check_python LABEL [PYTHONPATH]: /usr/bin/python3 imports sorvexa (from PYTHONPATH when
@@ -261,17 +288,23 @@ for deb in "$tool_deb" "$dev_deb" "$browse_deb" "$python_deb"; do
 done
 [ "$(field "$tool_deb" Section)" = science ] && [ "$(field "$dev_deb" Section)" = libdevel ] &&
     pass "sections: science, libdevel" || fail "sections: $(field "$tool_deb" Section), $(field "$dev_deb" Section)"
+# The C/C++ runtime and htslib's (sorvexa-sff2bam), nothing else.
 extra=$(field "$tool_deb" Depends | tr ',|' '\n' | sed -e 's/(.*)//' -e 's/[[:space:]]//g' |
-    grep -v -x -e '' -e libc6 -e libstdc++6 -e libgcc-s1 || true)
-[ -z "$extra" ] && pass "sorvexa Depends: $(field "$tool_deb" Depends)" ||
-    fail "sorvexa depends on more than the C/C++ runtime: $extra"
+    grep -v -x -e '' -e libc6 -e libstdc++6 -e libgcc-s1 -e 'libhts[0-9]*' || true)
+[ -z "$extra" ] && field "$tool_deb" Depends | grep -q 'libhts' &&
+    pass "sorvexa Depends: $(field "$tool_deb" Depends)" ||
+    fail "sorvexa depends on more than the C/C++ and htslib runtimes, or not on htslib's: $(field "$tool_deb" Depends)"
+field "$dev_deb" Depends | grep -q 'libhts-dev' && pass "libsorvexa-dev Depends: $(field "$dev_deb" Depends)" ||
+    fail "libsorvexa-dev does not depend on libhts-dev: $(field "$dev_deb" Depends)"
 for f in /usr/bin/Sorvexa /usr/share/man/man1/Sorvexa.1.gz /usr/bin/sorvexa-flowcheck \
-    /usr/share/man/man1/sorvexa-flowcheck.1.gz; do
+    /usr/share/man/man1/sorvexa-flowcheck.1.gz /usr/bin/sorvexa-sff2bam \
+    /usr/share/man/man1/sorvexa-sff2bam.1.gz; do
     grep -q -x -F "$f" "$tmp/sorvexa.list" || fail "sorvexa lacks $f"
 done
 for f in /usr/include/sorvexa/ace.h /usr/include/sorvexa/contig.h /usr/include/sorvexa/sff.h \
-    /usr/include/sorvexa/flowcheck.h "/usr/lib/$multiarch/libsorvexa.a" "/usr/lib/$multiarch/pkgconfig/sorvexa.pc" \
-    "/usr/lib/$multiarch/cmake/Sorvexa/SorvexaConfig.cmake"; do
+    /usr/include/sorvexa/flowcheck.h /usr/include/sorvexa/sff_sam.h "/usr/lib/$multiarch/libsorvexa.a" \
+    "/usr/lib/$multiarch/libsorvexa_hts.a" "/usr/lib/$multiarch/pkgconfig/sorvexa.pc" \
+    "/usr/lib/$multiarch/pkgconfig/sorvexa-hts.pc" "/usr/lib/$multiarch/cmake/Sorvexa/SorvexaConfig.cmake"; do
     grep -q -x -F "$f" "$tmp/libsorvexa-dev.list" || fail "libsorvexa-dev lacks $f"
 done
 for f in /usr/bin/sorvexa-browse /usr/share/man/man1/sorvexa-browse.1.gz; do
@@ -370,6 +403,24 @@ else
     fail "sorvexa-flowcheck on PATH is '$(command -v sorvexa-flowcheck || true)', not /usr/bin/sorvexa-flowcheck"
 fi
 
+if [ "$(command -v sorvexa-sff2bam)" = /usr/bin/sorvexa-sff2bam ]; then
+    readelf -S /usr/bin/sorvexa-sff2bam | grep -q -e '\.symtab' -e '\.debug_' &&
+        fail "/usr/bin/sorvexa-sff2bam is not stripped" || pass "/usr/bin/sorvexa-sff2bam is stripped"
+    # The example's SFF files as SAM text through the installed converter: the build tree's
+    # records (the @PG line names the command and differs).
+    sffs=("$PWD/$build/example/example_a.sff" "$PWD/$build/example/example_b.sff")
+    if sorvexa-sff2bam -O sam -o - "${sffs[@]}" 2>"$tmp/sff2bam.err" | grep -v '^@PG' >"$tmp/sff2bam.sam" &&
+        "$build/sff2bam/sorvexa-sff2bam" -O sam -o - "${sffs[@]}" 2>/dev/null | grep -v '^@PG' >"$tmp/sff2bam_ref.sam" &&
+        cmp -s "$tmp/sff2bam.sam" "$tmp/sff2bam_ref.sam" && grep -q $'\tFZ:B:S,' "$tmp/sff2bam.sam"; then
+        pass "sorvexa-sff2bam from PATH on the bundled example: $(grep -c -v '^@' "$tmp/sff2bam.sam") records, as the build tree's"
+    else
+        cat "$tmp/sff2bam.err"
+        fail "sorvexa-sff2bam from PATH on the bundled example"
+    fi
+else
+    fail "sorvexa-sff2bam on PATH is '$(command -v sorvexa-sff2bam || true)', not /usr/bin/sorvexa-sff2bam"
+fi
+
 # The packaged CMake package, found in the multiarch directory (CMAKE_PREFIX_PATH=/usr named,
 # so that an install under /usr/local on a developer's machine is not picked up instead).
 if cmake -S tests/consumer -B "$tmp/consumer_deb" -G Ninja -DCMAKE_BUILD_TYPE=Release \
@@ -379,6 +430,7 @@ if cmake -S tests/consumer -B "$tmp/consumer_deb" -G Ninja -DCMAKE_BUILD_TYPE=Re
     found=$(sed -n 's/^Sorvexa_DIR:PATH=//p' "$tmp/consumer_deb/CMakeCache.txt")
     if [ "$found" = "/usr/lib/$multiarch/cmake/Sorvexa" ]; then
         check_ids "consumer (CMake, installed packages)" "$tmp/consumer_deb.out"
+        check_hts "consumer_hts (Sorvexa::hts, installed packages)" "$tmp/consumer_deb/consumer_hts"
     else
         fail "find_package(Sorvexa) used $found, not /usr/lib/$multiarch/cmake/Sorvexa"
     fi
@@ -406,7 +458,7 @@ so=$(find /usr/lib/python3/dist-packages/sorvexa -name '_sorvexa*.so' | head -n 
 [ -n "$so" ] && ! readelf -S "$so" | grep -q -e '\.symtab' -e '\.debug_' &&
     pass "$so is stripped" || fail "the Python extension '$so' is missing or not stripped"
 
-for page in Sorvexa sorvexa-browse sorvexa-flowcheck; do
+for page in Sorvexa sorvexa-browse sorvexa-flowcheck sorvexa-sff2bam; do
     manpage=$(man -w "$page" 2>/dev/null || true)
     if [ "$manpage" = "/usr/share/man/man1/$page.1.gz" ]; then
         warnings=$(man --warnings -l "$manpage" 2>&1 >/dev/null || true)
@@ -420,7 +472,7 @@ done
 if dpkg -r sorvexa sorvexa-browse libsorvexa-dev python3-sorvexa >"$tmp/dpkg-r.log" 2>&1; then
     debs_installed=0
     [ ! -e /usr/bin/Sorvexa ] && [ ! -e /usr/bin/sorvexa-browse ] &&
-        [ ! -e /usr/bin/sorvexa-flowcheck ] && [ ! -e /usr/include/sorvexa ] &&
+        [ ! -e /usr/bin/sorvexa-flowcheck ] && [ ! -e /usr/bin/sorvexa-sff2bam ] && [ ! -e /usr/include/sorvexa ] &&
         [ ! -e "/usr/lib/$multiarch/libsorvexa.a" ] &&
         [ ! -e /usr/lib/python3/dist-packages/sorvexa ] &&
         pass "dpkg -r removed the four packages" || fail "files left behind after dpkg -r"

@@ -1,5 +1,6 @@
-# Installation: the tools Sorvexa and sorvexa-flowcheck with their man pages, the library with its headers, a CMake package
-# (Sorvexa::core) and a pkg-config file. The Debian packages are built from this by debian/
+# Installation: the tools Sorvexa, sorvexa-flowcheck and sorvexa-sff2bam with their man pages, the
+# library with its headers, a CMake package (Sorvexa::core, and Sorvexa::hts for the htslib side)
+# and pkg-config files (sorvexa, sorvexa-hts). The Debian packages are built from this by debian/
 # (dpkg-buildpackage); see the README.
 #
 # The headers are written as they are installed: include/sorvexa/ is copied as a folder, and
@@ -21,8 +22,16 @@ cmake_language(DEFER DIRECTORY ${PROJECT_SOURCE_DIR} CALL
                install TARGETS sorvexa-flowcheck RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES ${PROJECT_SOURCE_DIR}/man/sorvexa-flowcheck.1
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+# sorvexa-sff2bam likewise (it links htslib, so the package sorvexa depends on its runtime).
+cmake_language(DEFER DIRECTORY ${PROJECT_SOURCE_DIR} CALL
+               install TARGETS sorvexa-sff2bam RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(FILES ${PROJECT_SOURCE_DIR}/man/sorvexa-sff2bam.1
+        DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 
-install(TARGETS sorvexa_core EXPORT SorvexaTargets ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+# Sorvexa::hts links htslib as the build found it (the imported target PkgConfig::HTSLIB), which
+# SorvexaConfig.cmake finds again for consumers through pkg-config.
+install(TARGETS sorvexa_core sorvexa_hts EXPORT SorvexaTargets
+        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(DIRECTORY ${SORVEXA_HEADER_ROOT}/sorvexa DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(EXPORT SorvexaTargets NAMESPACE Sorvexa:: DESTINATION ${SORVEXA_CMAKE_DIR})
 
@@ -40,5 +49,8 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/SorvexaConfig.cmake
 file(RELATIVE_PATH SORVEXA_PC_TO_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 string(REGEX REPLACE "/$" "" SORVEXA_PC_TO_PREFIX "${SORVEXA_PC_TO_PREFIX}")
 configure_file(${CMAKE_CURRENT_LIST_DIR}/sorvexa.pc.in ${CMAKE_CURRENT_BINARY_DIR}/sorvexa.pc @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/sorvexa.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+configure_file(${CMAKE_CURRENT_LIST_DIR}/sorvexa-hts.pc.in ${CMAKE_CURRENT_BINARY_DIR}/sorvexa-hts.pc
+               @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/sorvexa.pc ${CMAKE_CURRENT_BINARY_DIR}/sorvexa-hts.pc
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 

@@ -1,5 +1,7 @@
 #include <sorvexa/flow_tags.h>
 
+#include <htslib/hts_endian.h>
+
 #include <cctype>
 #include <cstring>
 #include <limits>
@@ -72,4 +74,46 @@ bool set_record_flows(bam1_t* record, std::span<const std::uint16_t> flowgram,
                              const_cast<std::uint16_t*>(flowgram.data())) != 0)
         return false;
     return bam_aux_update_int(record, "ZF", first_flow) == 0;
+}
+
+bool append_record_flows(bam1_t* record, std::span<const std::uint16_t> flowgram,
+                         std::int32_t first_flow) {
+    const auto n = static_cast<std::uint32_t>(flowgram.size());
+    const std::size_t need = record_flows_size(flowgram.size());
+    if (record->l_data < 0 || record->m_data < static_cast<std::size_t>(record->l_data) + need) {
+        // No room reserved: htslib's own appends, which grow the record.
+        if (bam_aux_update_array(record, "FZ", 'S', n, const_cast<std::uint16_t*>(flowgram.data())) != 0)
+            return false;
+        return first_flow < 0 || bam_aux_update_int(record, "ZF", first_flow) == 0;
+    }
+    std::uint8_t* p = record->data + record->l_data;
+    *p++ = 'F';
+    *p++ = 'Z';
+    *p++ = 'B';
+    *p++ = 'S';
+    u32_to_le(n, p);
+    p += 4;
+    for (std::uint16_t v : flowgram) {
+        u16_to_le(v, p);
+        p += 2;
+    }
+    if (first_flow >= 0) {
+        *p++ = 'Z';
+        *p++ = 'F';
+        const auto v = static_cast<std::uint32_t>(first_flow);
+        if (v <= std::numeric_limits<std::uint8_t>::max()) {
+            *p++ = 'C';
+            *p++ = static_cast<std::uint8_t>(v);
+        } else if (v <= std::numeric_limits<std::uint16_t>::max()) {
+            *p++ = 'S';
+            u16_to_le(static_cast<std::uint16_t>(v), p);
+            p += 2;
+        } else {
+            *p++ = 'I';
+            u32_to_le(v, p);
+            p += 4;
+        }
+    }
+    record->l_data = static_cast<int>(p - record->data);
+    return true;
 }

@@ -6,6 +6,7 @@
 
 #include <htslib/sam.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -29,3 +30,14 @@ std::int32_t record_first_flow(const bam1_t* record);
 // Sets FZ and ZF on the record; false when htslib cannot grow it.
 bool set_record_flows(bam1_t* record, std::span<const std::uint16_t> flowgram,
                       std::int32_t first_flow);
+// Appends FZ and, unless `first_flow` is negative, ZF to a record that has neither, without
+// looking for them first: the same tags as set_record_flows (ZF in the smallest integer type
+// that holds it, as htslib chooses), for a writer that builds each record afresh. Writes in
+// place when the record has room (bam_set1's l_aux can reserve it:
+// record_flows_size(flowgram.size()) bytes); false when htslib cannot grow it.
+bool append_record_flows(bam1_t* record, std::span<const std::uint16_t> flowgram,
+                         std::int32_t first_flow);
+// The bytes append_record_flows adds for a flowgram of `flows` values, ZF included.
+inline constexpr std::size_t record_flows_size(std::size_t flows) {
+    return 3 + 1 + 4 + 2 * flows + 3 + 4;
+}
