@@ -8,8 +8,8 @@
 # known truth (2 contigs x 15,000 bases, 40 errors planted in the consensus; the scenarios are
 # bench/flowcheck.sh's, and --scenarios picks among them). The ACE path runs as there; then the
 # consensus it read (PREFIX.consensus.fa, planted errors and all) becomes the reference, the
-# reads of each SFF file become FASTQ with their flows in SAM tags (tests/support/sff_fastq,
-# one read group per file), minimap2 -y -ax sr aligns them, samtools sorts and indexes, and
+# reads go the README's way: sorvexa-sff2bam (one read group per file, the flows in FZ and
+# ZF), samtools fastq -T FZ,ZF,RG, minimap2 -y -ax sr, samtools sorts and indexes, and
 # sorvexa-flowcheck --bam checks the reference. flowcheck_eval.py scores both the same way;
 # targets: the BAM path's called share and false calls as the ACE path's, polished = truth in
 # every set of the 12-deep scenarios without wild values.
@@ -44,7 +44,7 @@ done
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 eval_py=$root/bench/flowcheck_eval.py
-targets=(sorvexa-flowcheck sim_assembly sff_fastq)
+targets=(sorvexa-flowcheck sim_assembly sorvexa-sff2bam)
 if [[ -z $build ]]; then
     (cd "$root" && cmake --preset bench >/dev/null && cmake --build --preset bench -j 2 --target "${targets[@]}")
     build=$root/build/bench
@@ -54,26 +54,22 @@ else
 fi
 flowcheck=$build/flowcheck/sorvexa-flowcheck
 sim=$build/tests/support/sim_assembly
-sff_fastq=$build/tests/support/sff_fastq
+sff2bam=$build/sff2bam/sorvexa-sff2bam
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 
-# align OUT REF SFF...: OUT.bam, sorted and indexed, one read group per SFF file.
+# align OUT REF SFF...: OUT.bam, sorted and indexed, one read group per SFF file; the
+# groups' header lines come back from the unaligned BAM, as the README shows.
 align() {
     local out=$1 ref=$2
     shift 2
-    local k=0 groups=$out.rg fastq=$out.fq
-    : >"$groups"
-    : >"$fastq"
-    for sff in "$@"; do
-        "$sff_fastq" "g$k" "$out.rg$k" "$sff" >>"$fastq"
-        cat "$out.rg$k" >>"$groups"
-        k=$((k + 1))
-    done
-    minimap2 -t 2 -y -ax sr "$ref" "$fastq" 2>/dev/null | sed "1r $groups" |
+    "$sff2bam" -o "$out.reads.bam" "$@" 2>/dev/null
+    samtools view -H "$out.reads.bam" | grep '^@RG' >"$out.rg"
+    samtools fastq -T FZ,ZF,RG "$out.reads.bam" 2>/dev/null |
+        minimap2 -t 2 -y -ax sr "$ref" - 2>/dev/null | sed "1r $out.rg" |
         samtools sort -@ 1 -m 500M -o "$out.bam" - 2>/dev/null
     samtools index "$out.bam"
-    rm -f "$fastq"
+    rm -f "$out.reads.bam"
 }
 
 # Scenario NAME|DEPTH|POLISH|OPTIONS, as bench/flowcheck.sh has them.

@@ -1,14 +1,15 @@
 #!/usr/bin/env bash
 # sorvexa-flowcheck --bam on reads aligned as an aligner leaves them: the consensus of each
-# assembly in tests/data as the reference, its SFF reads as FASTQ with their flows in SAM tags
-# (or bare, to be tied by name through the SFF file), minimap2, samtools sort and index. At
+# assembly in tests/data as the reference, its SFF reads through sorvexa-sff2bam and samtools
+# fastq with their flows in SAM tags (or bare, to be tied by name through the SFF file),
+# minimap2, samtools sort and index. At
 # least 99% of the aligned reads are tied; a base taken out of a homopolymer of the reference
 # is called back, and the polished sequence is the reference as it was. Inputs that cannot
 # serve stop the run with one line and no output file.
-#   bash tests/alignment_pipeline.sh FLOWCHECK_BINARY SFF_FASTQ_BINARY   (77: no minimap2 or samtools)
+#   bash tests/alignment_pipeline.sh FLOWCHECK_BINARY SFF2BAM_BINARY   (77: no minimap2 or samtools)
 set -uo pipefail
 flowcheck=$(realpath "$1")
-sff_fastq=$(realpath "$2")
+sff2bam=$(realpath "$2")
 root=$(cd "$(dirname "$0")/.." && pwd)
 data=$root/tests/data
 for tool in minimap2 samtools python3; do
@@ -40,8 +41,10 @@ tied_enough() {
     [ -n "$tied" ] && [ "$aligned" -gt 0 ] && [ $((tied * 100)) -ge $((aligned * 99)) ]
 }
 
-"$sff_fastq" run1 rg.txt "$data/sim454.sff" >flows.fq
-"$sff_fastq" --no-flows run1 rg.txt "$data/sim454.sff" >bare.fq
+"$sff2bam" -o reads.bam "$data/sim454.sff" 2>/dev/null
+samtools view -H reads.bam | grep '^@RG' >rg.txt
+samtools fastq -T FZ,ZF,RG reads.bam >flows.fq 2>/dev/null
+samtools fastq -T RG reads.bam >bare.fq 2>/dev/null
 sed '/^QA /{n;/^$/{N;s/^\nDS /DS /}}' "$data/mira4.ace" >mira.ace
 sed -E 's/^(AF|RD) ([^ ]+)\.[fr] /\1 \2 /' "$data/gap5.ace" >gap5.ace
 for set in mira gap5; do
