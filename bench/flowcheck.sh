@@ -3,7 +3,7 @@
 # Sorvexa -f on the benchmark data set.
 #
 #   bench/flowcheck.sh [--seeds K] [--runs K] [--data DIR] [--build DIR] [--only accuracy|speed]
-#                      [--scenarios NAME,NAME,...]
+#                      [--scenarios NAME,NAME,...] [--through ace|bam]
 #
 # Accuracy: sim_assembly writes assemblies of 2 contigs x 15,000 bases with 40 errors planted
 # in the consensus, for seeds 1..K (default 5) of each scenario (--scenarios picks some):
@@ -44,12 +44,20 @@
 # (bench/run.sh: 16 MiB + 96 B per read of the set) plus 16 MiB (the check adds one contig's
 # runs to the read index, so its memory grows with the largest contig, not with the run).
 #
+# --through bam takes every set (and the speed data set) the way a user with SFF files and a
+# reference goes: the reads through sorvexa-sff2bam, samtools fastq -T FZ,ZF,RG, minimap2 -y
+# -ax sr against the set's consensus as the ACE file has it (planted errors and all, from
+# the ACE run's PREFIX.consensus.fa), samtools sort and index; then sorvexa-flowcheck --bam
+# --ref on that, scored against the same truth with the same targets. Speed then times the
+# BAM run against the ACE run of sorvexa-flowcheck (target: within 2 times).
+#
 # The bench preset (build/bench) is built with the targets needed, unless --build names
 # another configured build tree to take them from.
 set -euo pipefail
 
 seeds=5
 runs=5
+through=ace
 data=/tmp/sorvexa-bench
 build=
 only=
@@ -67,6 +75,7 @@ while (($# > 0)); do
         --build) build=${2:?--build needs a directory}; shift 2 ;;
         --only) only=${2:?--only needs accuracy or speed}; shift 2 ;;
         --scenarios) picked=${2:?--scenarios needs a comma-separated list}; shift 2 ;;
+        --through) through=${2:?--through needs ace or bam}; shift 2 ;;
         -h | --help) usage; exit 0 ;;
         *) echo "flowcheck.sh: unknown argument $1" >&2; usage >&2; exit 2 ;;
     esac
@@ -74,6 +83,12 @@ done
 [[ $seeds =~ ^[0-9]+$ && $seeds -gt 0 ]] || { echo "flowcheck.sh: --seeds takes a positive number" >&2; exit 2; }
 [[ $runs =~ ^[0-9]+$ && $runs -gt 0 ]] || { echo "flowcheck.sh: --runs takes a positive number" >&2; exit 2; }
 [[ -z $only || $only == accuracy || $only == speed ]] || { echo "flowcheck.sh: --only takes accuracy or speed" >&2; exit 2; }
+[[ $through == ace || $through == bam ]] || { echo "flowcheck.sh: --through takes ace or bam" >&2; exit 2; }
+if [[ $through == bam ]]; then
+    for t in samtools minimap2; do
+        command -v $t >/dev/null || { echo "flowcheck.sh: --through bam needs $t" >&2; exit 1; }
+    done
+fi
 
 # Scenario NAME|DEPTH|POLISH|OPTIONS: DEPTH is the depth the called share is judged at (7
 # for 6-8), POLISH whether every set's polished consensus must be the truth, OPTIONS those of
@@ -117,6 +132,7 @@ fi
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 eval_py=$root/bench/flowcheck_eval.py
 targets=(Sorvexa sorvexa-flowcheck sim_assembly make_dataset)
+[[ $through == ace ]] || targets+=(sorvexa-sff2bam)
 
 if [[ $only != accuracy && ! -x /usr/bin/time ]]; then
     if [[ $(id -u) -eq 0 ]]; then
@@ -145,6 +161,8 @@ sim=$build/tests/support/sim_assembly
 make_dataset=$build/examples/make_dataset
 flowcheck=$build/flowcheck/sorvexa-flowcheck
 [[ -x $flowcheck ]] || flowcheck=$build/sorvexa-flowcheck
+sff2bam=$build/sff2bam/sorvexa-sff2bam
+[[ -x $sff2bam || $through == ace ]] || sff2bam=$build/sorvexa-sff2bam
 for b in "$tool" "$sim" "$make_dataset" "$flowcheck"; do
     [[ -x $b ]] || { echo "flowcheck.sh: $b was not built" >&2; exit 1; }
 done
@@ -178,7 +196,22 @@ make_set() {
     run_or_fail "$dir/check.log" python3 "$eval_py" check-records "$dir/sim.ace" "$dir/sim.reads"
     run_or_fail "$dir/fc.log" "$flowcheck" "$dir/sim.ace" "${sffs[@]}" -o "$dir/fc"
     run_or_fail "$dir/all.log" "$flowcheck" --all "$dir/sim.ace" "${sffs[@]}" -o "$dir/all"
+    if [[ $through == bam ]]; then
+        align "$dir/fc.consensus.fa" "$dir/aln.bam" "$dir/align.log" 2 "${sffs[@]}"
+        run_or_fail "$dir/bam.log" "$flowcheck" --bam "$dir/aln.bam" --ref "$dir/fc.consensus.fa" -o "$dir/bam"
+        run_or_fail "$dir/bamall.log" "$flowcheck" --all --bam "$dir/aln.bam" --ref "$dir/fc.consensus.fa" -o "$dir/bamall"
+    fi
     : >"$dir/done"
+}
+
+# align REF OUT.bam LOG THREADS SFF...: the reads of the SFF files aligned to REF with their
+# flowgrams, sorted and indexed, as the README shows it.
+align() {
+    local ref=$1 out=$2 log=$3 threads=$4
+    shift 4
+    run_or_fail "$log" "$sff2bam" -o "${out%.bam}.reads.bam" "$@"
+    run_or_fail "$log" bash -c "set -o pipefail; samtools fastq -T FZ,ZF,RG '${out%.bam}.reads.bam' 2>/dev/null |
+        minimap2 -t $threads -y -ax sr '$ref' - 2>/dev/null | samtools sort -@ $threads -o '$out' - && samtools index '$out'"
 }
 
 accuracy() {
@@ -196,13 +229,18 @@ accuracy() {
             while (($(jobs -rp | wc -l) >= 2)); do wait -n || true; done
             # shellcheck disable=SC2086  # the scenario's options are words
             make_set "$dir" "$seed" $simopts &
-            sets+=("$dir/sim:$dir/fc:$dir/all")
+            if [[ $through == bam ]]; then
+                sets+=("$dir/sim:$dir/bam:$dir/bamall")
+            else
+                sets+=("$dir/sim:$dir/fc:$dir/all")
+            fi
         done
         wait
         for set in "${sets[@]}"; do
             [[ -f ${set%%/sim:*}/done ]] || exit 1
         done
         echo "   $label: $(tail -n 1 "$scratch/$label/s1/fc.log")"
+        [[ $through == ace ]] || echo "   $label through BAM: $(tail -n 1 "$scratch/$label/s1/bam.log")"
         python3 "$eval_py" score --label "$label" --depth "$depth" --polish "$polish" \
             --bases $((contigs * length)) "${sets[@]}" >"$scratch/score"
         head -n 1 "$scratch/score" >>"$rows"
@@ -266,9 +304,16 @@ speed() {
     cat "${sffs[@]}" "$dir/run.ace" >/dev/null
     echo "== $runs runs each on 200000 reads ($(du -shc "${sffs[@]}" | tail -1 | cut -f1) of SFF)"
     local i
+    if [[ $through == bam ]]; then
+        echo "== the reads aligned to the assembly's consensus (once)"
+        run_or_fail "$scratch/ref.log" "$flowcheck" "$dir/run.ace" "${sffs[@]}" -o "$scratch/ref"
+        align "$scratch/ref.consensus.fa" "$scratch/aln.bam" "$scratch/align.log" 2 "${sffs[@]}"
+    fi
     for ((i = 1; i <= runs; ++i)); do
         measure sorvexa "$tool" -f "$dir/run.ace" "${sffs[@]}"
         measure flowcheck "$flowcheck" "$dir/run.ace" "${sffs[@]}" -o "$scratch/fc"
+        [[ $through == ace ]] ||
+            measure bam "$flowcheck" --bam "$scratch/aln.bam" --ref "$scratch/ref.consensus.fa" -o "$scratch/fc"
         echo "   run $i of $runs done"
     done
     echo "   flowcheck: $(tail -n 1 "$scratch/stderr")"
@@ -294,6 +339,14 @@ speed() {
         "$(awk -v v="$time_ratio" 'BEGIN { print (v <= 2 ? "ok" : "OVER") }')"
     printf '%-48s %7s %9s  %s\n' "RSS flowcheck / (16 MiB + 96 B x reads + 16 MiB)" "$rss_ratio" "<= 1" \
         "$(awk -v v="$rss_ratio" 'BEGIN { print (v <= 1 ? "ok" : "OVER") }')"
+    if [[ $through == bam ]]; then
+        local tb rb bam_ratio
+        tb=$(median "$scratch/bam" 1)
+        rb=$(median "$scratch/bam" 2)
+        bam_ratio=$(awk -v a="$tb" -v b="$tf" 'BEGIN { printf "%.2f", (b > 0 ? a / b : 0) }')
+        printf '%-48s %7s %9s  %s   (%s s, %.1f MiB)\n' "time flowcheck --bam / flowcheck on the ACE file" "$bam_ratio" "<= 2" \
+            "$(awk -v v="$bam_ratio" 'BEGIN { print (v <= 2 ? "ok" : "OVER") }')" "$tb" "$(awk -v k="$rb" 'BEGIN { print k / 1024 }')"
+    fi
     echo
     echo "Medians of $runs runs; wall times as GNU time gives them (10 ms steps)."
 }
