@@ -158,6 +158,7 @@ response search_page(const site& s, std::string_view rest, const request& req) {
         return s.not_found("Nothing is served at /search/" + std::string(rest) + ".");
     const std::string q = req.param("q").value_or("");
     if (!q.empty() && (s.sff.holds(q) || s.ace.contig_of_read(q) >= 0)) return s.read(q);
+    if (s.bam != nullptr) return reference_search(s, q);
     html body, rows;
     body.markup("<h1>Reads found by name</h1>");
     std::int64_t shown = 0;

@@ -122,28 +122,29 @@ std::string signal_text(std::int32_t value) {
     return std::string(t.size() < 3 ? 3 - t.size() : 0, ' ') + t;
 }
 
-void signals_map_html(const drawn_contig& b, const window_page& v, const contig_evidence& e,
-                      const read_source& sff, html& names, html& map) {
+void signals_map_html(const contig& c, const window_page& v, const std::vector<hp_run>& runs,
+                      const std::vector<std::int32_t>& disputed,
+                      const std::map<std::string, tied_read>& tied,
+                      const std::function<std::string(const hp_run&)>& run_href, html& names,
+                      html& map) {
     const window_grid& g = v.grid;
-    std::vector<std::string> drawn;
-    for (const auto& row : g.reads)
-        for (const window_read& r : row) drawn.push_back(r.name);
-    const std::map<std::string, tied_read> tied = sff.tie(b.c(), drawn);
     std::vector<std::vector<std::int32_t>> values;
-    grid_signals(b.c(), g, lookup_in(tied), values);
-    const std::vector<std::int32_t> run_of = runs_of_flows(b.c(), e.check.runs, g);
+    grid_signals(c, g, lookup_in(tied), values);
+    const std::vector<std::int32_t> run_of = runs_of_flows(c, runs, g);
+    auto is_disputed = [&](std::int32_t i) {
+        return std::find(disputed.begin(), disputed.end(), i) != disputed.end();
+    };
     names.markup("<b>flows</b>\n<b>consensus</b>\n");
     for (char x : g.flow_letters) map.fill("   <span class=\"{}\">{}</span>", base_class(x), x);
     map.markup("\n");
     for (std::int32_t k = 0; k < g.flows; ++k) {
         const std::int32_t i = run_of[static_cast<std::size_t>(k)];
-        const hp_run* r = i < 0 ? nullptr : &e.check.runs[static_cast<std::size_t>(i)];
+        const hp_run* r = i < 0 ? nullptr : &runs[static_cast<std::size_t>(i)];
         std::string cell = r == nullptr ? "" : std::to_string(r->consensus_length);
-        if (r != nullptr && e.is_disputed(i)) cell += ">" + std::to_string(r->called_length);
+        if (r != nullptr && is_disputed(i)) cell += ">" + std::to_string(r->called_length);
         cell.insert(0, cell.size() < 4 ? 4 - cell.size() : 0, ' ');
-        if (r != nullptr && e.is_disputed(i))
-            map.fill("<a href=\"{}/run/{}\" class=\"sig-disputed\">{}</a>", contig_href(b.c().name),
-                     r->column, cell);
+        if (r != nullptr && is_disputed(i))
+            map.fill("<a href=\"{}\" class=\"sig-disputed\">{}</a>", run_href(*r), cell);
         else
             map.text(cell);
     }
