@@ -195,7 +195,7 @@ response site::contig_window(std::size_t index, const request& req) const {
     } else {
         if (signals_view && !fitting) h.markup(assets::signals_unread);
         h.markup(assets::counts_note);
-        flow_map_html(*d.b, v, fnames, fmap);
+        flow_map_html(d.b->c(), v, fnames, fmap);
     }
     map_block(h, "flow", fnames, fmap);
     if (ev != nullptr) {

@@ -4,6 +4,9 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sorvexa/ace_hints.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <iostream>
 #include <optional>
@@ -84,7 +87,7 @@ int serve_alignments(const options& o, browse::read_source& sff, std::optional<f
         std::cerr << "sorvexa-browse: " << st.message << "\n";
         return 1;
     }
-    if (models) bam.use_models(std::move(*models), "read from " + o.model);
+    if (models) bam.survey.use_models(std::move(*models), "read from " + o.model);
     browse::site site(none, sff);
     site.bam = &bam;
     browse::http_server server(site);
@@ -99,7 +102,8 @@ int serve_alignments(const options& o, browse::read_source& sff, std::optional<f
               << sff.lookup.size() << " reads indexed\n"
               << "Open http://" << (v6 ? "[" : "") << o.bind << (v6 ? "]" : "") << ":" << port
               << "/ in a web browser; Ctrl-C stops the server." << std::endl;
-    bam.start_background();
+    // Pages come first: the survey runs below the request threads' priority.
+    bam.survey.start([] { setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), 10); });
     int sig = 0;
     sigwait(&stop_signals, &sig);
     server.stop();

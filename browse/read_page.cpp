@@ -70,7 +70,7 @@ void placement(html& h, const site& s, const std::string& read_name) {
     if (s.bam != nullptr) {
         const auto& refs = s.bam->files.references();
         bool any = false;
-        for (const auto& p : s.bam->reads_named(read_name, 16))
+        for (const auto& p : s.bam->survey.reads_named(read_name, 16))
             if (p.name == read_name) {
                 const std::string& ref = refs[static_cast<std::size_t>(p.ref)].name;
                 h.fill("<p>Aligned to <a href=\"{}\">{} at {}</a>.</p>",
@@ -78,7 +78,7 @@ void placement(html& h, const site& s, const std::string& read_name) {
                        grouped(p.position));
                 any = true;
             }
-        if (!any && s.bam->names_ready())
+        if (!any && s.bam->survey.names_ready())
             h.markup("<p>No primary alignment of this read.</p>");
         else if (!any)
             h.markup("<p>The aligned reads' names are still being gathered.</p>");
@@ -116,8 +116,8 @@ response site::read(std::string_view path_name) const {
     enum { page_of_read, flows, bases } kind = page_of_read;
     auto known = [&](std::string_view n) {
         return ace.contig_of_read(n) >= 0 || sff.holds(std::string(n)) ||
-               (bam != nullptr && !bam->reads_named(n, 1).empty() &&
-                bam->reads_named(n, 1)[0].name == n);
+               (bam != nullptr && !bam->survey.reads_named(n, 1).empty() &&
+                bam->survey.reads_named(n, 1)[0].name == n);
     };
     if (!known(name)) {
         if (name.ends_with(".flows.tsv") && name.size() > 10) {

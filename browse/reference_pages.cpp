@@ -1,89 +1,15 @@
 // The pages of --bam: the references as contigs, each window read through the index when a
 // page asks for it. Positions are the reference's (1-based); a window's pad columns, where
 // reads insert, lie between them.
-#include <malloc.h>
-#include <sys/resource.h>
-#include <sys/syscall.h>
-#include <unistd.h>
-
 #include "browse_assets.h"
 #include "site.h"
 
 namespace browse {
 
-alignment_source::~alignment_source() {
-    stop_ = true;
-    if (worker_.joinable()) worker_.join();
-}
-
-void alignment_source::use_models(flow_models m, std::string origin) {
-    std::lock_guard lock(mutex_);
-    models_ = std::make_shared<const flow_models>(std::move(m));
-    model_origin_ = std::move(origin);
-}
-
-std::shared_ptr<const flow_models> alignment_source::models_if_ready(std::string* origin) const {
-    std::lock_guard lock(mutex_);
-    if (origin != nullptr) *origin = model_origin_;
-    return models_;
-}
-
-// The model first (windows show signals once it is there), then the table of names, then the
-// disputed runs reference by reference, below the request threads' priority.
-void alignment_source::start_background() {
-    if (worker_.joinable()) return;
-    disputed_.assign(files.references().size(), std::nullopt);
-    worker_ = std::thread([this] {
-        setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), 10);
-        if (models_if_ready() == nullptr) {
-            flow_models m;
-            (void)files.fit(m, stop_);
-            if (stop_) return;
-            use_models(std::move(m), "fitted to these alignments' signals");
-            malloc_trim(0);
-        }
-        std::vector<alignment_views::placed_read> names;
-        if (files.placements(names, stop_)) {
-            std::lock_guard lock(mutex_);
-            names_ = std::move(names);
-            names_ready_ = true;
-        }
-        const std::shared_ptr<const flow_models> m = models_if_ready();
-        for (std::size_t k = 0; k < disputed_.size() && !stop_; ++k) {
-            contig_report report;
-            std::vector<hp_run> runs, found;
-            if (!files.check(static_cast<std::int32_t>(k), *m, report, &runs)) continue;
-            for (const report_row& row : report.rows)
-                if (row.edited) found.push_back(row.run);
-            std::stable_sort(found.begin(), found.end(),
-                             [](const hp_run& a, const hp_run& b) { return a.score > b.score; });
-            std::lock_guard lock(mutex_);
-            disputed_[k] = std::move(found);
-        }
-    });
-}
-
-std::optional<std::vector<hp_run>> alignment_source::disputed(std::size_t ref) const {
-    std::lock_guard lock(mutex_);
-    return ref < disputed_.size() ? disputed_[ref] : std::nullopt;
-}
-
-std::vector<alignment_views::placed_read> alignment_source::reads_named(std::string_view prefix,
-                                                                        std::size_t most) const {
-    std::vector<alignment_views::placed_read> out;
-    if (!names_ready_) return out;
-    std::lock_guard lock(mutex_);
-    auto it = std::lower_bound(names_.begin(), names_.end(), prefix,
-                               [](const auto& p, std::string_view n) { return p.name < n; });
-    for (; it != names_.end() && it->name.starts_with(prefix) && out.size() < most; ++it)
-        out.push_back(*it);
-    return out;
-}
-
 std::shared_ptr<const reference_view> alignment_source::window(std::int32_t ref, std::int64_t first,
                                                                std::int64_t last,
                                                                std::string& why) {
-    const std::shared_ptr<const flow_models> m = models_if_ready();
+    const std::shared_ptr<const flow_models> m = survey.models();
     // A window checked under no model is kept apart from the same window checked.
     const std::size_t key =
         (static_cast<std::size_t>(ref) * 1'000'003 + static_cast<std::size_t>(first)) * 4'099 +
@@ -128,19 +54,19 @@ response site::reference_overview() const {
     fact(b, "reference", bam->ref_path);
     for (const std::string& f : sff.lookup.sff_names) fact(b, "SFF file", f);
     std::string origin;
-    const std::shared_ptr<const flow_models> m = bam->models_if_ready(&origin);
+    const std::shared_ptr<const flow_models> m = bam->survey.models(&origin);
     fact(b, "flow model",
          m == nullptr ? std::string("being fitted to these alignments' signals")
                       : origin + " (" + describe_models(*m) + ")");
-    fact(
-        b, "read names",
-        bam->names_ready() ? "indexed for search" : "being gathered: search finds reads once done");
+    fact(b, "read names",
+         bam->survey.names_ready() ? "indexed for search"
+                                   : "being gathered: search finds reads once done");
     b.markup(
         "</dl>\n<table class=\"contigs\"><thead><tr><th>reference</th><th>length</th>"
         "<th>disputed runs</th></tr></thead><tbody>\n");
     const auto& refs = bam->files.references();
     for (std::size_t k = 0; k < refs.size(); ++k) {
-        const std::optional<std::vector<hp_run>> d = bam->disputed(k);
+        const std::optional<std::vector<hp_run>> d = bam->survey.disputed(k);
         b.fill("<tr><td><a href=\"{}\">{}</a></td><td>{}</td><td>{}</td></tr>\n",
                contig_href(refs[k].name), refs[k].name, grouped(refs[k].length),
                d ? grouped(static_cast<std::int64_t>(d->size())) : std::string("..."));
@@ -229,21 +155,11 @@ response site::reference_window(std::size_t ref, const request& req) const {
             fmap);
     } else {
         h.markup(assets::counts_note);
-        fnames.markup("<i>column</i>\n<b>flows</b>\n");
-        fmap.fill("<span class=\"ruler\">{}</span>\n", flow_ruler(rv->c(), v.grid));
-        for (char x : v.grid.flow_letters)
-            fmap.fill(" <span class=\"{}\">{}</span>", base_class(x), x);
-        fmap.markup("\n");
-        for (std::size_t r = 0; r < v.grid.counts.size(); ++r) {
-            for (const window_read& rd : v.grid.reads[r]) read_link(fnames, rd.name);
-            fnames.markup("\n");
-            for (std::int16_t n : v.grid.counts[r]) fmap.text(std::string{' ', count_char(n)});
-            fmap.markup("\n");
-        }
+        flow_map_html(rv->c(), v, fnames, fmap);
     }
     h.markup("<div class=\"map flow\"><pre class=\"names\">").append(fnames);
     h.markup("</pre><pre class=\"seq\">").append(fmap).markup("</pre></div>\n");
-    if (const std::optional<std::vector<hp_run>> all = bam->disputed(ref)) {
+    if (const std::optional<std::vector<hp_run>> all = bam->survey.disputed(ref)) {
         h.fill("<h2>Disputed runs</h2><p>{} runs of {} whose flowgrams call another length.</p>",
                grouped(static_cast<std::int64_t>(all->size())), name);
         h.markup(
@@ -268,11 +184,11 @@ response site::reference_window(std::size_t ref, const request& req) const {
 response reference_search(const site& s, const std::string& q) {
     html body;
     body.markup("<h1>Reads found by name</h1>");
-    if (!s.bam->names_ready())
+    if (!s.bam->survey.names_ready())
         body.markup(
             "<p>The names of the aligned reads are still being gathered; try again in a "
             "moment.</p>");
-    const auto found = s.bam->reads_named(q, max_search_results);
+    const auto found = s.bam->survey.reads_named(q, max_search_results);
     const auto& refs = s.bam->files.references();
     if (!found.empty()) {
         body.markup(assets::found_head);
@@ -282,13 +198,13 @@ response reference_search(const site& s, const std::string& q) {
                       ref_window_href(ref, p.position - 20, 100), grouped(p.position));
         }
         body.markup("</tbody></table>");
-    } else if (s.bam->names_ready()) {
+    } else if (s.bam->survey.names_ready()) {
         body.fill("<p>{}</p>", q.empty()
                                    ? "Give a read name, or the beginning of one."
                                    : "No aligned read has a name beginning with \"" + q + "\".");
     }
     response r = page("Search: " + q, body);
-    if (found.empty() && s.bam->names_ready()) r.status = 404;
+    if (found.empty() && s.bam->survey.names_ready()) r.status = 404;
     return r;
 }
 

@@ -210,38 +210,21 @@ class evidence_store {
 };
 
 // The alignments of --bam: each reference a contig whose windows are read through the index
-// when asked for, the latest kept. The model, each reference's disputed runs and the table of
-// read names are made in the background, one after another, once the server is up.
+// when asked for, the latest kept; the rest comes from the survey once the server is up.
 class alignment_source {
   public:
     alignment_views files;
+    alignment_survey survey{files};
     std::string bam_path, ref_path;
     explicit alignment_source(std::size_t cache_size = 16,
                               std::size_t cache_bytes = std::size_t{96} << 20)
         : cache_(cache_size, cache_bytes) {}
-    ~alignment_source();
-    void use_models(flow_models m, std::string origin);
-    void start_background();
-    std::shared_ptr<const flow_models> models_if_ready(std::string* origin = nullptr) const;
-    // Null with `why` set when the file can not be read.
+    // Checked once the model is there; null with `why` set when the file can not be read.
     std::shared_ptr<const reference_view> window(std::int32_t ref, std::int64_t first,
                                                  std::int64_t last, std::string& why);
-    std::optional<std::vector<hp_run>> disputed(std::size_t ref) const;  // none: not yet
-    // Whether the table of names is made, and the reads whose names begin with `prefix`.
-    bool names_ready() const { return names_ready_; }
-    std::vector<alignment_views::placed_read> reads_named(std::string_view prefix,
-                                                          std::size_t most) const;
 
   private:
     lru_cache<reference_view> cache_;
-    std::mutex build_mutex_;
-    mutable std::mutex mutex_;
-    std::shared_ptr<const flow_models> models_;
-    std::string model_origin_;
-    std::vector<std::optional<std::vector<hp_run>>> disputed_;
-    std::vector<alignment_views::placed_read> names_;
-    std::atomic<bool> names_ready_{false}, stop_{false};
-    std::thread worker_;
 };
 
 struct response {
@@ -331,7 +314,7 @@ html flowgram_chart(const record_view& r);
 // A window's maps: names column and map, one line each per row; as text lines with the reads
 // of each row after them.
 void align_map_html(const window_page& v, html& names, html& map);
-void flow_map_html(const drawn_contig& b, const window_page& v, html& names, html& map);
+void flow_map_html(const contig& c, const window_page& v, html& names, html& map);
 // `tied`: the drawn reads tied to their flows; a disputed run links to run_href(run).
 void signals_map_html(const contig& c, const window_page& v, const std::vector<hp_run>& runs,
                       const std::vector<std::int32_t>& disputed,

@@ -85,10 +85,10 @@ void align_map_html(const window_page& v, html& names, html& map) {
     }
 }
 
-void flow_map_html(const drawn_contig& b, const window_page& v, html& names, html& map) {
+void flow_map_html(const contig& c, const window_page& v, html& names, html& map) {
     const window_grid& g = v.grid;
     names.markup("<i>column</i>\n<b>flows</b>\n");
-    map.fill("<span class=\"ruler\">{}</span>\n", flow_ruler(b.c(), v.grid));
+    map.fill("<span class=\"ruler\">{}</span>\n", flow_ruler(c, v.grid));
     for (char x : g.flow_letters) map.fill(" <span class=\"{}\">{}</span>", base_class(x), x);
     map.markup("\n");
     for (std::size_t r = 0; r < g.counts.size(); ++r) {

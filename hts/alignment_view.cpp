@@ -158,15 +158,13 @@ sorvexa::status alignment_views::fit(flow_models& out, const std::atomic<bool>& 
 }
 
 sorvexa::status alignment_views::check(std::int32_t ref, const flow_models& models,
-                                       contig_report& out, std::vector<hp_run>* runs) {
+                                       contig_report& out) {
     lease l(*this);
     if (l.file == nullptr) return l.why;
     flow_check check;
     check.models = models;
     if (ref < 0) return sorvexa::status::failure("no such reference sequence");
-    sorvexa::status st = check_reference(check, *l.file, static_cast<std::size_t>(ref), false, out);
-    if (runs != nullptr) *runs = std::move(check.runs);
-    return st;
+    return check_reference(check, *l.file, static_cast<std::size_t>(ref), false, out);
 }
 
 sorvexa::status alignment_views::placements(std::vector<placed_read>& out,
@@ -192,4 +190,71 @@ sorvexa::status alignment_views::placements(std::vector<placed_read>& out,
     if (got < -1) return sorvexa::status::failure(path_ + ": a record can not be read");
     std::sort(out.begin(), out.end());
     return {};
+}
+
+alignment_survey::~alignment_survey() {
+    stop_ = true;
+    if (worker_.joinable()) worker_.join();
+}
+
+void alignment_survey::use_models(flow_models m, std::string origin) {
+    std::lock_guard lock(mutex_);
+    models_ = std::make_shared<const flow_models>(std::move(m));
+    origin_ = std::move(origin);
+}
+
+std::shared_ptr<const flow_models> alignment_survey::models(std::string* origin) const {
+    std::lock_guard lock(mutex_);
+    if (origin != nullptr) *origin = origin_;
+    return models_;
+}
+
+// The model first: windows are checked once it is there, and the disputed runs need it.
+void alignment_survey::start(const std::function<void()>& setup) {
+    if (worker_.joinable()) return;
+    disputed_.assign(files_.references().size(), std::nullopt);
+    worker_ = std::thread([this, setup] {
+        if (setup) setup();
+        if (models() == nullptr) {
+            flow_models m;
+            (void)files_.fit(m, stop_);  // a failed fit leaves the fixed model
+            if (stop_) return;
+            use_models(std::move(m), "fitted to these alignments' signals");
+        }
+        std::vector<alignment_views::placed_read> names;
+        if (files_.placements(names, stop_)) {
+            std::lock_guard lock(mutex_);
+            names_ = std::move(names);
+            names_ready_ = true;
+        }
+        const std::shared_ptr<const flow_models> m = models();
+        for (std::size_t k = 0; k < disputed_.size() && !stop_; ++k) {
+            contig_report report;
+            std::vector<hp_run> found;
+            if (!files_.check(static_cast<std::int32_t>(k), *m, report)) continue;
+            for (const report_row& row : report.rows)
+                if (row.edited) found.push_back(row.run);
+            std::stable_sort(found.begin(), found.end(),
+                             [](const hp_run& a, const hp_run& b) { return a.score > b.score; });
+            std::lock_guard lock(mutex_);
+            disputed_[k] = std::move(found);
+        }
+    });
+}
+
+std::optional<std::vector<hp_run>> alignment_survey::disputed(std::size_t ref) const {
+    std::lock_guard lock(mutex_);
+    return ref < disputed_.size() ? disputed_[ref] : std::nullopt;
+}
+
+std::vector<alignment_views::placed_read> alignment_survey::reads_named(std::string_view prefix,
+                                                                        std::size_t most) const {
+    std::vector<alignment_views::placed_read> out;
+    if (!names_ready_) return out;
+    std::lock_guard lock(mutex_);
+    auto it = std::lower_bound(names_.begin(), names_.end(), prefix,
+                               [](const auto& p, std::string_view n) { return p.name < n; });
+    for (; it != names_.end() && it->name.starts_with(prefix) && out.size() < most; ++it)
+        out.push_back(*it);
+    return out;
 }

@@ -95,7 +95,7 @@ struct served {
     void fixed_model() {
         flow_check check;
         check.models.set_fixed(check.model, 1);
-        bam.use_models(std::move(check.models), "fixed");
+        bam.survey.use_models(std::move(check.models), "fixed");
     }
 };
 
@@ -155,12 +155,13 @@ TEST(BrowseBam, ModelNamesAndDisputedRunsFromTheBackground) {
     served s;
     // Before the names are gathered a search says so, rather than that nothing is found.
     EXPECT_TRUE(has(s.get("/search", {{"q", "r04"}}).body, "still being gathered"));
-    s.bam.start_background();
+    s.bam.survey.start();
     const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (!(s.bam.names_ready() && s.bam.disputed(0)) && std::chrono::steady_clock::now() < until)
+    while (!(s.bam.survey.names_ready() && s.bam.survey.disputed(0)) &&
+           std::chrono::steady_clock::now() < until)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    ASSERT_TRUE(s.bam.names_ready() && s.bam.disputed(0));
-    EXPECT_NE(s.bam.models_if_ready(), nullptr);
+    ASSERT_TRUE(s.bam.survey.names_ready() && s.bam.survey.disputed(0));
+    EXPECT_NE(s.bam.survey.models(), nullptr);
 
     const browse::response found = s.get("/search", {{"q", "r04"}});
     EXPECT_EQ(found.status, 200);

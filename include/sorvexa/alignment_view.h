@@ -12,10 +12,14 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <string_view>
+#include <thread>
 #include <vector>
 
 // Positions first..last (1-based) of a reference with the reads over them, laid out, tied and
@@ -61,8 +65,7 @@ class alignment_views {
     // it; `stop` ends the walk early (the fit is then made on what was gathered).
     sorvexa::status fit(flow_models& out, const std::atomic<bool>& stop);
     // The whole reference checked window by window (check_reference) into `out`.
-    sorvexa::status check(std::int32_t ref, const flow_models& models, contig_report& out,
-                          std::vector<hp_run>* runs = nullptr);
+    sorvexa::status check(std::int32_t ref, const flow_models& models, contig_report& out);
     // Where each primary alignment starts, by read name: a walk over the whole file, for a
     // search by name. Names in order; `stop` ends it early with a failure.
     struct placed_read {
@@ -85,4 +88,37 @@ class alignment_views {
     std::condition_variable freed_;
     std::vector<std::unique_ptr<alignment_file>> idle_;
     std::size_t opened_ = 0, max_ = 1;
+};
+
+// What a viewer learns of the whole file after start-up, in a thread of its own, one thing
+// after another: the model (unless one is given first), where each read is aligned, and each
+// reference's disputed runs. Each is there from the moment it is done; until then its getter
+// says it is not.
+class alignment_survey {
+  public:
+    explicit alignment_survey(alignment_views& files) : files_(files) {}
+    ~alignment_survey();
+    alignment_survey(const alignment_survey&) = delete;
+    alignment_survey& operator=(const alignment_survey&) = delete;
+
+    void use_models(flow_models m, std::string origin);
+    // `setup` runs first in the survey's thread (a viewer lowers its priority there).
+    void start(const std::function<void()>& setup = {});
+    std::shared_ptr<const flow_models> models(std::string* origin = nullptr) const;
+    bool names_ready() const { return names_ready_; }
+    // The primary alignments of the reads whose names begin with `prefix`, in name order.
+    std::vector<alignment_views::placed_read> reads_named(std::string_view prefix,
+                                                          std::size_t most) const;
+    // The runs of reference `ref` whose flowgrams call another length, highest score first.
+    std::optional<std::vector<hp_run>> disputed(std::size_t ref) const;
+
+  private:
+    alignment_views& files_;
+    mutable std::mutex mutex_;
+    std::shared_ptr<const flow_models> models_;
+    std::string origin_;
+    std::vector<alignment_views::placed_read> names_;
+    std::vector<std::optional<std::vector<hp_run>>> disputed_;
+    std::atomic<bool> names_ready_{false}, stop_{false};
+    std::thread worker_;
 };
