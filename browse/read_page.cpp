@@ -144,6 +144,21 @@ response site::read(std::string_view path_name) const {
     html h;
     h.fill("<h1>Read {}</h1>", read_name);
     placement(h, *this, read_name);
+    if (fetched == fetch_result::unknown && bam != nullptr) {
+        // A read no SFF file holds may carry its flowgram in its alignment (FZ).
+        std::string why;
+        for (const auto& p : bam->survey.reads_named(read_name, 16)) {
+            const auto v =
+                p.name == read_name ? bam->window(p.ref, p.position, p.position, why) : nullptr;
+            const auto t = v != nullptr ? v->tied.find(read_name) : decltype(v->tied.end()){};
+            if (v == nullptr || t == v->tied.end()) continue;
+            rec.flowgram = t->second.flowgram;
+            rec.flow_chars = t->second.flow_chars;
+            return page(
+                read_name,
+                h.markup("<h2>Flowgram from the alignment (FZ)</h2>").append(flowgram_chart(rec)));
+        }
+    }
     h.markup("<h2>SFF record</h2>");
     if (fetched != fetch_result::ok)
         return page(read_name,

@@ -171,6 +171,7 @@ TEST(BrowseBam, ModelNamesAndDisputedRunsFromTheBackground) {
     const browse::response read = s.get("/read/r040");
     EXPECT_EQ(read.status, 200);
     EXPECT_TRUE(has(read.body, "ref at 1,001")) << read.body;
+    EXPECT_TRUE(has(read.body, "<svg class=\"flowgram\"")) << "no SFF file: the flows of FZ";
     EXPECT_FALSE(has(s.get("/").body, "<td>...</td>")) << "every reference counted";
     EXPECT_TRUE(has(s.get("/contig/ref").body, "Disputed runs"));
 }
