@@ -116,7 +116,6 @@ sorvexa::status alignment_views::view(std::int32_t ref, std::int64_t first, std:
     out.tied = std::move(w.tied);
     out.counts = w.counts;
     out.d = display(std::move(w.c), {.upper_case = true, .from_column_one = true});
-    out.depth = depth_of(out.c(), 1000);
     out.from = out.column_of(first);
     out.to = out.column_of(last);
     if (models == nullptr) return {};
@@ -212,7 +211,10 @@ std::shared_ptr<const flow_models> alignment_survey::models(std::string* origin)
 // The model first: windows are checked once it is there, and the disputed runs need it.
 void alignment_survey::start(const std::function<void()>& setup) {
     if (worker_.joinable()) return;
-    disputed_.assign(files_.references().size(), std::nullopt);
+    {
+        std::lock_guard lock(mutex_);  // pages may be asking already
+        disputed_.assign(files_.references().size(), std::nullopt);
+    }
     worker_ = std::thread([this, setup] {
         if (setup) setup();
         if (models() == nullptr) {

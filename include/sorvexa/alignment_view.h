@@ -31,7 +31,6 @@ struct reference_view {
     std::int64_t offset = 0;           // reference bases before the contig's first
     std::int32_t from = 1, to = 0;     // their padded columns in `d.shown`
     contig_display d;                  // in capitals, reads from column 1 on
-    depth_profile depth;               // over the whole contig, margins included
     std::map<std::string, tied_read> tied;
     tie_counts counts;
     // Filled when a model was given: the runs of the stretch weighed and called.
