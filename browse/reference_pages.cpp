@@ -14,7 +14,9 @@ std::shared_ptr<const reference_view> alignment_source::window(std::int32_t ref,
     const std::size_t key =
         (static_cast<std::size_t>(ref) * 1'000'003 + static_cast<std::size_t>(first)) * 4'099 +
         static_cast<std::size_t>(last - first) * 2 + (m != nullptr ? 1 : 0);
-    if (auto hit = cache_.find(key); hit && hit->ref == ref && hit->first == first) return hit;
+    if (auto hit = cache_.find(key); hit && hit->ref == ref && hit->first == first &&
+                                     hit->last == last && hit->checked == (m != nullptr))
+        return hit;
     auto v = std::make_shared<reference_view>();
     if (sorvexa::status st = files.view(ref, first, last, m.get(), *v); !st) {
         why = st.message;
