@@ -116,9 +116,12 @@ void flow_map_text(const window_page& v, std::string& out) {
 std::string signal_text(std::int32_t value) {
     if (value == flow_window::untied_read) return "  u";
     if (value < 0) return "   ";
-    std::string t = value < 995    ? fixed(value / 100.0, 1)
-                    : value < 9950 ? std::to_string((value + 50) / 100)
-                                   : std::string("99+");
+    // In whole numbers: a wide window formats a hundred thousand of them.
+    if (value < 995) {
+        const std::int32_t tenths = (value + 5) / 10;
+        return {static_cast<char>('0' + tenths / 10), '.', static_cast<char>('0' + tenths % 10)};
+    }
+    std::string t = value < 9950 ? std::to_string((value + 50) / 100) : std::string("99+");
     return std::string(t.size() < 3 ? 3 - t.size() : 0, ' ') + t;
 }
 
@@ -159,16 +162,26 @@ void signals_map_html(const contig& c, const window_page& v, const std::vector<h
         }
         if (g.reads[row].empty()) names.markup(" ");
         names.markup("\n");
+        // Neighbouring cells of one shade share a span: most of a row is close.
+        int shade = -1;
+        std::string cells;
+        auto flush = [&] {
+            if (shade < 0)
+                map.text(cells);
+            else
+                map.fill(" <span class=\"{}\">{}</span>", shades[shade], cells.substr(1));
+            cells.clear();
+        };
         for (std::size_t k = 0; k < g.counts[row].size(); ++k) {
             const std::int32_t value = k < values[row].size() ? values[row][k] : -1;
             const std::int16_t count = g.counts[row][k];
-            if (count < 0 || value < 0)
-                map.text(" " + signal_text(count < 0 ? -1 : value));
-            else
-                map.fill(" <span class=\"{}\">{}</span>",
-                         shades[static_cast<int>(classify_signal(value, count))],
-                         signal_text(value));
+            const int now =
+                count < 0 || value < 0 ? -1 : static_cast<int>(classify_signal(value, count));
+            if (now != shade) flush(), shade = now;
+            cells += ' ';
+            cells += signal_text(count < 0 ? -1 : value);
         }
+        flush();
         map.markup("\n");
     }
 }
