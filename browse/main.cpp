@@ -8,6 +8,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <functional>
 #include <iostream>
 #include <optional>
 #include <string>
@@ -71,6 +72,30 @@ int parse(int argc, char** argv, options& o) {
     return -1;
 }
 
+// Serves `site` until SIGINT or SIGTERM: `summary` (standard output) and `note` (standard
+// error) are printed once it listens, with the address, then `started` runs.
+int run(const browse::site& site, const options& o, sigset_t& stop_signals,
+        const std::string& summary, const std::string& note, const std::function<void()>& started) {
+    browse::http_server server(site);
+    server.access_log = o.access_log;
+    const int port = server.start(o.bind, o.port);
+    if (port <= 0) {
+        std::cerr << "sorvexa-browse: cannot listen on " << o.bind << " port " << o.port << "\n";
+        return 1;
+    }
+    const bool v6 = o.bind.find(':') != std::string::npos;
+    std::cout << "sorvexa-browse: " << summary << "\n";
+    if (!note.empty()) std::cerr << "sorvexa-browse: " << note;
+    std::cout << "Open http://" << (v6 ? "[" : "") << o.bind << (v6 ? "]" : "") << ":" << port
+              << "/ in a web browser; Ctrl-C stops the server." << std::endl;
+    started();
+    int sig = 0;
+    sigwait(&stop_signals, &sig);
+    server.stop();
+    std::cout << "sorvexa-browse: stopped" << std::endl;
+    return 0;
+}
+
 // --bam: nothing of the alignments is read at start-up but their header and index; windows,
 // the model and the disputed runs come when asked for or in the background.
 int serve_alignments(const options& o, browse::read_source& sff, std::optional<flow_models>& models,
@@ -90,25 +115,15 @@ int serve_alignments(const options& o, browse::read_source& sff, std::optional<f
     if (models) bam.survey.use_models(std::move(*models), "read from " + o.model);
     browse::site site(none, sff);
     site.bam = &bam;
-    browse::http_server server(site);
-    server.access_log = o.access_log;
-    const int port = server.start(o.bind, o.port);
-    if (port <= 0) {
-        std::cerr << "sorvexa-browse: cannot listen on " << o.bind << " port " << o.port << "\n";
-        return 1;
-    }
-    const bool v6 = o.bind.find(':') != std::string::npos;
-    std::cout << "sorvexa-browse: " << bam.files.references().size() << " reference sequences, "
-              << sff.lookup.size() << " reads indexed\n"
-              << "Open http://" << (v6 ? "[" : "") << o.bind << (v6 ? "]" : "") << ":" << port
-              << "/ in a web browser; Ctrl-C stops the server." << std::endl;
     // Pages come first: the survey runs below the request threads' priority.
-    bam.survey.start([] { setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), 10); });
-    int sig = 0;
-    sigwait(&stop_signals, &sig);
-    server.stop();
-    std::cout << "sorvexa-browse: stopped" << std::endl;
-    return 0;
+    return run(site, o, stop_signals,
+               std::to_string(bam.files.references().size()) + " reference sequences, " +
+                   std::to_string(sff.lookup.size()) + " reads indexed",
+               "", [&bam] {
+                   bam.survey.start([] {
+                       setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), 10);
+                   });
+               });
 }
 
 int serve(int argc, char** argv) {
@@ -173,26 +188,11 @@ int serve(int argc, char** argv) {
     else
         evidence.fit_in_background();  // evidence pages wait for the fit; the others do not
 
-    browse::http_server server(site);
-    server.access_log = o.access_log;
-    const int port = server.start(o.bind, o.port);
-    if (port <= 0) {
-        std::cerr << "sorvexa-browse: cannot listen on " << o.bind << " port " << o.port << "\n";
-        return 1;
-    }
-    const bool v6 = o.bind.find(':') != std::string::npos;
-    std::cout << "sorvexa-browse: " << ace.contigs.size() << " contigs, " << ace.reads_placed
-              << " reads placed, " << sff.lookup.size() << " reads indexed\n";
-    if (!ace.start_up_hint.empty()) std::cerr << "sorvexa-browse: " << ace.start_up_hint;
-    std::cout << "Open http://" << (v6 ? "[" : "") << o.bind << (v6 ? "]" : "") << ":" << port
-              << "/ in a web browser; Ctrl-C stops the server." << std::endl;
-
-    evidence.count_in_background();
-    int sig = 0;
-    sigwait(&stop_signals, &sig);
-    server.stop();
-    std::cout << "sorvexa-browse: stopped" << std::endl;
-    return 0;
+    return run(site, o, stop_signals,
+               std::to_string(ace.contigs.size()) + " contigs, " +
+                   std::to_string(ace.reads_placed) + " reads placed, " +
+                   std::to_string(sff.lookup.size()) + " reads indexed",
+               ace.start_up_hint, [&evidence] { evidence.count_in_background(); });
 }
 
 }  // namespace
