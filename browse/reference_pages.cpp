@@ -141,7 +141,11 @@ response site::reference_window(std::size_t ref, const request& req) const {
     link(h, ref_window_href(name, w.from, w.width, view_mode, true, v.page), "differences only",
          diff);
     h.markup("</nav>");
+    // The padded ruler counts the window's own columns: a reference numbers only its bases.
+    const std::int32_t shift = v.grid.from - 1;
+    v.grid.from -= shift, v.grid.last -= shift;
     align_map_html(v, names, map);
+    v.grid.from += shift, v.grid.last += shift;
     h.markup("<div class=\"map align\"><pre class=\"names\">").append(names);
     h.markup("</pre><pre class=\"seq\">").append(map).markup("</pre></div>\n");
     h.markup("<h2>Flows</h2><nav class=\"nav toggles\">");

@@ -130,6 +130,7 @@ TEST(BrowseBam, WindowsInPositionsWithCountsSignalsAndDifferences) {
     const browse::response ins = s.get("/contig/ref", {{"from", "301"}, {"width", "100"}});
     EXPECT_TRUE(has(ins.body, "102 (pads")) << ins.body.substr(0, 600);
     EXPECT_TRUE(has(ins.body, "400"));
+    EXPECT_TRUE(has(ins.body, "ruler\">        10        20")) << "columns of the window";
 
     const browse::response end = s.get("/contig/ref", {{"from", "3950"}, {"width", "100"}});
     EXPECT_EQ(end.status, 200);
