@@ -35,6 +35,10 @@ std::string ref_window_href(std::string_view name, std::int64_t from, int width,
            "&view=" + std::string(view) + "&diff=" + (diff ? "1" : "0");
 }
 
+std::string run_href(std::string_view name, std::int64_t position) {
+    return contig_href(name) + "/run/" + std::to_string(position);
+}
+
 // A run's window in signals: 100 positions with the run in the middle.
 std::string run_window_href(std::string_view name, std::int64_t position) {
     return ref_window_href(name, position - 50, 100, "signals");
@@ -129,9 +133,8 @@ response site::reference_window(std::size_t ref, const request& req) const {
         for (std::int32_t i : rv->disputed) {
             const hp_run& r = rv->check.runs[static_cast<std::size_t>(i)];
             const std::int64_t at = rv->offset + r.position;
-            h.fill("<a href=\"{}\" class=\"mark\">{} at {} ({} \u2192 {})</a> ",
-                   run_window_href(name, at), r.letter, grouped(at), r.consensus_length,
-                   r.called_length);
+            h.fill("<a href=\"{}\" class=\"mark\">{} at {} ({} \u2192 {})</a> ", run_href(name, at),
+                   r.letter, grouped(at), r.consensus_length, r.called_length);
         }
         h.markup("</p>");
     }
@@ -157,8 +160,7 @@ response site::reference_window(std::size_t ref, const request& req) const {
         h.markup(assets::signals_legend);
         signals_map_html(
             rv->c(), v, rv->check.runs, rv->disputed, rv->tied,
-            [&](const hp_run& r) { return run_window_href(name, rv->offset + r.position); }, fnames,
-            fmap);
+            [&](const hp_run& r) { return run_href(name, rv->offset + r.position); }, fnames, fmap);
     } else {
         h.markup(assets::counts_note);
         flow_map_html(rv->c(), v, fnames, fmap);
@@ -185,6 +187,48 @@ response site::reference_window(std::size_t ref, const request& req) const {
         h.markup("<p>The disputed runs of the whole reference are being counted.</p>");
     }
     return page(name, h, assets::contig_js());
+}
+
+// /contig/REF/run/POS: the run that starts at reference position POS (a run of bases the
+// reference lacks: the one before POS), checked in a window around it.
+response site::reference_run(std::size_t ref, std::string_view rest) const {
+    const reference_sequence& rs = bam->files.references()[ref];
+    std::int64_t pos = 0;
+    if (!parse_count(rest, pos) || pos < 1 || pos > rs.length)
+        return error_response(400, "Bad request",
+                              "a run is named by its position on " + rs.name + ", from 1 to " +
+                                  std::to_string(rs.length) + ", not \"" + std::string(rest) +
+                                  "\"");
+    std::string why, origin;
+    const std::shared_ptr<const flow_models> m = bam->survey.models(&origin);
+    const auto rv = bam->window(static_cast<std::int32_t>(ref), pos, pos, why);
+    if (rv == nullptr) return error_response(500, "Alignments unreadable", why);
+    if (m == nullptr || !rv->checked)
+        return error_response(503, "Not yet",
+                              "the flow model is still being fitted; reload in a moment");
+    const auto& runs = rv->check.runs;
+    // A run of bases the reference lacks shares its position with the run after it: that one
+    // is the run named there when it is in the window.
+    auto at = [&](bool bases) {
+        return std::find_if(runs.begin(), runs.end(), [&](const hp_run& r) {
+            return rv->offset + r.position == pos && r.column >= rv->from - 64 &&
+                   r.column <= rv->to && (r.consensus_length > 0) == bases;
+        });
+    };
+    auto it = at(true);
+    if (it == runs.end()) it = at(false);
+    if (it == runs.end())
+        return not_found("No homopolymer run of " + rs.name + " starts at position " +
+                         std::to_string(pos) + ".");
+    const auto i = static_cast<std::int32_t>(it - runs.begin());
+    hp_run shown = *it;  // named by reference positions: a reference has no padded columns
+    shown.column = shown.position = static_cast<std::int32_t>(pos);
+    shown.first_column = static_cast<std::int32_t>(rv->position_at(it->first_column));
+    shown.last_column = static_cast<std::int32_t>(rv->position_at(it->last_column));
+    return run_view(rs.name, *it, shown,
+                    std::find(rv->disputed.begin(), rv->disputed.end(), i) != rv->disputed.end(),
+                    rv->check, rv->c(), rv->tied, *m, bam->files.units(),
+                    run_window_href(rs.name, pos), origin);
 }
 
 response reference_search(const site& s, const std::string& q) {

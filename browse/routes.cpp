@@ -66,6 +66,11 @@ response site::contig(std::string_view path_name, const request& req) const {
     if (bam != nullptr) {
         const int ref = bam->files.reference_index(std::string(path_name));
         if (ref >= 0) return reference_window(static_cast<std::size_t>(ref), req);
+        const std::size_t at = path_name.rfind("/run/");
+        const int of = at == path_name.npos
+                           ? -1
+                           : bam->files.reference_index(std::string(path_name.substr(0, at)));
+        if (of >= 0) return reference_run(static_cast<std::size_t>(of), path_name.substr(at + 5));
         return not_found("There is no reference named \"" + std::string(path_name) + "\".");
     }
     for (const contig_view& v : contig_views) {

@@ -279,10 +279,16 @@ class site {
     response contig_text(std::size_t index, const request& req) const;
     response reference_overview() const;
     response reference_window(std::size_t ref, const request& req) const;
+    response reference_run(std::size_t ref, std::string_view position) const;
 };
 response reference_search(const site& s, const std::string& q);
 
 response run_page(const site& s, std::size_t contig, std::string_view rest, const request& req);
+response run_view(std::string_view name, const hp_run& r, const hp_run& shown, bool disputed,
+                  const flow_check& check, const contig& c,
+                  const std::map<std::string, tied_read>& tied, const flow_models& models,
+                  const std::vector<std::string>& units, const std::string& window,
+                  const std::string& origin);
 response calls_vcf(const site& s, std::size_t contig, std::string_view rest, const request& req);
 response calls_tsv(const site& s, std::size_t contig, std::string_view rest, const request& req);
 constexpr std::int64_t max_search_results = 100;

@@ -175,6 +175,20 @@ TEST(BrowseBam, ModelNamesAndDisputedRunsFromTheBackground) {
     EXPECT_TRUE(has(read.body, "<svg class=\"flowgram\"")) << "no SFF file: the flows of FZ";
     EXPECT_FALSE(has(s.get("/").body, "<td>...</td>")) << "every reference counted";
     EXPECT_TRUE(has(s.get("/contig/ref").body, "Disputed runs"));
+    // A run page by reference position (where a base differs from the one before it): every
+    // read over it plotted.
+    std::size_t p = 1500;
+    while (s.g.genome[p - 1] == s.g.genome[p - 2]) ++p;
+    const browse::response run = s.get("/contig/ref/run/" + std::to_string(p));
+    ASSERT_EQ(run.status, 200) << run.body;
+    EXPECT_TRUE(has(run.body, "Run at column " + std::to_string(p)));
+    EXPECT_TRUE(has(run.body, "<svg class=\"run-plot\""));
+    EXPECT_TRUE(has(run.body, "<circle"));
+    if (s.g.genome[p] != s.g.genome[p - 1]) {  // a run of one base: the next one starts after
+        EXPECT_EQ(s.get("/contig/ref/run/" + std::to_string(p + 1)).status, 200);
+    }
+    EXPECT_EQ(s.get("/contig/ref/run/0").status, 400);
+    EXPECT_EQ(s.get("/contig/ref/run/x").status, 400);
 }
 
 TEST(BrowseBam, ManyThreadsBuildWindowsAtOnce) {
