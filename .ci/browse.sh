@@ -191,6 +191,8 @@ if [ -n "$url" ]; then
     has bam '<div class="map align">' "alignment map of a BAM window"
     has bam 'class="sig-close"' "signal cells of a BAM window shaded"
     has bam 'positions 600 to 699' "the window in reference positions"
+    chromium bamrun '/contig/Contig2/run/650' 1000 900
+    has bamrun '<svg class="run-plot"' "run plot of a BAM run"
     kill -TERM "$server_pid"
     wait "$server_pid" || true
     server_pid=
