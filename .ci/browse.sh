@@ -5,7 +5,9 @@
 # the overview, a contig window, a read, a window in the signals view and a run page, checks
 # the rendered DOM (the contig table, the alignment and flow maps, the charts, the shaded
 # signals, the run plot and its model) and that the screenshots are not blank, then stops the
-# server with SIGTERM and expects status 0.
+# server with SIGTERM and expects status 0. Then the same example's reads aligned to its
+# consensus (minimap2, samtools) are served with --bam, and a window of that BAM is loaded in
+# the signals view.
 #
 # SORVEXA_SCREENSHOTS=DIR keeps the screenshots there (SORVEXA_SCREENSHOTS=docs regenerates
 # the README's pictures).
@@ -36,6 +38,8 @@ need=()
 [ -f /usr/include/microhttpd.h ] || need+=(libmicrohttpd-dev)
 [ -x /usr/bin/chromium ] || need+=(chromium fonts-dejavu-core)
 command -v python3 >/dev/null 2>&1 || need+=(python3)
+command -v minimap2 >/dev/null 2>&1 || need+=(minimap2)
+command -v samtools >/dev/null 2>&1 || need+=(samtools)
 if [ "${#need[@]}" -gt 0 ]; then
     echo "== installing ${need[*]}"
     apt-get update -qq
@@ -44,6 +48,9 @@ fi
 if [ ! -x "$build/browse/sorvexa-browse" ]; then
     cmake --preset release >/dev/null
     cmake --build --preset release --target sorvexa-browse example_data
+fi
+if [ ! -x "$build/tests/support/sff_fastq" ] || [ ! -x "$build/flowcheck/sorvexa-flowcheck" ]; then
+    cmake --build "$build" --target sff_fastq sorvexa-flowcheck
 fi
 
 "$build/browse/sorvexa-browse" --port 0 "$example/example.ace" "$example/example_a.sff" \
@@ -150,6 +157,49 @@ status=0
 wait "$server_pid" || status=$?
 server_pid=
 [ "$status" -eq 0 ] && pass "server stopped by SIGTERM with status 0" || fail "server ended with status $status"
+
+# --bam: the example's reads, with their flows in tags, aligned to its consensus.
+bin=$(cd "$build" && pwd)
+ex=$(cd "$example" && pwd)
+(
+    cd "$tmp"
+    "$bin/flowcheck/sorvexa-flowcheck" -o ex "$ex/example.ace" "$ex/example_a.sff" \
+        "$ex/example_b.sff" 2>/dev/null
+    for f in a b; do
+        "$bin/tests/support/sff_fastq" "ex_$f" "rg_$f.txt" "$ex/example_$f.sff"
+    done >reads.fq
+    minimap2 -y -ax sr ex.consensus.fa reads.fq 2>/dev/null | sed '1r rg_a.txt' | sed '1r rg_b.txt' |
+        samtools sort -o ex.bam - 2>/dev/null && samtools index ex.bam
+)
+"$build/browse/sorvexa-browse" --port 0 --bam "$tmp/ex.bam" --ref "$tmp/ex.consensus.fa" \
+    >"$tmp/bam.out" 2>&1 &
+server_pid=$!
+for _ in $(seq 1 300); do
+    grep -q 'http://' "$tmp/bam.out" && break
+    sleep 0.1
+done
+url=$(grep -o 'http://127.0.0.1:[0-9]*/' "$tmp/bam.out" || true)
+if [ -n "$url" ]; then
+    pass "--bam server listening at $url"
+    # The signals come once the model is fitted in the background.
+    for _ in $(seq 1 300); do
+        curl -s --noproxy '*' "${url}contig/Contig2?from=600&width=100&view=signals" |
+            grep -q 'sig-close' && break
+        sleep 0.2
+    done
+    chromium bam '/contig/Contig2?from=600&width=100&view=signals' 1200 1400
+    has bam '<div class="map align">' "alignment map of a BAM window"
+    has bam 'class="sig-close"' "signal cells of a BAM window shaded"
+    has bam 'positions 600 to 699' "the window in reference positions"
+    chromium bamrun '/contig/Contig2/run/650' 1000 900
+    has bamrun '<svg class="run-plot"' "run plot of a BAM run"
+    kill -TERM "$server_pid"
+    wait "$server_pid" || true
+    server_pid=
+else
+    cat "$tmp/bam.out"
+    fail "the --bam server printed no address"
+fi
 
 if [ "$failures" -eq 0 ]; then
     echo "browse: all checks PASSED"

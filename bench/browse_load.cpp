@@ -10,12 +10,16 @@
 //   browse_load --storm PORT PATH SECONDS  misbehaving clients (below) while PATH and / are
 //                                          fetched every 100 ms, their round trips reported
 //   browse_load ACE_FILE PORT [CLIENTS REQUESTS WIDTH]
+//   browse_load --contig NAME COLUMNS PORT CLIENTS REQUESTS WIDTH
+//                                          the same load on a contig named outright (a
+//                                          reference of sorvexa-browse --bam), no ACE pass
 //
 // SORVEXA_LOAD_QUERY, when set, is appended to every window's query (e.g. "&view=signals").
 #include <arpa/inet.h>
 #include <httplib.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sorvexa/ace.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -28,7 +32,6 @@
 #include <thread>
 #include <vector>
 
-#include <sorvexa/ace.h>
 #include "ace_writer.h"
 #include "sff_builder.h"
 
@@ -209,27 +212,32 @@ int main(int argc, char** argv) {
         return write_deep(argv[2], std::atoi(argv[3]));
     if (argc == 5 && std::string(argv[1]) == "--storm")
         return run_storm(std::atoi(argv[2]), argv[3], std::atoi(argv[4]));
-    if (argc != 2 && argc != 3 && argc != 6) {
-        std::fprintf(stderr, "usage: browse_load ACE_FILE [PORT [CLIENTS REQUESTS WIDTH]]\n");
-        return 2;
-    }
-    const auto t0 = std::chrono::steady_clock::now();
     target deepest;
-    aceReader ace(argv[1]);
-    for (;;) {
-        contig c;
-        if (ace.next_contig(c) == 0) break;
-        double bases = 0;
-        for (const auto& [name, r] : c.reads) bases += r.length;
-        const double depth =
-            c.consensus.empty() ? 0 : bases / static_cast<double>(c.consensus.size());
-        if (depth > deepest.depth)
-            deepest = {c.name, static_cast<std::int64_t>(c.consensus.size()), depth};
+    if (argc == 8 && std::string(argv[1]) == "--contig") {
+        deepest = {argv[2], std::atoll(argv[3]), 0};
+        argv += 2;  // PORT CLIENTS REQUESTS WIDTH where the ACE form has them
+        argc -= 2;
+    } else {
+        if (argc != 2 && argc != 3 && argc != 6) {
+            std::fprintf(stderr, "usage: browse_load ACE_FILE [PORT [CLIENTS REQUESTS WIDTH]]\n");
+            return 2;
+        }
+        const auto t0 = std::chrono::steady_clock::now();
+        aceReader ace(argv[1]);
+        for (;;) {
+            contig c;
+            if (ace.next_contig(c) == 0) break;
+            double bases = 0;
+            for (const auto& [name, r] : c.reads) bases += r.length;
+            const double depth =
+                c.consensus.empty() ? 0 : bases / static_cast<double>(c.consensus.size());
+            if (depth > deepest.depth)
+                deepest = {c.name, static_cast<std::int64_t>(c.consensus.size()), depth};
+        }
+        const std::chrono::duration<double> pass = std::chrono::steady_clock::now() - t0;
+        std::printf("ace_pass_s %.3f\n", pass.count());
+        if (argc == 2) return 0;
     }
-    const std::chrono::duration<double> pass = std::chrono::steady_clock::now() - t0;
-    std::printf("ace_pass_s %.3f\n", pass.count());
-    if (argc == 2) return 0;
-
     const int port = std::atoi(argv[2]);
     const int clients = argc == 6 ? std::atoi(argv[3]) : 8;
     const int requests = argc == 6 ? std::atoi(argv[4]) : 2000;

@@ -183,11 +183,19 @@ response site::contig_window(std::size_t index, const request& req) const {
     html fnames, fmap;
     if (signals_view && ev != nullptr) {
         h.markup(assets::signals_legend);
-        signals_map_html(*d.b, v, *ev, sff, fnames, fmap);
+        std::vector<std::string> drawn;
+        for (const auto& row : v.grid.reads)
+            for (const window_read& r : row) drawn.push_back(r.name);
+        signals_map_html(
+            d.b->c(), v, ev->check.runs, ev->disputed, sff.tie(d.b->c(), drawn),
+            [&](const hp_run& r) {
+                return contig_href(s.name) + "/run/" + std::to_string(r.column);
+            },
+            fnames, fmap);
     } else {
         if (signals_view && !fitting) h.markup(assets::signals_unread);
         h.markup(assets::counts_note);
-        flow_map_html(*d.b, v, fnames, fmap);
+        flow_map_html(d.b->c(), v, fnames, fmap);
     }
     map_block(h, "flow", fnames, fmap);
     if (ev != nullptr) {

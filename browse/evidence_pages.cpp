@@ -107,10 +107,9 @@ void run_plot(html& out, const flow_models& models, const std::vector<std::size_
 
 // The model's numbers behind the curves, per file drawn and length, as sorvexa-flowcheck
 // writes its model table.
-void model_rows(html& out, const site& s, const flow_models& models,
+void model_rows(html& out, const std::vector<std::string>& names, const flow_models& models,
                 const std::vector<std::size_t>& files, const hp_run& r) {
     const auto [lo, hi] = lengths_drawn(r);
-    const std::vector<std::string>& names = s.sff.lookup.sff_names;
     for (std::size_t k = 0; k < files.size(); ++k)
         for (std::int32_t n = lo; n <= hi; ++n) {
             const length_model m = models.at(files[k], n);
@@ -158,6 +157,7 @@ response search_page(const site& s, std::string_view rest, const request& req) {
         return s.not_found("Nothing is served at /search/" + std::string(rest) + ".");
     const std::string q = req.param("q").value_or("");
     if (!q.empty() && (s.sff.holds(q) || s.ace.contig_of_read(q) >= 0)) return s.read(q);
+    if (s.bam != nullptr) return reference_search(s, q);
     html body, rows;
     body.markup("<h1>Reads found by name</h1>");
     std::int64_t shown = 0;
@@ -245,25 +245,37 @@ response run_page(const site& s, std::size_t contig, std::string_view rest, cons
         return s.not_found("No homopolymer run of contig " + name + " starts at column " +
                            std::to_string(column) + ".");
     const hp_run& r = e->check.runs[static_cast<std::size_t>(i)];
-    const std::string_view filter = run_filter(e->check, r);
+    // The reads of the drawn contig: their bases before column 1, cut there, give no signal.
+    const std::shared_ptr<const drawn_contig> b = s.ace.load(contig);
+    if (b == nullptr) return ace_changed();
+    std::string origin;
+    if (s.evidence != nullptr) s.evidence->models_if_ready(&origin);
+    return run_view(name, r, r, e->is_disputed(i), e->check, b->c(),
+                    s.sff.tie(b->c(), reads_over(b->c(), r)), *e->models, s.sff.lookup.sff_names,
+                    centred_href(name, r), origin);
+}
+
+// A run's page: `r` as the check has it in `c`, `shown` the same with the columns and position
+// the page names it by.
+response run_view(std::string_view name, const hp_run& r, const hp_run& shown, bool disputed,
+                  const flow_check& check, const contig& c,
+                  const std::map<std::string, tied_read>& tied, const flow_models& models,
+                  const std::vector<std::string>& units, const std::string& window,
+                  const std::string& origin) {
+    const std::string_view filter = run_filter(check, r);
     html body;
-    body.fill(assets::run_facts, r.column, contig_href(name), name, r.letter, r.position,
-              r.first_column, r.last_column, r.consensus_length, r.called_length,
-              e->is_disputed(i) ? "disputed" : "not disputed", r.signals, r.forward, r.reverse(),
+    body.fill(assets::run_facts, shown.column, contig_href(name), name, r.letter, shown.position,
+              shown.first_column, shown.last_column, r.consensus_length, r.called_length,
+              disputed ? "disputed" : "not disputed", r.signals, r.forward, r.reverse(),
               fixed(r.mean_signal(), 2), fixed(r.score, 2), fixed(r.qual, 2),
               fixed(r.confidence, 2),
               filter == "."                ? "none: not a call"
               : filter == "StrandConflict" ? "StrandConflict: the forward and the complemented "
                                              "reads call different lengths"
                                            : std::string(filter),
-              centred_href(name, r));
-
-    // The reads of the drawn contig: their bases before column 1, cut there, give no signal.
-    const std::shared_ptr<const drawn_contig> b = s.ace.load(contig);
-    if (b == nullptr) return ace_changed();
-    const std::vector<std::string> names = reads_over(b->c(), r);
-    const std::map<std::string, tied_read> tied = s.sff.tie(b->c(), names);
-    const std::vector<run_signal> signals = run_signals(b->c(), r, names, lookup_in(tied));
+              window);
+    const std::vector<std::string> names = reads_over(c, r);
+    const std::vector<run_signal> signals = run_signals(c, r, names, lookup_in(tied));
     // The models of the files whose reads measured the run weigh its values; a run no read
     // measured is drawn under the model of every file together.
     std::vector<std::size_t> files;
@@ -271,12 +283,10 @@ response run_page(const site& s, std::size_t contig, std::string_view rest, cons
         files.push_back(tied.at(names[static_cast<std::size_t>(sig.read)]).file);
     std::sort(files.begin(), files.end());
     files.erase(std::unique(files.begin(), files.end()), files.end());
-    if (files.empty()) files.push_back(e->models->models.size());
-    run_plot(body, *e->models, files, r, signals);
-    std::string origin;
-    if (s.evidence != nullptr) s.evidence->models_if_ready(&origin);
+    if (files.empty()) files.push_back(models.models.size());
+    run_plot(body, models, files, r, signals);
     body.fill(assets::run_model, fixed(flow_models::kValueRange, 0), origin);
-    model_rows(body, s, *e->models, files, r);
+    model_rows(body, units, models, files, r);
     body.markup(assets::run_signals_head);
     for (const run_signal& sig : signals) {
         body.markup("<tr><td>");
@@ -285,7 +295,7 @@ response run_page(const site& s, std::size_t contig, std::string_view rest, cons
                   fixed(sig.value / 100.0, 2));
     }
     body.markup("</tbody></table>");
-    return page("Run " + std::to_string(r.column) + " of " + name, body);
+    return page("Run " + std::to_string(shown.column) + " of " + std::string(name), body);
 }
 
 }  // namespace browse

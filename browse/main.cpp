@@ -4,7 +4,11 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sorvexa/ace_hints.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <functional>
 #include <iostream>
 #include <optional>
 #include <string>
@@ -22,7 +26,7 @@ struct options {
     std::string bind = "127.0.0.1";
     std::string model;
     bool access_log = false;
-    std::string ace;
+    std::string ace, bam, ref;
     std::vector<std::string> sff;
 };
 
@@ -43,12 +47,15 @@ int parse(int argc, char** argv, options& o) {
         }
         if (a == "--access-log") {
             o.access_log = true;
-        } else if (a != "--port" && a != "--bind" && a != "--model") {
+        } else if (a != "--port" && a != "--bind" && a != "--model" && a != "--bam" &&
+                   a != "--ref") {
             return refuse("unknown option " + a, true);
         } else if (i + 1 >= argc) {
             return refuse(a + " needs a value", true);
         } else if (const std::string v = argv[++i]; a == "--bind") {
             o.bind = v;
+        } else if (a == "--bam" || a == "--ref") {
+            (a == "--bam" ? o.bam : o.ref) = v;
         } else if (a == "--model") {
             if (v.empty()) return refuse("--model needs a file name", true);
             o.model = v;
@@ -57,10 +64,66 @@ int parse(int argc, char** argv, options& o) {
             return refuse("--port takes a number from 0 to 65535, not " + v, false);
         }
     }
-    if (i >= argc) return std::cerr << browse::assets::usage, 1;
-    o.ace = argv[i++];
+    if (!o.bam.empty() && o.ref.empty()) return refuse("--bam needs --ref REF.fa", true);
+    if (!o.ref.empty() && o.bam.empty()) return refuse("--ref goes with --bam", true);
+    if (i >= argc && o.bam.empty()) return std::cerr << browse::assets::usage, 1;
+    if (o.bam.empty()) o.ace = argv[i++];
     o.sff.assign(argv + i, argv + argc);
     return -1;
+}
+
+// Serves `site` until SIGINT or SIGTERM: `summary` (standard output) and `note` (standard
+// error) are printed once it listens, with the address, then `started` runs.
+int run(const browse::site& site, const options& o, sigset_t& stop_signals,
+        const std::string& summary, const std::string& note, const std::function<void()>& started) {
+    browse::http_server server(site);
+    server.access_log = o.access_log;
+    const int port = server.start(o.bind, o.port);
+    if (port <= 0) {
+        std::cerr << "sorvexa-browse: cannot listen on " << o.bind << " port " << o.port << "\n";
+        return 1;
+    }
+    const bool v6 = o.bind.find(':') != std::string::npos;
+    std::cout << "sorvexa-browse: " << summary << "\n";
+    if (!note.empty()) std::cerr << "sorvexa-browse: " << note;
+    std::cout << "Open http://" << (v6 ? "[" : "") << o.bind << (v6 ? "]" : "") << ":" << port
+              << "/ in a web browser; Ctrl-C stops the server." << std::endl;
+    started();
+    int sig = 0;
+    sigwait(&stop_signals, &sig);
+    server.stop();
+    std::cout << "sorvexa-browse: stopped" << std::endl;
+    return 0;
+}
+
+// --bam: nothing of the alignments is read at start-up but their header and index; windows,
+// the model and the disputed runs come when asked for or in the background.
+int serve_alignments(const options& o, browse::read_source& sff, std::optional<flow_models>& models,
+                     sigset_t& stop_signals) {
+    if (sorvexa::status st = sff.index(o.sff); !st) {
+        std::cerr << st.message << "\n";
+        return 1;
+    }
+    browse::assembly none;
+    browse::alignment_source bam;
+    bam.bam_path = o.bam;
+    bam.ref_path = o.ref;
+    if (sorvexa::status st = bam.files.open(o.bam, o.ref, &sff.lookup); !st) {
+        std::cerr << "sorvexa-browse: " << st.message << "\n";
+        return 1;
+    }
+    if (models) bam.survey.use_models(std::move(*models), "read from " + o.model);
+    browse::site site(none, sff);
+    site.bam = &bam;
+    // Pages come first: the survey runs below the request threads' priority.
+    return run(site, o, stop_signals,
+               std::to_string(bam.files.references().size()) + " reference sequences, " +
+                   std::to_string(sff.lookup.size()) + " reads indexed",
+               "", [&bam] {
+                   bam.survey.start([] {
+                       setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), 10);
+                   });
+               });
 }
 
 int serve(int argc, char** argv) {
@@ -90,6 +153,7 @@ int serve(int argc, char** argv) {
     // The SFF files are indexed while the ACE file is read; input errors end start-up before
     // anything is served.
     browse::read_source sff;
+    if (!o.bam.empty()) return serve_alignments(o, sff, models, stop_signals);
     sorvexa::status indexed;
     std::thread indexing([&] { indexed = sff.index(o.sff); });
     browse::assembly ace;
@@ -124,26 +188,11 @@ int serve(int argc, char** argv) {
     else
         evidence.fit_in_background();  // evidence pages wait for the fit; the others do not
 
-    browse::http_server server(site);
-    server.access_log = o.access_log;
-    const int port = server.start(o.bind, o.port);
-    if (port <= 0) {
-        std::cerr << "sorvexa-browse: cannot listen on " << o.bind << " port " << o.port << "\n";
-        return 1;
-    }
-    const bool v6 = o.bind.find(':') != std::string::npos;
-    std::cout << "sorvexa-browse: " << ace.contigs.size() << " contigs, " << ace.reads_placed
-              << " reads placed, " << sff.lookup.size() << " reads indexed\n";
-    if (!ace.start_up_hint.empty()) std::cerr << "sorvexa-browse: " << ace.start_up_hint;
-    std::cout << "Open http://" << (v6 ? "[" : "") << o.bind << (v6 ? "]" : "") << ":" << port
-              << "/ in a web browser; Ctrl-C stops the server." << std::endl;
-
-    evidence.count_in_background();
-    int sig = 0;
-    sigwait(&stop_signals, &sig);
-    server.stop();
-    std::cout << "sorvexa-browse: stopped" << std::endl;
-    return 0;
+    return run(site, o, stop_signals,
+               std::to_string(ace.contigs.size()) + " contigs, " +
+                   std::to_string(ace.reads_placed) + " reads placed, " +
+                   std::to_string(sff.lookup.size()) + " reads indexed",
+               ace.start_up_hint, [&evidence] { evidence.count_in_background(); });
 }
 
 }  // namespace

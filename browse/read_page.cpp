@@ -67,6 +67,23 @@ void disputed_flows(html& h, const site& s, std::size_t k, const drawn_contig& b
 
 void placement(html& h, const site& s, const std::string& read_name) {
     h.markup("<h2>Placement</h2>");
+    if (s.bam != nullptr) {
+        const auto& refs = s.bam->files.references();
+        bool any = false;
+        for (const auto& p : s.bam->survey.reads_named(read_name, 16))
+            if (p.name == read_name) {
+                const std::string& ref = refs[static_cast<std::size_t>(p.ref)].name;
+                h.fill("<p>Aligned to <a href=\"{}\">{} at {}</a>.</p>",
+                       window_href(ref, std::max<std::int64_t>(1, p.position - 20), 100), ref,
+                       grouped(p.position));
+                any = true;
+            }
+        if (!any && s.bam->survey.names_ready())
+            h.markup("<p>No primary alignment of this read.</p>");
+        else if (!any)
+            h.markup("<p>The aligned reads' names are still being gathered.</p>");
+        return;
+    }
     const int k = s.ace.contig_of_read(read_name);
     if (k < 0) {
         h.markup("<p>Not placed in any contig of the assembly.</p>");
@@ -98,7 +115,9 @@ response site::read(std::string_view path_name) const {
     std::string_view name = path_name;
     enum { page_of_read, flows, bases } kind = page_of_read;
     auto known = [&](std::string_view n) {
-        return ace.contig_of_read(n) >= 0 || sff.holds(std::string(n));
+        return ace.contig_of_read(n) >= 0 || sff.holds(std::string(n)) ||
+               (bam != nullptr && !bam->survey.reads_named(n, 1).empty() &&
+                bam->survey.reads_named(n, 1)[0].name == n);
     };
     if (!known(name)) {
         if (name.ends_with(".flows.tsv") && name.size() > 10) {
@@ -125,6 +144,21 @@ response site::read(std::string_view path_name) const {
     html h;
     h.fill("<h1>Read {}</h1>", read_name);
     placement(h, *this, read_name);
+    if (fetched == fetch_result::unknown && bam != nullptr) {
+        // A read no SFF file holds may carry its flowgram in its alignment (FZ).
+        std::string why;
+        for (const auto& p : bam->survey.reads_named(read_name, 16)) {
+            const auto v =
+                p.name == read_name ? bam->window(p.ref, p.position, p.position, why) : nullptr;
+            const auto t = v != nullptr ? v->tied.find(read_name) : decltype(v->tied.end()){};
+            if (v == nullptr || t == v->tied.end()) continue;
+            rec.flowgram = t->second.flowgram;
+            rec.flow_chars = t->second.flow_chars;
+            return page(
+                read_name,
+                h.markup("<h2>Flowgram from the alignment (FZ)</h2>").append(flowgram_chart(rec)));
+        }
+    }
     h.markup("<h2>SFF record</h2>");
     if (fetched != fetch_result::ok)
         return page(read_name,

@@ -18,6 +18,7 @@ const top_route top_routes[] = {
     {"/search", search_page},
     {"/",
      [](const site& s, std::string_view rest, const request&) {
+         if (rest.empty() && s.bam != nullptr) return s.reference_overview();
          return rest.empty() ? s.overview()
                              : s.not_found("Nothing is served at /" + std::string(rest) + ".");
      }},
@@ -62,6 +63,16 @@ response site::serve(const request& req) const {
 // A contig name may itself hold a view's key ("a.txt" can be a contig), so the name is
 // tried whole first, then each view whose key follows a contig name.
 response site::contig(std::string_view path_name, const request& req) const {
+    if (bam != nullptr) {
+        const int ref = bam->files.reference_index(std::string(path_name));
+        if (ref >= 0) return reference_window(static_cast<std::size_t>(ref), req);
+        const std::size_t at = path_name.rfind("/run/");
+        const int of = at == path_name.npos
+                           ? -1
+                           : bam->files.reference_index(std::string(path_name.substr(0, at)));
+        if (of >= 0) return reference_run(static_cast<std::size_t>(of), path_name.substr(at + 5));
+        return not_found("There is no reference named \"" + std::string(path_name) + "\".");
+    }
     for (const contig_view& v : contig_views) {
         if (path_name.size() < v.key.size()) continue;
         for (std::size_t at = path_name.size() - v.key.size(); at > 0 && at != path_name.npos;

@@ -3,6 +3,7 @@
 // writing its builder and naming it in a table of routes.cpp.
 #pragma once
 
+#include <sorvexa/alignment_view.h>
 #include <sorvexa/fetcher_pool.h>
 #include <sorvexa/flowcheck.h>
 #include <sorvexa/read_lookup.h>
@@ -208,6 +209,24 @@ class evidence_store {
     std::thread fitter_, counter_;
 };
 
+// The alignments of --bam: each reference a contig whose windows are read through the index
+// when asked for, the latest kept; the rest comes from the survey once the server is up.
+class alignment_source {
+  public:
+    alignment_views files;
+    alignment_survey survey{files};
+    std::string bam_path, ref_path;
+    explicit alignment_source(std::size_t cache_size = 16,
+                              std::size_t cache_bytes = std::size_t{96} << 20)
+        : cache_(cache_size, cache_bytes) {}
+    // Checked once the model is there; null with `why` set when the file can not be read.
+    std::shared_ptr<const reference_view> window(std::int32_t ref, std::int64_t first,
+                                                 std::int64_t last, std::string& why);
+
+  private:
+    lru_cache<reference_view> cache_;
+};
+
 struct response {
     int status = 200;
     std::string content_type = "text/html; charset=utf-8";
@@ -246,6 +265,7 @@ class site {
     assembly& ace;
     const read_source& sff;
     evidence_store* evidence = nullptr;  // pages without it show no evidence
+    alignment_source* bam = nullptr;     // set: the references of --bam are the contigs
 
     site(assembly& a, const read_source& s) : ace(a), sff(s) {}
     response serve(const request& req) const;
@@ -257,9 +277,18 @@ class site {
     response not_found(std::string_view what) const;
     response contig_window(std::size_t index, const request& req) const;
     response contig_text(std::size_t index, const request& req) const;
+    response reference_overview() const;
+    response reference_window(std::size_t ref, const request& req) const;
+    response reference_run(std::size_t ref, std::string_view position) const;
 };
+response reference_search(const site& s, const std::string& q);
 
 response run_page(const site& s, std::size_t contig, std::string_view rest, const request& req);
+response run_view(std::string_view name, const hp_run& r, const hp_run& shown, bool disputed,
+                  const flow_check& check, const contig& c,
+                  const std::map<std::string, tied_read>& tied, const flow_models& models,
+                  const std::vector<std::string>& units, const std::string& window,
+                  const std::string& origin);
 response calls_vcf(const site& s, std::size_t contig, std::string_view rest, const request& req);
 response calls_tsv(const site& s, std::size_t contig, std::string_view rest, const request& req);
 constexpr std::int64_t max_search_results = 100;
@@ -291,9 +320,13 @@ html flowgram_chart(const record_view& r);
 // A window's maps: names column and map, one line each per row; as text lines with the reads
 // of each row after them.
 void align_map_html(const window_page& v, html& names, html& map);
-void flow_map_html(const drawn_contig& b, const window_page& v, html& names, html& map);
-void signals_map_html(const drawn_contig& b, const window_page& v, const contig_evidence& e,
-                      const read_source& sff, html& names, html& map);
+void flow_map_html(const contig& c, const window_page& v, html& names, html& map);
+// `tied`: the drawn reads tied to their flows; a disputed run links to run_href(run).
+void signals_map_html(const contig& c, const window_page& v, const std::vector<hp_run>& runs,
+                      const std::vector<std::int32_t>& disputed,
+                      const std::map<std::string, tied_read>& tied,
+                      const std::function<std::string(const hp_run&)>& run_href, html& names,
+                      html& map);
 void align_map_text(const window_page& v, std::string& out);
 void flow_map_text(const window_page& v, std::string& out);
 // A flow's count as one character: a digit, A = 10 up to Z = 35, '+' beyond, ' ' for none.

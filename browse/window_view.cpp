@@ -85,10 +85,10 @@ void align_map_html(const window_page& v, html& names, html& map) {
     }
 }
 
-void flow_map_html(const drawn_contig& b, const window_page& v, html& names, html& map) {
+void flow_map_html(const contig& c, const window_page& v, html& names, html& map) {
     const window_grid& g = v.grid;
     names.markup("<i>column</i>\n<b>flows</b>\n");
-    map.fill("<span class=\"ruler\">{}</span>\n", flow_ruler(b.c(), v.grid));
+    map.fill("<span class=\"ruler\">{}</span>\n", flow_ruler(c, v.grid));
     for (char x : g.flow_letters) map.fill(" <span class=\"{}\">{}</span>", base_class(x), x);
     map.markup("\n");
     for (std::size_t r = 0; r < g.counts.size(); ++r) {
@@ -116,34 +116,38 @@ void flow_map_text(const window_page& v, std::string& out) {
 std::string signal_text(std::int32_t value) {
     if (value == flow_window::untied_read) return "  u";
     if (value < 0) return "   ";
-    std::string t = value < 995    ? fixed(value / 100.0, 1)
-                    : value < 9950 ? std::to_string((value + 50) / 100)
-                                   : std::string("99+");
+    // In whole numbers: a wide window formats a hundred thousand of them.
+    if (value < 995) {
+        const std::int32_t tenths = (value + 5) / 10;
+        return {static_cast<char>('0' + tenths / 10), '.', static_cast<char>('0' + tenths % 10)};
+    }
+    std::string t = value < 9950 ? std::to_string((value + 50) / 100) : std::string("99+");
     return std::string(t.size() < 3 ? 3 - t.size() : 0, ' ') + t;
 }
 
-void signals_map_html(const drawn_contig& b, const window_page& v, const contig_evidence& e,
-                      const read_source& sff, html& names, html& map) {
+void signals_map_html(const contig& c, const window_page& v, const std::vector<hp_run>& runs,
+                      const std::vector<std::int32_t>& disputed,
+                      const std::map<std::string, tied_read>& tied,
+                      const std::function<std::string(const hp_run&)>& run_href, html& names,
+                      html& map) {
     const window_grid& g = v.grid;
-    std::vector<std::string> drawn;
-    for (const auto& row : g.reads)
-        for (const window_read& r : row) drawn.push_back(r.name);
-    const std::map<std::string, tied_read> tied = sff.tie(b.c(), drawn);
     std::vector<std::vector<std::int32_t>> values;
-    grid_signals(b.c(), g, lookup_in(tied), values);
-    const std::vector<std::int32_t> run_of = runs_of_flows(b.c(), e.check.runs, g);
+    grid_signals(c, g, lookup_in(tied), values);
+    const std::vector<std::int32_t> run_of = runs_of_flows(c, runs, g);
+    auto is_disputed = [&](std::int32_t i) {
+        return std::find(disputed.begin(), disputed.end(), i) != disputed.end();
+    };
     names.markup("<b>flows</b>\n<b>consensus</b>\n");
     for (char x : g.flow_letters) map.fill("   <span class=\"{}\">{}</span>", base_class(x), x);
     map.markup("\n");
     for (std::int32_t k = 0; k < g.flows; ++k) {
         const std::int32_t i = run_of[static_cast<std::size_t>(k)];
-        const hp_run* r = i < 0 ? nullptr : &e.check.runs[static_cast<std::size_t>(i)];
+        const hp_run* r = i < 0 ? nullptr : &runs[static_cast<std::size_t>(i)];
         std::string cell = r == nullptr ? "" : std::to_string(r->consensus_length);
-        if (r != nullptr && e.is_disputed(i)) cell += ">" + std::to_string(r->called_length);
+        if (r != nullptr && is_disputed(i)) cell += ">" + std::to_string(r->called_length);
         cell.insert(0, cell.size() < 4 ? 4 - cell.size() : 0, ' ');
-        if (r != nullptr && e.is_disputed(i))
-            map.fill("<a href=\"{}/run/{}\" class=\"sig-disputed\">{}</a>", contig_href(b.c().name),
-                     r->column, cell);
+        if (r != nullptr && is_disputed(i))
+            map.fill("<a href=\"{}\" class=\"sig-disputed\">{}</a>", run_href(*r), cell);
         else
             map.text(cell);
     }
@@ -158,16 +162,26 @@ void signals_map_html(const drawn_contig& b, const window_page& v, const contig_
         }
         if (g.reads[row].empty()) names.markup(" ");
         names.markup("\n");
+        // Neighbouring cells of one shade share a span: most of a row is close.
+        int shade = -1;
+        std::string cells;
+        auto flush = [&] {
+            if (shade < 0)
+                map.text(cells);
+            else
+                map.fill(" <span class=\"{}\">{}</span>", shades[shade], cells.substr(1));
+            cells.clear();
+        };
         for (std::size_t k = 0; k < g.counts[row].size(); ++k) {
             const std::int32_t value = k < values[row].size() ? values[row][k] : -1;
             const std::int16_t count = g.counts[row][k];
-            if (count < 0 || value < 0)
-                map.text(" " + signal_text(count < 0 ? -1 : value));
-            else
-                map.fill(" <span class=\"{}\">{}</span>",
-                         shades[static_cast<int>(classify_signal(value, count))],
-                         signal_text(value));
+            const int now =
+                count < 0 || value < 0 ? -1 : static_cast<int>(classify_signal(value, count));
+            if (now != shade) flush(), shade = now;
+            cells += ' ';
+            cells += signal_text(count < 0 ? -1 : value);
         }
+        flush();
         map.markup("\n");
     }
 }
