@@ -49,8 +49,8 @@ if [ ! -x "$build/browse/sorvexa-browse" ]; then
     cmake --preset release >/dev/null
     cmake --build --preset release --target sorvexa-browse example_data
 fi
-if [ ! -x "$build/tests/support/sff_fastq" ] || [ ! -x "$build/flowcheck/sorvexa-flowcheck" ]; then
-    cmake --build "$build" --target sff_fastq sorvexa-flowcheck
+if [ ! -x "$build/sff2bam/sorvexa-sff2bam" ] || [ ! -x "$build/flowcheck/sorvexa-flowcheck" ]; then
+    cmake --build "$build" --target sorvexa-sff2bam sorvexa-flowcheck
 fi
 
 "$build/browse/sorvexa-browse" --port 0 "$example/example.ace" "$example/example_a.sff" \
@@ -165,11 +165,10 @@ ex=$(cd "$example" && pwd)
     cd "$tmp"
     "$bin/flowcheck/sorvexa-flowcheck" -o ex "$ex/example.ace" "$ex/example_a.sff" \
         "$ex/example_b.sff" 2>/dev/null
-    for f in a b; do
-        "$bin/tests/support/sff_fastq" "ex_$f" "rg_$f.txt" "$ex/example_$f.sff"
-    done >reads.fq
-    minimap2 -y -ax sr ex.consensus.fa reads.fq 2>/dev/null | sed '1r rg_a.txt' | sed '1r rg_b.txt' |
-        samtools sort -o ex.bam - 2>/dev/null && samtools index ex.bam
+    "$bin/sff2bam/sorvexa-sff2bam" -o reads.bam "$ex/example_a.sff" "$ex/example_b.sff" 2>/dev/null
+    samtools view -H reads.bam | grep '^@RG' >rg.txt
+    samtools fastq -T FZ,ZF,RG reads.bam 2>/dev/null | minimap2 -y -ax sr ex.consensus.fa - 2>/dev/null |
+        sed '1r rg.txt' | samtools sort -o ex.bam - 2>/dev/null && samtools index ex.bam
 )
 "$build/browse/sorvexa-browse" --port 0 --bam "$tmp/ex.bam" --ref "$tmp/ex.consensus.fa" \
     >"$tmp/bam.out" 2>&1 &

@@ -3,13 +3,13 @@
 #
 #   bench/browse_bam.sh [--build DIR] [--data DIR] [--runs K] [--clients C] [--requests R]
 #
-# Generates (once) a genome with sim_assembly, its reads as FASTQ with their flows in tags
-# (sff_fastq), aligned by minimap2 and sorted and indexed by samtools. Then, K times, the time
+# Generates (once) a genome with sim_assembly, its reads through sorvexa-sff2bam and samtools
+# fastq with their flows in tags, aligned by minimap2 and sorted and indexed by samtools. Then, K times, the time
 # from the server's launch to the overview answered; then on one server, once the model is
 # fitted, C clients make R requests of random 2,000-column windows in the signals view
 # (browse_load), and the server's peak RSS is read after that load and again once the
 # background survey (names, disputed runs) has finished. --build DIR is a tree holding
-# sorvexa-browse, sim_assembly, sff_fastq and browse_load (default: the bench preset's).
+# sorvexa-browse, sim_assembly, sorvexa-sff2bam and browse_load (default: the bench preset's).
 set -euo pipefail
 
 data=/tmp/sorvexa-bench/bam1m
@@ -31,7 +31,7 @@ done
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 if [[ -z $build ]]; then
     (cd "$root" && cmake --preset bench >/dev/null &&
-        cmake --build --preset bench -j2 --target sorvexa-browse sim_assembly sff_fastq browse_load)
+        cmake --build --preset bench -j2 --target sorvexa-browse sim_assembly sorvexa-sff2bam browse_load)
     build=$root/build/bench
 fi
 
@@ -40,8 +40,10 @@ if [[ ! -f $data/.complete ]]; then
     rm -rf "$data" && mkdir -p "$data"
     "$build/tests/support/sim_assembly" --out "$data" --prefix sim --contigs 1 --length 1000000 \
         --depth 30 --seed 7 --errors 50 >/dev/null
-    "$build/tests/support/sff_fastq" run1 "$data/rg.txt" "$data/sim.sff" >"$data/flows.fq"
-    minimap2 -t 2 -y -ax sr "$data/sim.truth.fa" "$data/flows.fq" 2>/dev/null |
+    "$build/sff2bam/sorvexa-sff2bam" -o "$data/reads.bam" "$data/sim.sff" 2>/dev/null
+    samtools view -H "$data/reads.bam" | grep '^@RG' >"$data/rg.txt"
+    samtools fastq -T FZ,ZF,RG "$data/reads.bam" 2>/dev/null |
+        minimap2 -t 2 -y -ax sr "$data/sim.truth.fa" - 2>/dev/null |
         sed "1r $data/rg.txt" | samtools sort -@2 -o "$data/aln.bam" - 2>/dev/null
     samtools index "$data/aln.bam"
     samtools faidx "$data/sim.truth.fa"
