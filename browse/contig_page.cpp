@@ -24,6 +24,13 @@ window check_window(const request& req, std::int64_t columns) {
     if (rows && (!parse_count(*rows, v) || v < 1))
         return fail("rows must be a page number from 1, not \"" + *rows + "\"");
     if (rows) w.rows_page = v;
+    const std::string view = req.param("view").value_or("counts");
+    const std::string diff = req.param("diff").value_or("0");
+    if (view != "counts" && view != "signals")
+        return fail("view must be counts or signals, not \"" + view + "\"");
+    if (diff != "0" && diff != "1") return fail("diff must be 0 or 1, not \"" + diff + "\"");
+    w.signals = view == "signals";
+    w.differences = diff == "1";
     if (w.from > columns)
         return fail("from " + std::to_string(w.from) + " lies past the contig's last column, " +
                     std::to_string(columns));
@@ -106,18 +113,9 @@ response site::contig_text(std::size_t index, const request& req) const {
 }
 
 response site::contig_window(std::size_t index, const request& req) const {
-    // The two toggles: the flow map's counts or measured signals, the alignment's bases or
-    // only its differences from the consensus.
-    const std::string view_mode = req.param("view").value_or("counts");
-    const std::string diff_mode = req.param("diff").value_or("0");
-    if (view_mode != "counts" && view_mode != "signals")
-        return error_response(400, "Bad request",
-                              "view must be counts or signals, not \"" + view_mode + "\"");
-    if (diff_mode != "0" && diff_mode != "1")
-        return error_response(400, "Bad request", "diff must be 0 or 1, not \"" + diff_mode + "\"");
-    const bool signals_view = view_mode == "signals", differences = diff_mode == "1";
     drawn_window d = draw(*this, index, req, false);
     if (d.failed) return *d.failed;
+    const bool signals_view = d.w.signals, differences = d.w.differences;
     const contig_summary& s = ace.contigs[index];
     const window& w = d.w;
     if (differences) differences_only(d.view.grid);

@@ -83,16 +83,10 @@ response site::reference_overview() const {
 
 response site::reference_window(std::size_t ref, const request& req) const {
     const reference_sequence& rs = bam->files.references()[ref];
-    const std::string view_mode = req.param("view").value_or("counts");
-    const std::string diff_mode = req.param("diff").value_or("0");
-    if (view_mode != "counts" && view_mode != "signals")
-        return error_response(400, "Bad request",
-                              "view must be counts or signals, not \"" + view_mode + "\"");
-    if (diff_mode != "0" && diff_mode != "1")
-        return error_response(400, "Bad request", "diff must be 0 or 1, not \"" + diff_mode + "\"");
-    const bool signals = view_mode == "signals", diff = diff_mode == "1";
     const window w = check_window(req, rs.length);
     if (!w.error.empty()) return error_response(400, "Bad request", w.error);
+    const std::string view_mode = w.view();
+    const bool signals = w.signals, diff = w.differences;
     std::string why;
     const std::shared_ptr<const reference_view> rv =
         bam->window(static_cast<std::int32_t>(ref), w.from, w.last, why);

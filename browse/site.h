@@ -247,11 +247,15 @@ struct request {
 };
 
 // A window checked against a contig: columns from..last (cut at the contig's end), or `error`.
+// With the page's two toggles: the flow map's counts or measured signals, the alignment's
+// bases or only its differences from the consensus.
 struct window {
     std::int64_t from = 1, last = 0;
     int width = 100;
     std::int64_t rows_page = 1;
+    bool signals = false, differences = false;
     std::string error;
+    const char* view() const { return signals ? "signals" : "counts"; }
 };
 constexpr int default_width = 100, max_width = 2000;
 window check_window(const request& q, std::int64_t columns);
