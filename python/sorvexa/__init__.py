@@ -21,6 +21,9 @@ SffRecord, KeptRead, ReadIndex
 AceFile, Contig, ReadPlacement, FlowRead
     An ACE assembly contig by contig; a contig with its layout, flow consensus, flow
     alignment and maps; where a read lies; a read in a flow alignment row.
+AlignmentFile
+    Alignments (SAM, BAM, CRAM) and their reference: any stretch of a reference as a
+    Contig, reads tied to their flows (FZ/ZF tags, or by name through SFF files).
 flowcheck, FlowCheckResult, ContigCheck, RunCall
     The homopolymer check of an assembly against its reads' flow values, as
     sorvexa-flowcheck makes it: the flow values' model fitted per SFF file and run length
@@ -38,6 +41,7 @@ raises OSError, a file out of format FormatError.
 
 from ._sorvexa import (
     AceFile,
+    AlignmentFile,
     Contig,
     ContigCheck,
     FlowCheckResult,
@@ -65,6 +69,7 @@ import re as _re
 
 __all__ = [
     "AceFile",
+    "AlignmentFile",
     "Contig",
     "ContigCheck",
     "FlowCheckResult",

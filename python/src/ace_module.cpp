@@ -1,10 +1,13 @@
-// sorvexa.AceFile and its contigs with their layout, flow-space and drawing operations. A contig's
+// sorvexa.AceFile and sorvexa.AlignmentFile (alignments read as contigs, window by window) and
+// the contigs with their layout, flow-space and drawing operations. A contig's
 // operations build its layout and flow views on first use, which changes the contig; they run with
 // the GIL held, so two threads never build them at once. Only reading the file runs without it.
 #include <pybind11/numpy.h>
 #include <sorvexa/ace.h>
+#include <sorvexa/alignment.h>
 #include <sorvexa/contig.h>
 
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -158,6 +161,55 @@ py::str full_align_map(contig& c, bool html, const py::object& colours) {
     return text(out.str());
 }
 
+// Alignments and their reference FASTA: a stretch of a reference as the contig an ACE file
+// would give, reads tied to their flows from FZ/ZF or by name through the SFF files.
+class alignments {
+  public:
+    alignments(const py::object& path, const py::object& reference, const py::iterable& sff_files) {
+        std::vector<std::string> sffs;
+        for (py::handle given : sff_files) check_readable(sffs.emplace_back(fs_path(given)), given);
+        const std::string p = fs_path(path), r = fs_path(reference);
+        check_readable(p, path);
+        check_readable(r, reference);
+        diagnostics said;
+        call(nullptr, said, [&] {
+            lookup_.skip_index_block = true;
+            lookup_.diagnostics = said.sink();
+            const sorvexa::status indexed = lookup_.index_files(sffs);
+            return indexed ? file_.open(p, r, &lookup_) : indexed;
+        });
+    }
+    py::list references() const {
+        py::list out;
+        for (const reference_sequence& r : file_.references())
+            out.append(py::make_tuple(text(r.name), r.length));
+        return out;
+    }
+    // Bases [start, end) of the reference (0-based), read with `margin` more on either side.
+    py::tuple window(const std::string& name, std::int64_t start, std::int64_t end,
+                     std::int64_t margin) {
+        const auto& refs = file_.references();
+        const auto it = std::find_if(refs.begin(), refs.end(),
+                                     [&](const reference_sequence& r) { return r.name == name; });
+        if (it == refs.end()) raise_key_error(py::str(name));
+        if (start < 0 || end < start || end > it->length || margin < 0)
+            throw py::value_error("the window must lie within the reference's " +
+                                  std::to_string(it->length) + " bases");
+        aligned_window w;
+        diagnostics said;
+        call(&mutex_, said, [&] {
+            return file_.read({static_cast<std::int32_t>(it - refs.begin()), start, end, margin},
+                              w);
+        });
+        return py::make_tuple(w.offset, std::make_shared<contig>(std::move(w.c)));
+    }
+
+  private:
+    read_lookup lookup_;  // before the file that refers to it
+    alignment_file file_;
+    std::mutex mutex_;  // one htslib handle
+};
+
 py::list layout(contig& c) {
     if (c.print_map.empty()) c.create_print_map();
     py::list rows;
@@ -298,6 +350,26 @@ FormatError with the reader's message.
         .def("__next__", &ace_file::next,
              "Reads the next contig (StopIteration at the end of the file).")
         .def("close", &ace_file::close, "Releases the file; iteration ends.");
+
+    py::class_<alignments>(m, "AlignmentFile", R"doc(
+Alignments (SAM, BAM or CRAM, sorted by coordinate; BAM and CRAM indexed) against their
+reference FASTA, read as contigs.
+
+    AlignmentFile(path, reference, sff_files=())
+
+A stretch of a reference is the contig an ACE file would give: the reference as the
+consensus, a pad column wherever a read inserts, every read placed with its pads, soft clips
+and strand. Reads carry their flows in FZ and ZF with their read group's FO, or are found by
+name in the SFF files given. Inputs that cannot serve raise FormatError with the reason.
+)doc")
+        .def(py::init<const py::object&, const py::object&, const py::iterable&>(), py::arg("path"),
+             py::arg("reference"), py::arg("sff_files") = py::tuple())
+        .def_property_readonly("references", &alignments::references,
+                               "(name, length) of every reference sequence, in header order.")
+        .def("window", &alignments::window, py::arg("reference"), py::arg("start"), py::arg("end"),
+             py::kw_only(), py::arg("margin") = 0,
+             "(offset, Contig): bases [start, end) of the reference (0-based) and `margin` "
+             "more on either side, as a contig whose first column is reference base `offset`.");
 }
 
 }  // namespace sorvexa_py

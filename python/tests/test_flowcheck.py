@@ -194,17 +194,19 @@ def aligned(simulated, tmp_path_factory):
     """The simulated reads aligned with minimap2 to the consensus, planted errors and all."""
     if not (shutil.which("minimap2") and shutil.which("samtools")):
         pytest.skip("minimap2 or samtools is missing")
-    to_fastq = build_program("tests/support/sff_fastq")
+    sff2bam = build_program("sff2bam/sorvexa-sff2bam")
     out = tmp_path_factory.mktemp("aligned")
     ref = out / "ref.fa"
     contigs = sorvexa.flowcheck(*simulated, sigma_base=0.1).contigs
     ref.write_text("".join(f">{c.name}\n{c.consensus}\n" for c in contigs))
-    reads, groups = "", ""
-    for k, sff in enumerate(simulated[1]):
-        reads += subprocess.run([to_fastq, f"g{k}", out / "rg.txt", sff], check=True,
-                                capture_output=True, text=True).stdout
-        groups += (out / "rg.txt").read_text()
-    (out / "reads.fq").write_text(reads)
+    subprocess.run([sff2bam, "-o", out / "reads.bam", *simulated[1]], check=True,
+                   capture_output=True)
+    header = subprocess.run(["samtools", "view", "-H", out / "reads.bam"], check=True,
+                            capture_output=True, text=True).stdout
+    groups = "".join(line + "\n" for line in header.splitlines() if line.startswith("@RG"))
+    (out / "reads.fq").write_text(subprocess.run(
+        ["samtools", "fastq", "-T", "FZ,ZF,RG", out / "reads.bam"], check=True,
+        capture_output=True, text=True).stdout)
     sam = subprocess.run(["minimap2", "-y", "-ax", "sr", ref, out / "reads.fq"], check=True,
                          capture_output=True, text=True).stdout
     first, rest = sam.split("\n", 1)
@@ -222,7 +224,25 @@ def test_alignments_give_the_program_output_and_the_truth(simulated, aligned, tm
     # The simulator calls a base on a flow under 0.51 now and then (10 of these 164 reads): the
     # flows do not call such a read's bases, and it is left untied.
     assert result.reads_untied * 10 <= result.reads_tied and result.reads_not_found == 0
-    assert {m["file"] for m in result.model} >= {"RG:g0", "RG:g1"}
+    assert {m["file"] for m in result.model} >= {"RG:sim", "RG:sim_b"}
+
+
+def test_an_alignment_window_is_a_contig_of_the_reference(aligned):
+    bam, ref = aligned
+    f = sorvexa.AlignmentFile(bam, ref)
+    refs = fasta(ref)
+    assert f.references == [(name, len(bases)) for name, bases in refs.items()]
+    name = f.references[0][0]
+    offset, c = f.window(name, 1000, 1400, margin=300)
+    assert offset == 700 and c.name == name
+    assert c.consensus.replace("*", "").upper() == refs[name][700:1700].upper()
+    assert c.reads and all(r.start <= len(c.consensus) for r in c.reads.values())
+    drawn, rows = c.flow_map(300, 400)
+    assert drawn and rows
+    with pytest.raises(KeyError):
+        f.window("no such reference", 0, 1)
+    with pytest.raises(ValueError):
+        f.window(name, 10, 5)
 
 
 def test_saved_model_gives_the_same_calls(simulated, tmp_path):
