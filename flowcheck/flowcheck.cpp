@@ -21,6 +21,7 @@
 #include <string_view>
 #include <vector>
 
+#include "arguments.h"
 #include "flowcheck_main.h"
 #include "output_file.h"
 
@@ -124,30 +125,16 @@ bool parse_double(std::string_view s, double& v) {
 // Options may stand anywhere before a "--"; a value follows its option as the next argument
 // or after "=". Returns 0 when the run may go on, else the exit status.
 int parse_options(int argc, char** argv, options& o) {
-    bool options_done = false;
-    for (int i = 1; i < argc; ++i) {
-        std::string arg = argv[i];
-        if (options_done || arg.size() < 2 || arg[0] != '-') {
-            o.operands.push_back(arg);
+    argument_walk walk(argc, argv);
+    for (argument a; walk.next(a);) {
+        if (!a.option) {
+            o.operands.push_back(a.name);
             continue;
         }
-        if (arg == "--") {
-            options_done = true;
-            continue;
-        }
-        std::string value;
-        bool inline_value = false;
-        if (const auto eq = arg.find('='); arg.rfind("--", 0) == 0 && eq != std::string::npos) {
-            value = arg.substr(eq + 1);
-            arg.resize(eq);
-            inline_value = true;
-        }
-        auto take_value = [&]() {
-            if (inline_value) return true;
-            if (i + 1 >= argc) return false;
-            value = argv[++i];
-            return true;
-        };
+        const std::string& arg = a.name;
+        const std::string& value = a.value;
+        const bool inline_value = a.inline_value;
+        auto take_value = [&] { return walk.take_value(a); };
         const bool takes_value = arg == "-o" || arg == "--min-signals" || arg == "--min-score" ||
                                  arg == "--min-qual" || arg == "--model" || arg == "--sigma-base" ||
                                  arg == "--sigma-slope" || arg == "--bam" || arg == "--ref" ||

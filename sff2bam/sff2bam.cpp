@@ -1,12 +1,13 @@
 // sorvexa-sff2bam: every read of one or more SFF files, in file order, as an unmapped SAM,
 // BAM or CRAM record that keeps its flowgram (FZ) and the flow of its first base (ZF), one
 // read group per SFF file.
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <htslib/hts.h>
 #include <htslib/hts_log.h>
 #include <htslib/sam.h>
+#include <sorvexa/name_table.h>
+#include <sorvexa/sff_sam.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <charconv>
@@ -21,8 +22,7 @@
 #include <type_traits>
 #include <vector>
 
-#include <sorvexa/name_table.h>
-#include <sorvexa/sff_sam.h>
+#include "arguments.h"
 #include "sff2bam_main.h"
 
 const char* const sff2bam_version = SORVEXA_VERSION;
@@ -69,31 +69,16 @@ bool ends_with(std::string_view s, std::string_view end) {
 }
 
 int parse_options(int argc, char** argv, options& o) {
-    bool options_done = false;
     bool have_out = false;
-    for (int i = 1; i < argc; ++i) {
-        std::string arg = argv[i];
-        if (options_done || arg.size() < 2 || arg[0] != '-') {
-            o.inputs.push_back(arg);
+    argument_walk walk(argc, argv, "oO@l");  // -oOUT, -Obam, -@4, -l1
+    for (argument a; walk.next(a);) {
+        if (!a.option) {
+            o.inputs.push_back(a.name);
             continue;
         }
-        if (arg == "--") {
-            options_done = true;
-            continue;
-        }
-        std::string value;
-        bool inline_value = false;
-        if (const auto eq = arg.find('='); arg.rfind("--", 0) == 0 && eq != std::string::npos) {
-            value = arg.substr(eq + 1);
-            arg.resize(eq);
-            inline_value = true;
-        } else if (arg.size() > 2 && arg[1] != '-' &&
-                   (arg[1] == 'o' || arg[1] == 'O' || arg[1] == '@' || arg[1] == 'l')) {
-            // -oOUT, -Obam, -@4, -l1
-            value = arg.substr(2);
-            arg.resize(2);
-            inline_value = true;
-        }
+        const std::string& arg = a.name;
+        std::string& value = a.value;
+        const bool inline_value = a.inline_value;
         const bool takes_value =
             arg == "-o" || arg == "-O" || arg == "-@" || arg == "--threads" || arg == "-l";
         if (!takes_value && inline_value) return usage_error("option " + arg + " takes no value");
@@ -107,10 +92,9 @@ int parse_options(int argc, char** argv, options& o) {
             o.level = 0;
         } else if (!takes_value) {
             return usage_error("unknown option " + arg);
-        } else if (!inline_value && i + 1 >= argc) {
+        } else if (!walk.take_value(a)) {
             return usage_error("option " + arg + " needs a value");
         } else {
-            if (!inline_value) value = argv[++i];
             if (arg == "-o") {
                 if (value.empty()) return usage_error("option -o needs a file name");
                 o.out = value;
@@ -119,15 +103,18 @@ int parse_options(int argc, char** argv, options& o) {
                 if (value != "bam" && value != "cram" && value != "sam" && value != "BAM" &&
                     value != "CRAM" && value != "SAM")
                     return usage_error("-O takes bam, cram or sam, not '" + value + "'");
-                for (char& c : value) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+                for (char& c : value)
+                    c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
                 o.format = value;
             } else if (arg == "-l") {
                 if (value.size() != 1 || value[0] < '0' || value[0] > '9')
-                    return usage_error("-l takes a compression level from 0 to 9, not '" + value + "'");
+                    return usage_error("-l takes a compression level from 0 to 9, not '" + value +
+                                       "'");
                 o.level = value[0] - '0';
             } else {
                 int n = -1;
-                const auto [end, ec] = std::from_chars(value.data(), value.data() + value.size(), n);
+                const auto [end, ec] =
+                    std::from_chars(value.data(), value.data() + value.size(), n);
                 if (ec != std::errc() || end != value.data() + value.size() || n < 0 || n > 1024)
                     return usage_error(arg + " takes a number of threads from 0 to 1024, not '" +
                                        value + "'");
@@ -141,9 +128,12 @@ int parse_options(int argc, char** argv, options& o) {
     if (o.format.empty() && o.out != "-") {
         std::string lower = o.out;
         for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-        if (ends_with(lower, ".bam")) o.format = "bam";
-        else if (ends_with(lower, ".cram")) o.format = "cram";
-        else if (ends_with(lower, ".sam")) o.format = "sam";
+        if (ends_with(lower, ".bam"))
+            o.format = "bam";
+        else if (ends_with(lower, ".cram"))
+            o.format = "cram";
+        else if (ends_with(lower, ".sam"))
+            o.format = "sam";
         else
             return usage_error("can not tell the format of " + o.out +
                                " (its name ends in none of .bam, .cram, .sam): give -O FORMAT");
@@ -209,7 +199,8 @@ class destination {
             }
             for (const std::string& in : inputs) {
                 struct stat si {};
-                if (::stat(in.c_str(), &si) == 0 && si.st_dev == st.st_dev && si.st_ino == st.st_ino) {
+                if (::stat(in.c_str(), &si) == 0 && si.st_dev == st.st_dev &&
+                    si.st_ino == st.st_ino) {
                     error = "the output " + out + " is the input " + in;
                     return false;
                 }
@@ -356,8 +347,8 @@ int sff2bam_main(int argc, char** argv) {
         for (std::size_t k = 0; k < files.size(); ++k) {
             sff_records& f = *files[k];
             while (f.next()) {
-                const sorvexa::status st = check_only ? writer.check(f.read())
-                                                      : writer.fill(f.read(), ids[k], record.b);
+                const sorvexa::status st =
+                    check_only ? writer.check(f.read()) : writer.fill(f.read(), ids[k], record.b);
                 if (!st)
                     return fail(f.path() + ": read " + std::to_string(f.count()) + " of " +
                                 std::to_string(f.file().header_p1.number_of_reads) + ": " +
