@@ -363,7 +363,9 @@ and strand. Reads carry their flows in FZ and ZF with their read group's FO, or 
 name in the SFF files given. Inputs that cannot serve raise FormatError with the reason.
 )doc")
         .def(py::init<const py::object&, const py::object&, const py::iterable&>(), py::arg("path"),
-             py::arg("reference"), py::arg("sff_files") = py::tuple())
+             py::arg("reference"), py::arg("sff_files") = py::tuple(),
+             "Opens the alignments and the reference (str, bytes or os.PathLike) and indexes "
+             "the SFF files that tie reads without FZ by name.")
         .def_property_readonly("references", &alignments::references,
                                "(name, length) of every reference sequence, in header order.")
         .def("window", &alignments::window, py::arg("reference"), py::arg("start"), py::arg("end"),
