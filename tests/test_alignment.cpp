@@ -27,13 +27,6 @@ std::string random_genome(std::size_t n, std::uint64_t seed) {
     return s;
 }
 
-std::string reverse_complement(const std::string& s) {
-    std::string out;
-    for (auto it = s.rbegin(); it != s.rend(); ++it)
-        out += *it == 'A' ? 'T' : *it == 'C' ? 'G' : *it == 'G' ? 'C' : 'A';
-    return out;
-}
-
 // An aligned read: SEQ as stored, its flows (from a fixture SFF read of its original strand).
 struct aligned {
     std::string name;

@@ -27,13 +27,6 @@ bool has(const std::string& s, const std::string& part) {
     return s.find(part) != std::string::npos;
 }
 
-std::string reverse_complement(const std::string& s) {
-    std::string out;
-    for (auto it = s.rbegin(); it != s.rend(); ++it)
-        out += *it == 'A' ? 'T' : *it == 'C' ? 'G' : *it == 'G' ? 'C' : 'A';
-    return out;
-}
-
 // Reads every kStep bases, every other one complemented, each SAM line with its flows; read
 // r010 holds two bases the reference lacks after its 100th.
 struct aligned_genome {

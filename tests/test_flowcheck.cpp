@@ -53,13 +53,6 @@ READ placed(const std::string& sequence, std::int32_t start = 1, bool complement
     return r;
 }
 
-std::string reverse_complement(std::string s) {
-    std::string out;
-    for (auto it = s.rbegin(); it != s.rend(); ++it)
-        out += *it == 'A' ? 'T' : *it == 'C' ? 'G' : *it == 'G' ? 'C' : 'A';
-    return out;
-}
-
 TEST(Tie, ReadsFindTheirFlowsInBothOrientationsIgnoringCaseAndPads) {
     // Flows T0 A1 C2 G3 T4 A5 C6 G7 T8 A9 C10 G11 T12 A13 C14 G15 T16 A17; the key takes
     // T0 C2 A5 G7.

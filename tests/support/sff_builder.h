@@ -107,4 +107,13 @@ std::size_t fitting_bases(std::string_view bases, std::string_view flow_chars);
 sff_read_layout make_read(std::string name, std::string bases, std::string_view flow_chars,
                           std::vector<std::uint8_t> quality, std::uint64_t seed);
 
+// Upper-case bases on the other strand (anything but A, C, G becomes A), as a complemented
+// read or a reverse-strand alignment stores them.
+inline std::string reverse_complement(std::string_view s) {
+    std::string out;
+    for (auto it = s.rbegin(); it != s.rend(); ++it)
+        out += *it == 'A' ? 'T' : *it == 'C' ? 'G' : *it == 'G' ? 'C' : 'A';
+    return out;
+}
+
 }  // namespace fixture
